@@ -1,0 +1,69 @@
+// File-system stand-in. Every path given to these functions is Windows-1252 text, as everywhere
+// inside the component; it is converted to UTF-8 just before the system call, and names read
+// back from the system are converted from UTF-8 to 1252 ('?' for what 1252 cannot hold).
+// Paths use '/' as the separator.
+#pragma once
+
+#include <cstdint>
+#include <cstdio>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace qx::fs {
+
+// 1252 path -> the UTF-8 bytes handed to the system.
+std::string ToNative(std::string_view ansiPath);
+// UTF-8 name from the system -> 1252.
+std::string FromNative(std::string_view nativeName);
+
+// Attribute bits, with the platform's values.
+enum : uint32_t {
+  kAttrReadOnly = 0x01,
+  kAttrDirectory = 0x10,
+  kAttrNormal = 0x80,
+  kInvalidAttributes = 0xFFFFFFFFu,
+};
+
+// The file's attributes, or kInvalidAttributes when nothing exists at the path.
+uint32_t GetAttributes(const std::string& path);
+// True when a file or folder exists at the path.
+bool Exists(const std::string& path);
+
+// A file opened for binary reading or writing; closed by the destructor.
+class File {
+ public:
+  File() = default;
+  ~File();
+  File(File&& other) noexcept;
+  File& operator=(File&& other) noexcept;
+  File(const File&) = delete;
+  File& operator=(const File&) = delete;
+
+  // Opens an existing regular file for reading. A folder does not open.
+  static File OpenRead(const std::string& path);
+  // Creates (or truncates) a file for writing.
+  static File CreateWrite(const std::string& path);
+
+  bool IsOpen() const { return fp_ != nullptr; }
+  // Bytes read; fewer at the end of the file or on an error.
+  size_t Read(void* buffer, size_t size);
+  // True when all bytes were written.
+  bool Write(const void* data, size_t size);
+  bool Seek(uint64_t offset);
+  uint64_t Tell() const;
+  // Size of the open file in bytes.
+  uint64_t Size() const;
+  bool AtEnd() const;
+  bool Close();
+
+ private:
+  explicit File(std::FILE* fp) : fp_(fp) {}
+  std::FILE* fp_ = nullptr;
+};
+
+// Reads a whole regular file. False when it cannot be opened or read, or is larger than maxSize.
+bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out,
+                   uint64_t maxSize = UINT64_MAX);
+
+}  // namespace qx::fs
