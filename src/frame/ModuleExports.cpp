@@ -1,0 +1,1 @@
+// The module's exported entry points (filled in with the frame).
