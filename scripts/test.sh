@@ -1,0 +1,16 @@
+#!/usr/bin/env bash
+# Builds everything with warnings as errors and runs every test suite.
+#   scripts/test.sh                 g++ (or $CXX), build/ folder
+#   BUILD_DIR=build-asan QX_SANITIZE=ON CXX=clang++ CC=clang scripts/test.sh
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/setup.sh
+build=${BUILD_DIR:-build}
+cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" \
+  -DQX_WERROR=ON -DQX_SANITIZE="${QX_SANITIZE:-OFF}" -DQX_BUILD_BENCH=ON >/dev/null
+cmake --build "$build"
+# Sample files must be exactly what the generator makes.
+tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT
+python3 scripts/make-samples.py "$tmp"
+diff -r "$tmp" samples >/dev/null || { echo "samples/ differs from scripts/make-samples.py output" >&2; exit 1; }
+ctest --test-dir "$build" --output-on-failure -j2
