@@ -1,0 +1,520 @@
+#include "platform/ui.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <termios.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <mutex>
+#include <unordered_map>
+
+#include "platform/codepage.h"
+
+namespace qx::ui {
+
+// ---- Templates --------------------------------------------------------------------------------
+
+namespace {
+std::atomic<TemplateSource> g_templateSource{nullptr};
+
+char AsciiUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
+}  // namespace
+
+TemplateSource SetTemplateSource(TemplateSource source) { return g_templateSource.exchange(source); }
+
+const DialogTemplate* FindTemplate(int id) {
+  TemplateSource source = g_templateSource.load();
+  return source != nullptr ? source(id) : nullptr;
+}
+
+char Mnemonic(const std::string& text) {
+  for (size_t i = 0; i + 1 < text.size(); ++i) {
+    if (text[i] != '&') continue;
+    if (text[i + 1] != '&') return text[i + 1];
+    ++i;  // "&&" is a literal ampersand
+  }
+  return 0;
+}
+
+std::string StripMnemonic(const std::string& text) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '&' && i + 1 < text.size()) ++i;
+    out += text[i];
+  }
+  return out;
+}
+
+// ---- DialogState ------------------------------------------------------------------------------
+
+DialogState::DialogState(const DialogTemplate& tmpl, DialogProc proc, intptr_t param)
+    : template_(tmpl), proc_(proc), param_(param), caption_(tmpl.caption) {
+  // Sized once: controls are handed out by address and must not move.
+  controls_.reserve(tmpl.items.size());
+  for (const DialogItem& item : tmpl.items) controls_.push_back({this, item.id, item.kind, item.text});
+}
+
+void DialogState::Initialize() {
+  if (initialized_) return;
+  initialized_ = true;
+  // wParam names the control that gets the focus first: the default button.
+  DialogControl* focus = nullptr;
+  for (DialogControl& c : controls_)
+    if (c.kind == DialogItem::DefPushButton) {
+      focus = &c;
+      break;
+    }
+  if (proc_ != nullptr) proc_(this, WM_INITDIALOG, reinterpret_cast<uintptr_t>(focus), param_);
+}
+
+void DialogState::Command(int controlId) {
+  if (!initialized_ || ended_ || proc_ == nullptr) return;
+  proc_(this, WM_COMMAND, MAKEWPARAM(static_cast<unsigned>(controlId), BN_CLICKED),
+        reinterpret_cast<intptr_t>(Control(controlId)));
+}
+
+DialogControl* DialogState::Control(int id) {
+  for (DialogControl& c : controls_)
+    if (c.id == id) return &c;
+  return nullptr;
+}
+
+const DialogControl* DialogState::Control(int id) const {
+  for (const DialogControl& c : controls_)
+    if (c.id == id) return &c;
+  return nullptr;
+}
+
+int DialogState::DefaultCommand() const {
+  for (const DialogControl& c : controls_)
+    if (c.kind == DialogItem::DefPushButton) return c.id;
+  return IDOK;
+}
+
+int DialogState::CommandForMnemonic(char letter) const {
+  if (letter == 0) return 0;
+  for (const DialogControl& c : controls_) {
+    if (c.kind == DialogItem::Static) continue;
+    if (AsciiUpper(Mnemonic(c.text)) == AsciiUpper(letter)) return c.id;
+  }
+  return 0;
+}
+
+void DialogState::End(intptr_t result) {
+  if (ended_) return;  // the first EndDialog wins
+  ended_ = true;
+  result_ = result;
+}
+
+// ---- FixedAnswerHost --------------------------------------------------------------------------
+
+std::string FixedAnswerHost::ShownDialog::TextOf(int controlId) const {
+  for (const auto& [id, text] : texts)
+    if (id == controlId) return text;
+  return {};
+}
+
+intptr_t FixedAnswerHost::RunModal(const DialogTemplate& tmpl, DialogState& state) {
+  state.Initialize();
+  if (state.Ended()) return state.Result();  // ended during initialisation: never shown
+  ShownDialog shown;
+  shown.templateId = tmpl.id;
+  shown.caption = state.Caption();
+  for (const DialogControl& c : state.Controls()) shown.texts.emplace_back(c.id, c.text);
+  dialogs_.push_back(std::move(shown));
+  state.Command(commandId_);
+  return state.Ended() ? state.Result() : -1;
+}
+
+int FixedAnswerHost::MessageBox(const std::string& text, const std::string& caption,
+                                unsigned type) {
+  messages_.push_back({text, caption, type});
+  return IDOK;
+}
+
+void FixedAnswerHost::Clear() {
+  dialogs_.clear();
+  messages_.clear();
+}
+
+// ---- TerminalHost -----------------------------------------------------------------------------
+
+namespace {
+
+// One terminal prompt at a time in the process: the signal handler works on these globals.
+std::mutex g_terminalMutex;
+volatile sig_atomic_t g_rawFd = -1;
+volatile sig_atomic_t g_signalled = 0;
+struct termios g_savedTermios;
+constexpr int kCaughtSignals[] = {SIGINT, SIGTERM, SIGHUP, SIGQUIT};
+constexpr size_t kSignalCount = sizeof(kCaughtSignals) / sizeof(kCaughtSignals[0]);
+struct sigaction g_oldActions[kSignalCount];
+bool g_installed[kSignalCount];
+
+// Puts the terminal back, then hands the signal on to whatever handled it before, so a
+// process killed during a prompt never leaves the terminal in raw mode.
+void RestoreTerminalOnSignal(int sig) {
+  int saved = errno;
+  int fd = g_rawFd;
+  if (fd >= 0) tcsetattr(fd, TCSANOW, &g_savedTermios);
+  g_signalled = 1;
+  for (size_t i = 0; i < kSignalCount; ++i)
+    if (kCaughtSignals[i] == sig && g_installed[i]) {
+      sigaction(sig, &g_oldActions[i], nullptr);
+      g_installed[i] = false;
+    }
+  raise(sig);
+  errno = saved;
+}
+
+// Raw mode for the life of the object: no line editing, no echo, no signals from keys (Ctrl-C
+// arrives as a byte), output processing kept so "\n" still starts a new line.
+class RawMode {
+ public:
+  explicit RawMode(int fd) : fd_(fd) {}
+  ~RawMode() { Leave(); }
+  RawMode(const RawMode&) = delete;
+  RawMode& operator=(const RawMode&) = delete;
+
+  bool Enter() {
+    struct termios saved;
+    if (tcgetattr(fd_, &saved) != 0) return false;
+    g_savedTermios = saved;
+    g_signalled = 0;
+    for (size_t i = 0; i < kSignalCount; ++i) {
+      g_installed[i] = false;
+      struct sigaction current;
+      if (sigaction(kCaughtSignals[i], nullptr, &current) != 0) continue;
+      if (current.sa_handler == SIG_IGN) continue;  // ignored signals stay ignored
+      struct sigaction action {};
+      action.sa_handler = RestoreTerminalOnSignal;
+      sigemptyset(&action.sa_mask);
+      action.sa_flags = 0;  // no SA_RESTART: a signal interrupts the wait for a key
+      g_oldActions[i] = current;
+      if (sigaction(kCaughtSignals[i], &action, nullptr) == 0) g_installed[i] = true;
+    }
+    active_ = true;
+    g_rawFd = fd_;
+    struct termios raw = saved;
+    raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG | IEXTEN);
+    raw.c_iflag &= ~static_cast<tcflag_t>(IXON | ICRNL | INLCR | IGNCR | BRKINT | ISTRIP);
+    raw.c_cc[VMIN] = 1;
+    raw.c_cc[VTIME] = 0;
+    // TCSAFLUSH drops keys typed before the prompt appeared: they must not answer it.
+    if (tcsetattr(fd_, TCSAFLUSH, &raw) != 0) {
+      Leave();
+      return false;
+    }
+    return true;
+  }
+
+  void Leave() {
+    if (!active_) return;
+    active_ = false;
+    g_rawFd = -1;
+    tcsetattr(fd_, TCSADRAIN, &g_savedTermios);
+    for (size_t i = 0; i < kSignalCount; ++i)
+      if (g_installed[i]) {
+        sigaction(kCaughtSignals[i], &g_oldActions[i], nullptr);
+        g_installed[i] = false;
+      }
+  }
+
+ private:
+  int fd_;
+  bool active_ = false;
+};
+
+class TtyFile {
+ public:
+  explicit TtyFile(const std::string& device)
+      : fd_(open(device.c_str(), O_RDWR | O_NOCTTY | O_CLOEXEC)) {}
+  ~TtyFile() {
+    if (fd_ >= 0) close(fd_);
+  }
+  TtyFile(const TtyFile&) = delete;
+  TtyFile& operator=(const TtyFile&) = delete;
+  int fd() const { return fd_; }
+
+ private:
+  int fd_;
+};
+
+void WriteAll(int fd, const std::string& text) {
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return;
+    done += static_cast<size_t>(n);
+  }
+}
+
+// 1252 text for the screen: control characters (which could move the cursor or start escape
+// sequences) become '?', line feeds stay; then UTF-8.
+std::string ForScreen(const std::string& ansi) {
+  std::string clean = ansi;
+  for (char& ch : clean) {
+    auto b = static_cast<unsigned char>(ch);
+    bool c0 = b < 0x20 && b != '\n';
+    bool c1 = b == 0x7F || b == 0x81 || b == 0x8D || b == 0x8F || b == 0x90 || b == 0x9D;
+    if (c0 || c1) ch = '?';
+  }
+  return codepage::AnsiToUtf8(clean);
+}
+
+std::string Heading(const std::string& caption) {
+  std::string line = "\n" + ForScreen(caption) + "\n";
+  line.append(caption.empty() ? 0 : caption.size(), '-');
+  return line + "\n";
+}
+
+// "Replace &All" -> "Replace [A]ll"; "&&" -> "&".
+std::string ButtonLabel(const std::string& text) {
+  std::string out;
+  for (size_t i = 0; i < text.size(); ++i) {
+    if (text[i] == '&' && i + 1 < text.size()) {
+      ++i;
+      if (text[i] == '&')
+        out += '&';
+      else
+        out += std::string("[") + text[i] + "]";
+      continue;
+    }
+    out += text[i];
+  }
+  return ForScreen(out);
+}
+
+constexpr int kTimeout = -1;
+constexpr int kClosed = -2;
+constexpr int kInterrupted = -3;
+constexpr unsigned char kEsc = 0x1B;
+constexpr unsigned char kCtrlC = 0x03;
+// How long a following byte may take to count as part of the same key (Alt+letter, arrows).
+constexpr int kSequenceMs = 80;
+
+// One byte from the terminal; kTimeout after timeoutMs (negative: wait for ever), kClosed
+// when the terminal is gone, kInterrupted when a caught signal arrived.
+int ReadByte(int fd, int timeoutMs) {
+  for (;;) {
+    if (g_signalled) return kInterrupted;
+    struct pollfd p {fd, POLLIN, 0};
+    int ready = poll(&p, 1, timeoutMs);
+    if (ready < 0) {
+      if (errno == EINTR) continue;
+      return kClosed;
+    }
+    if (ready == 0) return kTimeout;
+    if ((p.revents & POLLIN) == 0) return kClosed;
+    unsigned char byte = 0;
+    ssize_t n = read(fd, &byte, 1);
+    if (n == 1) return byte;
+    if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
+    return kClosed;
+  }
+}
+
+// The rest of a terminal escape sequence (cursor keys and the like), read and dropped.
+void SkipSequence(int fd, int introducer) {
+  if (introducer == 'O') {
+    ReadByte(fd, kSequenceMs);
+    return;
+  }
+  for (int i = 0; i < 16; ++i) {
+    int b = ReadByte(fd, kSequenceMs);
+    if (b < 0 || (b >= 0x40 && b <= 0x7E)) return;
+  }
+}
+
+bool IsMnemonicKey(int b) { return b > 0x20 && b < 0x7F; }
+
+// What a key press means: a command id, 0 for a key that does nothing, or kClosed /
+// kInterrupted when the prompt cannot go on.
+int NextCommand(int fd, const DialogState& state) {
+  int b = ReadByte(fd, -1);
+  if (b == kClosed || b == kInterrupted) return b;
+  if (b == '\r' || b == '\n') return state.DefaultCommand();
+  if (b == kCtrlC) return IDCANCEL;
+  if (b == kEsc) {
+    int next = ReadByte(fd, kSequenceMs);
+    if (next == kTimeout) return IDCANCEL;  // Esc on its own
+    if (next == kClosed || next == kInterrupted) return next;
+    if (next == '[' || next == 'O') {
+      SkipSequence(fd, next);
+      return 0;
+    }
+    if (IsMnemonicKey(next)) return state.CommandForMnemonic(static_cast<char>(next));
+    return 0;
+  }
+  if (IsMnemonicKey(b)) return state.CommandForMnemonic(static_cast<char>(b));
+  return 0;
+}
+
+}  // namespace
+
+intptr_t TerminalHost::RunModal(const DialogTemplate&, DialogState& state) {
+  std::lock_guard<std::mutex> lock(g_terminalMutex);
+  TtyFile tty(device_);
+  if (tty.fd() < 0) return -1;
+  RawMode raw(tty.fd());
+  if (!raw.Enter()) return -1;
+
+  state.Initialize();
+  if (state.Ended()) return state.Result();
+
+  std::string screen = Heading(state.Caption());
+  for (const DialogControl& c : state.Controls())
+    if (c.kind == DialogItem::Static && !c.text.empty()) screen += ForScreen(c.text) + "\n";
+  screen += "\n ";
+  for (const DialogControl& c : state.Controls()) {
+    if (c.kind == DialogItem::Static) continue;
+    std::string label = ButtonLabel(c.text);
+    screen += c.kind == DialogItem::DefPushButton ? " <" + label + ">" : "  " + label + " ";
+  }
+  WriteAll(tty.fd(), screen + " ");
+
+  for (;;) {
+    int command = NextCommand(tty.fd(), state);
+    bool mustEnd = command == kClosed || command == kInterrupted;
+    if (mustEnd) command = IDCANCEL;
+    if (command == 0) {
+      WriteAll(tty.fd(), "\a");
+      continue;
+    }
+    state.Command(command);
+    if (state.Ended()) {
+      const DialogControl* pressed = state.Control(command);
+      WriteAll(tty.fd(), "\n-> " + (pressed ? ButtonLabel(pressed->text) : std::string()) + "\n");
+      return state.Result();
+    }
+    if (mustEnd) {
+      WriteAll(tty.fd(), "\n");
+      return -1;
+    }
+  }
+}
+
+int TerminalHost::MessageBox(const std::string& text, const std::string& caption, unsigned) {
+  std::lock_guard<std::mutex> lock(g_terminalMutex);
+  TtyFile tty(device_);
+  if (tty.fd() < 0) return 0;
+  RawMode raw(tty.fd());
+  if (!raw.Enter()) return 0;
+  WriteAll(tty.fd(), Heading(caption) + ForScreen(text) + "\n\n  <OK>  ");
+  for (;;) {
+    int b = ReadByte(tty.fd(), -1);
+    if (b == kEsc) ReadByte(tty.fd(), kSequenceMs);  // Esc alone, or the start of a key
+    // A box with only OK closes with OK whichever way it is closed.
+    if (b == '\r' || b == '\n' || b == kEsc || b == kCtrlC || b == kClosed || b == kInterrupted)
+      break;
+    WriteAll(tty.fd(), "\a");
+  }
+  WriteAll(tty.fd(), "\n");
+  return IDOK;
+}
+
+// ---- Owner windows ----------------------------------------------------------------------------
+
+namespace {
+
+struct OwnerTable {
+  std::mutex mutex;
+  // Handle values are multiples of 16 from here on, never reused.
+  uintptr_t next = 0x10000;
+  std::unordered_map<uintptr_t, std::shared_ptr<Host>> hosts;
+};
+
+OwnerTable& Owners() {
+  static OwnerTable table;
+  return table;
+}
+
+}  // namespace
+
+HWND BindOwnerWindow(std::shared_ptr<Host> host) {
+  if (!host) return nullptr;
+  OwnerTable& t = Owners();
+  std::lock_guard<std::mutex> lock(t.mutex);
+  uintptr_t value = t.next;
+  t.next += 16;
+  t.hosts.emplace(value, std::move(host));
+  return reinterpret_cast<HWND>(value);
+}
+
+void ReleaseOwnerWindow(HWND owner) {
+  OwnerTable& t = Owners();
+  std::lock_guard<std::mutex> lock(t.mutex);
+  t.hosts.erase(reinterpret_cast<uintptr_t>(owner));
+}
+
+std::shared_ptr<Host> HostOf(HWND owner) {
+  if (owner == nullptr) return nullptr;
+  OwnerTable& t = Owners();
+  std::lock_guard<std::mutex> lock(t.mutex);
+  auto it = t.hosts.find(reinterpret_cast<uintptr_t>(owner));
+  return it != t.hosts.end() ? it->second : nullptr;
+}
+
+// ---- Platform calls ---------------------------------------------------------------------------
+
+intptr_t DialogBoxParamA(HWND owner, int templateId, DialogProc proc, intptr_t param) {
+  try {
+    std::shared_ptr<Host> host = HostOf(owner);
+    if (!host) return 0;
+    const DialogTemplate* tmpl = FindTemplate(templateId);
+    if (tmpl == nullptr || proc == nullptr) return -1;
+    DialogState state(*tmpl, proc, param);
+    host->RunModal(*tmpl, state);
+    return state.Ended() ? state.Result() : -1;
+  } catch (...) {
+    return -1;
+  }
+}
+
+BOOL EndDialog(DialogHandle dlg, intptr_t result) {
+  if (dlg == nullptr) return 0;
+  dlg->End(result);
+  return 1;
+}
+
+ControlHandle GetDlgItem(DialogHandle dlg, int id) { return dlg != nullptr ? dlg->Control(id) : nullptr; }
+
+BOOL SetWindowTextA(ControlHandle control, const char* text) {
+  if (control == nullptr) return 0;
+  control->text = text != nullptr ? text : "";
+  return 1;
+}
+
+BOOL SetWindowTextA(DialogHandle dlg, const char* text) {
+  if (dlg == nullptr) return 0;
+  dlg->SetCaption(text != nullptr ? text : "");
+  return 1;
+}
+
+intptr_t SetWindowLongPtrA(DialogHandle dlg, int index, intptr_t value) {
+  if (dlg == nullptr || index != DWLP_USER) return 0;
+  intptr_t previous = dlg->UserData();
+  dlg->SetUserData(value);
+  return previous;
+}
+
+intptr_t GetWindowLongPtrA(DialogHandle dlg, int index) {
+  return (dlg != nullptr && index == DWLP_USER) ? dlg->UserData() : 0;
+}
+
+int MessageBoxA(HWND owner, const char* text, const char* caption, unsigned type) {
+  try {
+    std::shared_ptr<Host> host = HostOf(owner);
+    if (!host) return 0;
+    return host->MessageBox(text != nullptr ? text : "", caption != nullptr ? caption : "", type);
+  } catch (...) {
+    return 0;
+  }
+}
+
+}  // namespace qx::ui
