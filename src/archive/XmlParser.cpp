@@ -1,0 +1,321 @@
+#include "archive/XmlParser.h"
+
+#include <cstring>
+#include <vector>
+
+namespace qx::xml {
+
+namespace {
+
+bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
+
+struct Entity {
+  std::string_view name;  // after '&', with ';'
+  char value;
+};
+
+// Decoding the five entities one after another ("&lt;" first, "&amp;" last) equals one
+// left-to-right pass that does not rescan what it wrote: no replacement can complete another
+// entity, and the '&' that "&amp;" yields is produced by the last pass. So "&amp;lt;" gives
+// "&lt;", one level removed.
+template <size_t N>
+size_t Decode(char* text, size_t size, const Entity (&entities)[N]) {
+  char* amp = static_cast<char*>(std::memchr(text, '&', size));
+  if (amp == nullptr) return size;
+  size_t in = static_cast<size_t>(amp - text);
+  size_t out = in;
+  while (in < size) {
+    char c = text[in];
+    if (c == '&') {
+      std::string_view rest(text + in + 1, size - in - 1);
+      bool replaced = false;
+      for (const Entity& e : entities) {
+        if (rest.substr(0, e.name.size()) == e.name) {
+          text[out++] = e.value;
+          in += 1 + e.name.size();
+          replaced = true;
+          break;
+        }
+      }
+      if (replaced) continue;
+    }
+    text[out++] = c;
+    ++in;
+  }
+  return out;
+}
+
+constexpr Entity kContentEntities[] = {
+    {"lt;", '<'}, {"apos;", '\''}, {"gt;", '>'}, {"quot;", '"'}, {"amp;", '&'}};
+constexpr Entity kAttributeEntities[] = {{"lt;", '<'}, {"gt;", '>'}, {"quot;", '"'}, {"amp;", '&'}};
+
+class Parser {
+ public:
+  Parser(Document& doc, char* text, size_t size) : doc_(doc), s_(text), n_(size) {}
+
+  bool Run(std::string& error);
+
+ private:
+  struct Open {
+    Node* node;
+    std::string joined;  // content while an element has two or more text pieces
+    uint32_t pieces = 0;
+  };
+
+  bool StartsWith(size_t at, std::string_view what) const {
+    return n_ - at >= what.size() && std::memcmp(s_ + at, what.data(), what.size()) == 0;
+  }
+  // Position of `what` at or after `from`, or npos.
+  size_t Find(size_t from, std::string_view what) const {
+    std::string_view all(s_, n_);
+    return all.find(what, from);
+  }
+  void SkipBlanks() {
+    while (i_ < n_ && IsBlank(s_[i_])) ++i_;
+  }
+
+  void AddText(size_t begin, size_t end);
+  void AddPiece(std::string_view piece);
+  void Close();
+  bool ParseDeclaration(std::string& error);
+  bool ParseStartTag(std::string& error);
+  // Attributes up to the end of a tag; `declaration` selects "?>" as the end and no decoding.
+  bool ParseAttributes(Node* node, bool declaration, bool& emptyElement);
+  bool ParseDoctype(std::string& error);
+
+  Document& doc_;
+  char* s_;
+  size_t n_;
+  size_t i_ = 0;
+  std::vector<Open> open_;
+  bool rootClosed_ = false;
+};
+
+void Parser::AddText(size_t begin, size_t end) {
+  while (begin < end && IsBlank(s_[begin])) ++begin;
+  while (end > begin && IsBlank(s_[end - 1])) --end;
+  if (begin == end || open_.empty()) return;  // text outside the root is dropped
+  size_t len = DecodeContent(s_ + begin, end - begin);
+  AddPiece(std::string_view(s_ + begin, len));
+}
+
+void Parser::AddPiece(std::string_view piece) {
+  Open& top = open_.back();
+  if (top.pieces == 0) {
+    top.node->content = piece;
+  } else {
+    if (top.pieces == 1) top.joined.assign(top.node->content);
+    top.joined += ' ';
+    top.joined += piece;
+  }
+  ++top.pieces;
+}
+
+void Parser::Close() {
+  Open& top = open_.back();
+  if (top.pieces >= 2) top.node->content = doc_.arena().Copy(top.joined);
+  open_.pop_back();
+  if (open_.empty()) rootClosed_ = true;
+}
+
+bool Parser::Run(std::string& error) {
+  while (i_ < n_ && !rootClosed_) {
+    const char* lt = static_cast<const char*>(std::memchr(s_ + i_, '<', n_ - i_));
+    size_t at = lt != nullptr ? static_cast<size_t>(lt - s_) : n_;
+    if (at > i_) AddText(i_, at);
+    i_ = at;
+    if (i_ >= n_) break;
+
+    if (StartsWith(i_, "<?xml ")) {
+      if (!ParseDeclaration(error)) return false;
+    } else if (StartsWith(i_, "<?")) {
+      size_t end = Find(i_ + 2, "?>");
+      if (end == std::string_view::npos) {
+        error = "Unclosed processing instruction";
+        return false;
+      }
+      doc_.preamble.append(s_ + i_, end + 2 - i_);
+      doc_.preamble += '\n';
+      i_ = end + 2;
+    } else if (StartsWith(i_, "<!--")) {
+      size_t end = Find(i_ + 4, "-->");
+      if (end == std::string_view::npos) {
+        error = "Unclosed comment";
+        return false;
+      }
+      i_ = end + 3;
+    } else if (StartsWith(i_, "<!DOCTYPE")) {
+      if (!ParseDoctype(error)) return false;
+    } else if (StartsWith(i_, "<![CDATA[")) {
+      size_t end = Find(i_ + 9, "]]>");
+      if (end == std::string_view::npos) {
+        error = "Unclosed CDATA section";
+        return false;
+      }
+      if (!open_.empty()) {
+        open_.back().node->cdata = true;
+        AddPiece(std::string_view(s_ + i_ + 9, end - i_ - 9));
+      }
+      i_ = end + 3;
+    } else if (StartsWith(i_, "<!")) {
+      const void* gt = std::memchr(s_ + i_, '>', n_ - i_);
+      if (gt == nullptr) {
+        error = "Unclosed markup declaration";
+        return false;
+      }
+      i_ = static_cast<size_t>(static_cast<const char*>(gt) - s_) + 1;
+    } else if (StartsWith(i_, "</")) {
+      const void* gt = std::memchr(s_ + i_, '>', n_ - i_);
+      if (gt == nullptr) {
+        error = "Error in closing tag";
+        return false;
+      }
+      i_ = static_cast<size_t>(static_cast<const char*>(gt) - s_) + 1;
+      if (!open_.empty()) Close();  // a stray end tag before the root is ignored
+    } else {
+      if (!ParseStartTag(error)) return false;
+    }
+  }
+  if (doc_.root == nullptr) {
+    error = "No root element";
+    return false;
+  }
+  // Elements still open at the end are kept as they stand.
+  while (!open_.empty()) Close();
+  return true;
+}
+
+bool Parser::ParseDeclaration(std::string& error) {
+  i_ += 6;  // "<?xml "
+  doc_.hasDeclaration = true;
+  doc_.declaration.clear();
+  bool unused = false;
+  if (!ParseAttributes(nullptr, true, unused)) {
+    error = "Error in XML declaration";
+    return false;
+  }
+  return true;
+}
+
+bool Parser::ParseDoctype(std::string& error) {
+  size_t depth = 0;
+  for (size_t j = i_; j < n_; ++j) {
+    if (s_[j] == '<') {
+      ++depth;
+    } else if (s_[j] == '>' && --depth == 0) {
+      doc_.preamble.append(s_ + i_, j + 1 - i_);
+      doc_.preamble += '\n';
+      i_ = j + 1;
+      return true;
+    }
+  }
+  error = "Failed to parse DTD";
+  return false;
+}
+
+bool Parser::ParseStartTag(std::string& error) {
+  size_t begin = ++i_;
+  while (i_ < n_ && !IsBlank(s_[i_]) && s_[i_] != '/' && s_[i_] != '>') ++i_;
+  Node* node = doc_.arena().New<Node>();
+  node->doc = &doc_;
+  node->tag = std::string_view(s_ + begin, i_ - begin);
+  bool emptyElement = false;
+  if (!ParseAttributes(node, false, emptyElement)) {
+    error = "Error in start tag";
+    return false;
+  }
+  if (doc_.root == nullptr) {
+    doc_.root = node;
+  } else {
+    LinkLastChild(open_.back().node, node);
+  }
+  open_.push_back(Open{node, {}, 0});
+  if (emptyElement) Close();
+  return true;
+}
+
+bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
+  for (;;) {
+    SkipBlanks();
+    if (i_ >= n_) return false;
+    if (declaration && StartsWith(i_, "?>")) {
+      i_ += 2;
+      return true;
+    }
+    if (!declaration && s_[i_] == '>') {
+      ++i_;
+      return true;
+    }
+    if (!declaration && StartsWith(i_, "/>")) {
+      i_ += 2;
+      emptyElement = true;
+      return true;
+    }
+    size_t nameBegin = i_;
+    while (i_ < n_ && !IsBlank(s_[i_]) && s_[i_] != '=' && s_[i_] != '>' &&
+           !(declaration ? StartsWith(i_, "?>") : StartsWith(i_, "/>"))) {
+      ++i_;
+    }
+    std::string_view name(s_ + nameBegin, i_ - nameBegin);
+    if (name.empty() && i_ < n_ && s_[i_] != '=') {
+      ++i_;  // a stray '>' inside a declaration, or similar: step over it
+      continue;
+    }
+    SkipBlanks();
+    std::string_view value;
+    if (i_ < n_ && s_[i_] == '=') {
+      ++i_;
+      SkipBlanks();
+      if (i_ >= n_) return false;
+      char quote = s_[i_];
+      size_t valueBegin;
+      size_t valueEnd;
+      if (quote == '"' || quote == '\'') {
+        valueBegin = i_ + 1;
+        const void* close = std::memchr(s_ + valueBegin, quote, n_ - valueBegin);
+        if (close == nullptr) return false;
+        valueEnd = static_cast<size_t>(static_cast<const char*>(close) - s_);
+        i_ = valueEnd + 1;
+      } else {
+        valueBegin = i_;
+        while (i_ < n_ && !IsBlank(s_[i_]) &&
+               !(declaration ? StartsWith(i_, "?>")
+                             : (s_[i_] == '>' || StartsWith(i_, "/>")))) {
+          ++i_;
+        }
+        valueEnd = i_;
+      }
+      size_t len = valueEnd - valueBegin;
+      if (!declaration) len = DecodeAttribute(s_ + valueBegin, len);
+      value = std::string_view(s_ + valueBegin, len);
+    }
+    if (declaration) {
+      doc_.declaration.emplace_back(std::string(name), std::string(value));
+    } else {
+      Attr* a = doc_.arena().New<Attr>();
+      a->name = name;
+      a->value = value;
+      (node->lastAttr != nullptr ? node->lastAttr->next : node->firstAttr) = a;
+      node->lastAttr = a;
+    }
+  }
+}
+
+}  // namespace
+
+size_t DecodeContent(char* text, size_t size) { return Decode(text, size, kContentEntities); }
+size_t DecodeAttribute(char* text, size_t size) {
+  return Decode(text, size, kAttributeEntities);
+}
+
+std::unique_ptr<Document> ParseDocument(std::string_view text, std::string& error) {
+  auto doc = std::make_unique<Document>();
+  char* copy = doc->arena().AllocateText(text.size() + 1);
+  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
+  Parser parser(*doc, copy, text.size());
+  if (!parser.Run(error)) return nullptr;
+  doc->indexValid = false;
+  return doc;
+}
+
+}  // namespace qx::xml
