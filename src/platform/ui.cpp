@@ -374,9 +374,9 @@ intptr_t TerminalHost::RunModal(const DialogTemplate&, DialogState& state) {
   for (const DialogControl& c : state.Controls()) {
     if (c.kind == DialogItem::Static) continue;
     std::string label = ButtonLabel(c.text);
-    screen += c.kind == DialogItem::DefPushButton ? " <" + label + ">" : "  " + label + " ";
+    screen += c.kind == DialogItem::DefPushButton ? " <" + label + ">" : "  " + label;
   }
-  WriteAll(tty.fd(), screen + " ");
+  WriteAll(tty.fd(), screen + "  ");
 
   for (;;) {
     int command = NextCommand(tty.fd(), state);
@@ -389,7 +389,8 @@ intptr_t TerminalHost::RunModal(const DialogTemplate&, DialogState& state) {
     state.Command(command);
     if (state.Ended()) {
       const DialogControl* pressed = state.Control(command);
-      WriteAll(tty.fd(), "\n-> " + (pressed ? ButtonLabel(pressed->text) : std::string()) + "\n");
+      std::string answer = pressed != nullptr ? ForScreen(StripMnemonic(pressed->text)) : "";
+      WriteAll(tty.fd(), "\n-> " + answer + "\n");
       return state.Result();
     }
     if (mustEnd) {

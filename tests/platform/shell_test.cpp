@@ -1,0 +1,99 @@
+#include "platform/shell.h"
+
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+#include <vector>
+
+namespace qx::shell {
+namespace {
+
+// Removes the observer when the test ends, pass or fail, so tests do not see each other's.
+struct ScopedObserver {
+  explicit ScopedObserver(Observer fn) : token(AddObserver(std::move(fn))) {}
+  ~ScopedObserver() { RemoveObserver(token); }
+  ObserverToken token;
+};
+
+TEST(ShellNotify, CopiesItemsByKind) {
+  struct Row {
+    const char* name;
+    LONG eventId;
+    UINT flags;
+    const char* item1;
+    const char* item2;
+    std::string want1;
+    bool present2;
+  };
+  const Row rows[] = {
+      {"group written", SHCNE_UPDATEDIR, SHCNF_PATHA | SHCNF_FLUSHNOWAIT, "/g/a.qxg", nullptr,
+       "/g/a.qxg", false},
+      {"new group", SHCNE_CREATE, SHCNF_PATHA | SHCNF_FLUSHNOWAIT, "/g/new.qxg", nullptr,
+       "/g/new.qxg", false},
+      {"1252 bytes kept", SHCNE_CREATE, SHCNF_PATHA, "/g/caf\xE9.qxg", "/g/x", "/g/caf\xE9.qxg",
+       true},
+      // Not a path: the pointer is opaque, so nothing is read through it.
+      {"id list", SHCNE_UPDATEDIR, 0, "opaque", nullptr, "", false},
+  };
+  std::vector<ChangeEvent> seen;
+  ScopedObserver observer([&](const ChangeEvent& e) { seen.push_back(e); });
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    seen.clear();
+    SHChangeNotify(row.eventId, row.flags, row.item1, row.item2);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].eventId, row.eventId);
+    EXPECT_EQ(seen[0].flags, row.flags);
+    EXPECT_EQ(seen[0].item1, row.want1);
+    EXPECT_TRUE(seen[0].item1Present);
+    EXPECT_EQ(seen[0].item2Present, row.present2);
+  }
+  EXPECT_EQ(SHCNF_PATHA | SHCNF_FLUSHNOWAIT, 0x2001u);
+}
+
+TEST(ShellNotify, DeliversInOrderUntilRemoved) {
+  std::vector<int> calls;
+  ObserverToken first = AddObserver([&](const ChangeEvent&) { calls.push_back(1); });
+  ScopedObserver second([&](const ChangeEvent&) { calls.push_back(2); });
+  ASSERT_NE(first, 0u);
+  ASSERT_NE(first, second.token);
+
+  SHChangeNotify(SHCNE_UPDATEDIR, SHCNF_PATHA, "a", nullptr);
+  EXPECT_EQ(calls, (std::vector<int>{1, 2}));
+
+  RemoveObserver(first);
+  RemoveObserver(first);  // twice is harmless
+  calls.clear();
+  SHChangeNotify(SHCNE_UPDATEDIR, SHCNF_PATHA, "a", nullptr);
+  EXPECT_EQ(calls, (std::vector<int>{2}));
+
+  EXPECT_EQ(AddObserver(Observer()), 0u);
+}
+
+TEST(ShellNotify, ObserverMayRemoveObserversWhileCalled) {
+  std::vector<int> calls;
+  ObserverToken self = 0;
+  ObserverToken later = 0;
+  self = AddObserver([&](const ChangeEvent&) {
+    calls.push_back(1);
+    RemoveObserver(self);
+    RemoveObserver(later);
+  });
+  ScopedObserver thrower([&](const ChangeEvent&) {
+    calls.push_back(2);
+    throw std::runtime_error("observer failure");
+  });
+  later = AddObserver([&](const ChangeEvent&) { calls.push_back(3); });
+  ScopedObserver last([&](const ChangeEvent&) { calls.push_back(4); });
+
+  SHChangeNotify(SHCNE_CREATE, SHCNF_PATHA, "g", nullptr);
+  // The removed later observer is not called; the throwing one does not stop the last.
+  EXPECT_EQ(calls, (std::vector<int>{1, 2, 4}));
+
+  calls.clear();
+  SHChangeNotify(SHCNE_CREATE, SHCNF_PATHA, "g", nullptr);
+  EXPECT_EQ(calls, (std::vector<int>{2, 4}));
+}
+
+}  // namespace
+}  // namespace qx::shell
