@@ -1,0 +1,140 @@
+// Real IMS manifests written by other tools: parsed, searched breadth-first, serialised.
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "archive/VxXml.h"
+
+namespace qx {
+namespace {
+
+std::string CorpusFile(const char* name) {
+  return std::string(QX_CORPUS_DIR "/ims/") + name;
+}
+
+std::string Raw(const char* name) {
+  std::ifstream in(CorpusFile(name), std::ios::binary);
+  std::stringstream s;
+  s << in.rdbuf();
+  return s.str();
+}
+
+size_t Occurrences(const std::string& text, const std::string& what) {
+  size_t n = 0;
+  for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+  return n;
+}
+
+std::string ContentOf(const VxXml& e) {
+  VxString s;
+  e.GetContent(s);
+  return s.GetString();
+}
+
+int Depth(const VxXml& e) {
+  int depth = 0;
+  for (auto p = e.GetParent(); p; p = p->GetParent()) ++depth;
+  return depth;
+}
+
+TEST(XmlCorpus, ManifestsParseAndEveryElementIsFound) {
+  struct Row {
+    const char* file;
+    const char* tag;  // counted against the start tags in the raw text
+  } rows[] = {
+      {"qtiworks_reading_imsmanifest.xml", "imsmd:langstring"},
+      {"pyslet_qtiv1_outputv2_imsmanifest.xml", "imsmd:title"},
+      {"pyslet_package_3_imsmanifest.xml", "file"},
+      {"pyslet_imscc11_sample1_imsmanifest.xml", "resource"},
+      {"jcputney_WithMetadata_SCORM12_imsmanifest.xml", "item"},
+      {"jcputney_WithMetadata_SCORM12_metadata.xml", "langstring"},
+      {"reload_interink_imsmanifest.xml", "file"},
+      {"pyslet_yingguo_imsmanifest.xml", "manifest"},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.file);
+    VxXml doc;
+    ASSERT_TRUE(doc.LoadXmlFile(CorpusFile(row.file).c_str()));
+    std::string raw = Raw(row.file);
+    size_t expected = Occurrences(raw, std::string("<") + row.tag + ">") +
+                      Occurrences(raw, std::string("<") + row.tag + " ") +
+                      Occurrences(raw, std::string("<") + row.tag + "\n") +
+                      Occurrences(raw, std::string("<") + row.tag + "\r") +
+                      Occurrences(raw, std::string("<") + row.tag + "\t") +
+                      Occurrences(raw, std::string("<") + row.tag + "/");
+    size_t found = 0;
+    int lastDepth = 0;
+    for (auto e = doc.FindTag(nullptr, row.tag); e; e = doc.FindTag(e.get(), row.tag)) {
+      ++found;
+      int depth = Depth(*e);
+      EXPECT_GE(depth, lastDepth);  // breadth-first: never back up a level
+      lastDepth = depth;
+    }
+    EXPECT_EQ(found, expected);
+    VxString xml;
+    ASSERT_TRUE(doc.GetXml(xml));
+    // Our own output reads back with the same elements (folding may move line breaks).
+    VxXml again;
+    ASSERT_TRUE(again.LoadXml(xml.GetString()));
+    size_t refound = 0;
+    for (auto e = again.FindTag(nullptr, row.tag); e; e = again.FindTag(e.get(), row.tag)) {
+      ++refound;
+    }
+    EXPECT_EQ(refound, expected);
+  }
+}
+
+TEST(XmlCorpus, MetadataLookupsFindTheShallowestElement) {
+  VxXml doc;
+  ASSERT_TRUE(doc.LoadXmlFile(CorpusFile("qtiworks_reading_imsmanifest.xml").c_str()));
+  auto title = doc.FindTag(nullptr, "imsmd:title");
+  ASSERT_TRUE(title);
+  EXPECT_EQ(Depth(*title), 4);  // manifest > metadata > imsmd:lom > imsmd:general > title
+  auto lang = title->FindTag(nullptr, "imsmd:langstring");
+  ASSERT_TRUE(lang);
+  EXPECT_EQ(ContentOf(*lang), "Projectile Trajectory");
+  VxString l;
+  EXPECT_TRUE(lang->GetAttribute("xml:lang", l));
+  EXPECT_EQ(l.Compare("en"), 0);
+
+  VxXml cc;
+  ASSERT_TRUE(cc.LoadXmlFile(CorpusFile("pyslet_imscc11_sample1_imsmanifest.xml").c_str()));
+  EXPECT_FALSE(cc.FindTag(nullptr, "imsmd:title"));
+
+  VxXml vcard;
+  ASSERT_TRUE(vcard.LoadXmlFile(CorpusFile("pyslet_qtiv1_outputv2_imsmanifest.xml").c_str()));
+  auto card = vcard.FindTagWithContent(nullptr, "imsmd:vcard", "BEGIN:VCARD&#xD;*");
+  ASSERT_TRUE(card);
+  VxString written;
+  card->GetXml(written);
+  EXPECT_NE(std::string(written.GetString()).find("BEGIN:VCARD&#xD;\nVERSION:3.0&#xD;"),
+            std::string::npos);
+}
+
+TEST(XmlCorpus, SmallManifestsSerialiseExactly) {
+  VxXml doc;
+  ASSERT_TRUE(doc.LoadXmlFile(CorpusFile("pyslet_yingguo_imsmanifest.xml").c_str()));
+  VxString xml;
+  doc.GetXml(xml);
+  EXPECT_STREQ(xml.GetString(),
+               "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n\r\n<manifest "
+               "xmlns=\"http://www.imsglobal.org/xsd/imscp_v1p1\" "
+               "identifier=\"manifest\"></manifest>\r\n");
+}
+
+TEST(XmlCorpus, MalformedManifestsDoNotCrash) {
+  for (const char* name : {"jcputney_MalformedXml_SCORM12_imsmanifest.xml"}) {
+    SCOPED_TRACE(name);
+    VxXml doc;
+    if (doc.LoadXmlFile(CorpusFile(name).c_str())) {
+      VxString xml;
+      EXPECT_TRUE(doc.GetXml(xml));
+      EXPECT_TRUE(doc.FindTag(nullptr, "manifest"));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qx
