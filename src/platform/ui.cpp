@@ -23,7 +23,9 @@ std::atomic<TemplateSource> g_templateSource{nullptr};
 char AsciiUpper(char c) { return (c >= 'a' && c <= 'z') ? static_cast<char>(c - 'a' + 'A') : c; }
 }  // namespace
 
-TemplateSource SetTemplateSource(TemplateSource source) { return g_templateSource.exchange(source); }
+TemplateSource SetTemplateSource(TemplateSource source) {
+  return g_templateSource.exchange(source);
+}
 
 const DialogTemplate* FindTemplate(int id) {
   TemplateSource source = g_templateSource.load();
@@ -55,7 +57,8 @@ DialogState::DialogState(const DialogTemplate& tmpl, DialogProc proc, intptr_t p
     : template_(tmpl), proc_(proc), param_(param), caption_(tmpl.caption) {
   // Sized once: controls are handed out by address and must not move.
   controls_.reserve(tmpl.items.size());
-  for (const DialogItem& item : tmpl.items) controls_.push_back({this, item.id, item.kind, item.text});
+  for (const DialogItem& item : tmpl.items)
+    controls_.push_back({this, item.id, item.kind, item.text});
 }
 
 void DialogState::Initialize() {
@@ -146,7 +149,10 @@ void FixedAnswerHost::Clear() {
 namespace {
 
 // One terminal prompt at a time in the process: the signal handler works on these globals.
-std::mutex g_terminalMutex;
+// Recursive, so a dialog procedure may itself show a message box; only the outermost prompt
+// switches modes and handlers (g_depth counts the prompts open on this thread).
+std::recursive_mutex g_terminalMutex;
+int g_depth = 0;
 volatile sig_atomic_t g_rawFd = -1;
 volatile sig_atomic_t g_signalled = 0;
 struct termios g_savedTermios;
@@ -183,6 +189,13 @@ class RawMode {
   bool Enter() {
     struct termios saved;
     if (tcgetattr(fd_, &saved) != 0) return false;
+    if (g_depth > 0) {
+      // Inside another prompt: the terminal is raw already and the handlers are in place.
+      nestedSaved_ = saved;
+      nested_ = true;
+      ++g_depth;
+      return true;
+    }
     g_savedTermios = saved;
     g_signalled = 0;
     for (size_t i = 0; i < kSignalCount; ++i) {
@@ -198,6 +211,7 @@ class RawMode {
       if (sigaction(kCaughtSignals[i], &action, nullptr) == 0) g_installed[i] = true;
     }
     active_ = true;
+    ++g_depth;
     g_rawFd = fd_;
     struct termios raw = saved;
     raw.c_lflag &= ~static_cast<tcflag_t>(ICANON | ECHO | ISIG | IEXTEN);
@@ -213,8 +227,15 @@ class RawMode {
   }
 
   void Leave() {
+    if (nested_) {
+      nested_ = false;
+      --g_depth;
+      tcsetattr(fd_, TCSADRAIN, &nestedSaved_);
+      return;
+    }
     if (!active_) return;
     active_ = false;
+    --g_depth;
     g_rawFd = -1;
     tcsetattr(fd_, TCSADRAIN, &g_savedTermios);
     for (size_t i = 0; i < kSignalCount; ++i)
@@ -227,6 +248,8 @@ class RawMode {
  private:
   int fd_;
   bool active_ = false;
+  bool nested_ = false;
+  struct termios nestedSaved_ {};
 };
 
 class TtyFile {
@@ -299,17 +322,25 @@ constexpr unsigned char kCtrlC = 0x03;
 constexpr int kSequenceMs = 80;
 
 // One byte from the terminal; kTimeout after timeoutMs (negative: wait for ever), kClosed
-// when the terminal is gone, kInterrupted when a caught signal arrived.
+// when the terminal is gone, kInterrupted when a caught signal arrived. A signal may be
+// handled on another thread, which does not interrupt this one's wait, so an endless wait
+// looks at the flag every so often.
 int ReadByte(int fd, int timeoutMs) {
+  constexpr int kSignalCheckMs = 200;
   for (;;) {
     if (g_signalled) return kInterrupted;
-    struct pollfd p {fd, POLLIN, 0};
-    int ready = poll(&p, 1, timeoutMs);
+    pollfd p{};
+    p.fd = fd;
+    p.events = POLLIN;
+    int ready = poll(&p, 1, timeoutMs < 0 ? kSignalCheckMs : timeoutMs);
     if (ready < 0) {
       if (errno == EINTR) continue;
       return kClosed;
     }
-    if (ready == 0) return kTimeout;
+    if (ready == 0) {
+      if (timeoutMs < 0) continue;
+      return kTimeout;
+    }
     if ((p.revents & POLLIN) == 0) return kClosed;
     unsigned char byte = 0;
     ssize_t n = read(fd, &byte, 1);
@@ -358,7 +389,7 @@ int NextCommand(int fd, const DialogState& state) {
 }  // namespace
 
 intptr_t TerminalHost::RunModal(const DialogTemplate&, DialogState& state) {
-  std::lock_guard<std::mutex> lock(g_terminalMutex);
+  std::lock_guard<std::recursive_mutex> lock(g_terminalMutex);
   TtyFile tty(device_);
   if (tty.fd() < 0) return -1;
   RawMode raw(tty.fd());
@@ -401,7 +432,7 @@ intptr_t TerminalHost::RunModal(const DialogTemplate&, DialogState& state) {
 }
 
 int TerminalHost::MessageBox(const std::string& text, const std::string& caption, unsigned) {
-  std::lock_guard<std::mutex> lock(g_terminalMutex);
+  std::lock_guard<std::recursive_mutex> lock(g_terminalMutex);
   TtyFile tty(device_);
   if (tty.fd() < 0) return 0;
   RawMode raw(tty.fd());
@@ -483,7 +514,9 @@ BOOL EndDialog(DialogHandle dlg, intptr_t result) {
   return 1;
 }
 
-ControlHandle GetDlgItem(DialogHandle dlg, int id) { return dlg != nullptr ? dlg->Control(id) : nullptr; }
+ControlHandle GetDlgItem(DialogHandle dlg, int id) {
+  return dlg != nullptr ? dlg->Control(id) : nullptr;
+}
 
 BOOL SetWindowTextA(ControlHandle control, const char* text) {
   if (control == nullptr) return 0;

@@ -36,7 +36,9 @@ inline constexpr unsigned MB_ICONEXCLAMATION = 0x30;
 inline constexpr int DWLP_USER = 2 * static_cast<int>(sizeof(intptr_t));
 
 constexpr unsigned LOWORD(uintptr_t value) { return static_cast<unsigned>(value & 0xFFFFu); }
-constexpr unsigned HIWORD(uintptr_t value) { return static_cast<unsigned>((value >> 16) & 0xFFFFu); }
+constexpr unsigned HIWORD(uintptr_t value) {
+  return static_cast<unsigned>((value >> 16) & 0xFFFFu);
+}
 constexpr uintptr_t MAKEWPARAM(unsigned low, unsigned high) {
   return static_cast<uintptr_t>((low & 0xFFFFu) | ((high & 0xFFFFu) << 16));
 }

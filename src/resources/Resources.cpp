@@ -26,7 +26,7 @@ const ui::DialogTemplate& DuplicateFileTemplate() {
   static const ui::DialogTemplate dialog{
       IDD_DUPLICATE_FILE,
       "Duplicate File Found",
-      0, 0, 249, 87,
+      0, 0, 249, 87,  // x, y, width, height in dialog units
       "MS Sans Serif",
       8,
       {

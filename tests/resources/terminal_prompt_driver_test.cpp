@@ -3,9 +3,8 @@
 // (or tmux) to press a key. Run with
 //   test_resources --gtest_also_run_disabled_tests --gtest_filter='*TerminalPromptDriver*'
 // Environment: QX_PROMPT_MODE=dialog|message, QX_PROMPT_PIDFILE=file to write the pid to.
-#include <unistd.h>
-
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <cstdio>
 #include <cstdlib>
@@ -19,16 +18,26 @@ namespace {
 
 intptr_t DuplicateProc(ui::DialogHandle dlg, unsigned msg, uintptr_t wParam, intptr_t lParam) {
   if (msg == ui::WM_INITDIALOG) {
-    ui::SetWindowTextA(ui::GetDlgItem(dlg, IDC_DUPLICATE_TEXT), reinterpret_cast<const char*>(lParam));
+    ui::SetWindowTextA(ui::GetDlgItem(dlg, IDC_DUPLICATE_TEXT),
+                       reinterpret_cast<const char*>(lParam));
     return 1;
   }
   if (msg != ui::WM_COMMAND) return 0;
   switch (ui::LOWORD(wParam)) {
-    case IDC_REPLACE: ui::EndDialog(dlg, 1); return 1;
-    case IDC_REPLACE_ALL: ui::EndDialog(dlg, 2); return 1;
-    case IDC_SKIP: ui::EndDialog(dlg, 3); return 1;
-    case IDC_CANCEL: ui::EndDialog(dlg, 4); return 1;
-    default: return 0;
+    case IDC_REPLACE:
+      ui::EndDialog(dlg, 1);
+      return 1;
+    case IDC_REPLACE_ALL:
+      ui::EndDialog(dlg, 2);
+      return 1;
+    case IDC_SKIP:
+      ui::EndDialog(dlg, 3);
+      return 1;
+    case IDC_CANCEL:
+      ui::EndDialog(dlg, 4);
+      return 1;
+    default:
+      return 0;
   }
 }
 
