@@ -1,1 +1,25 @@
-// The module's exported entry points (filled in with the frame).
+// The module's exported entry points. Compiled into libqxgroupmgr.so only; programs that link
+// the core library reach the same state through qx::module.
+#include "frame/Module.h"
+#include "qxgroupmgr/QXGroupMgr.h"
+
+extern "C" {
+
+HRESULT DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
+  return qx::module::GetClassObject(rclsid, riid, ppv);
+}
+
+HRESULT DllCanUnloadNow(void) { return qx::module::CanUnloadNow(); }
+
+// Registration joins with the registry stand-in.
+HRESULT DllRegisterServer(void) { return E_NOTIMPL; }
+HRESULT DllUnregisterServer(void) { return E_NOTIMPL; }
+
+}  // extern "C"
+
+namespace {
+
+// Runs when the module is unloaded (dlclose or process exit).
+__attribute__((destructor)) void UnloadModule() { qx::module::Shutdown(); }
+
+}  // namespace

@@ -1,0 +1,57 @@
+#include "containers/ContainerFactory.h"
+
+#include "formats/DeviceFamily.h"
+
+namespace qx {
+
+namespace {
+
+using namespace std::string_view_literals;
+
+// Tried in this order; the first row whose signature equals the file's wins.
+constexpr ContainerRow kSelectionTable[] = {
+    {"PK\x03\x04"sv, ContainerKind::Zip},
+    {"**QXKA**\x1A\x0A"sv, ContainerKind::OldKC},
+    {"**QXKC**\x1A\x0A"sv, ContainerKind::OldKC},
+    {"**QXKDX*\x1A\x0A"sv, ContainerKind::OldKC},
+    {"**QXMA**\x01"sv, ContainerKind::OldMA},
+    {"**QXNA**\x01"sv, ContainerKind::OldMA},
+    {"**QXNBX*\x01"sv, ContainerKind::OldMA},
+    {"**QXNBX*\x08"sv, ContainerKind::OldMA},  // the ra family
+    {"**QXHWL*"sv, ContainerKind::OldMA},
+};
+
+}  // namespace
+
+std::span<const ContainerRow> ContainerSelectionTable() { return kSelectionTable; }
+
+ContainerKind ContainerKindForSignature(std::string_view signature) {
+  for (const ContainerRow& row : kSelectionTable)
+    if (row.signature == signature) return row.kind;
+  return ContainerKind::None;
+}
+
+std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std::string& path,
+                                                   ContainerFactory* factory) {
+  // One line per container class once it is built, e.g.
+  //   case ContainerKind::Zip: return std::make_unique<ZipGroupContainer>(path, factory);
+  (void)path;
+  (void)factory;
+  switch (kind) {
+    case ContainerKind::Zip:
+    case ContainerKind::OldKC:
+    case ContainerKind::OldMA:
+    case ContainerKind::None:
+      return nullptr;
+  }
+  return nullptr;
+}
+
+std::unique_ptr<GroupContainer> ContainerFactory::CreateContainer(const std::string& path) {
+  const ContainerKind kind = ContainerKindForSignature(DetectFileSignature(path));
+  std::unique_ptr<GroupContainer> container = ConstructContainer(kind, path, this);
+  if (container != nullptr && container->IsValid() == 0) container.reset();
+  return container;
+}
+
+}  // namespace qx
