@@ -1,1 +1,175 @@
-int main() { return 0; }
+// qxgroup: the command-line face of QXGroupMgr. Every FileManager method is a subcommand with a
+// friendly name; `call` reaches any member by its type-library name; `info` says what a file is.
+#include <CLI/CLI.hpp>
+
+#include <cstdio>
+#include <functional>
+#include <utility>
+#include <string>
+#include <vector>
+
+#include "qxgroup/Automation.h"
+#include "qxgroup/CallCommand.h"
+#include "qxgroup/Commands.h"
+
+namespace {
+
+using qx::cli::kExitFailed;
+using qx::cli::kExitUsage;
+
+struct Options {
+  bool verbose = false;
+  std::string group;
+  std::string file;
+  std::string path;
+  std::string dest;
+  std::string folder;
+  std::string pattern;
+  bool meta = false;
+  std::vector<std::string> items;
+  std::string uiMode = "none";
+  std::string member;
+  std::vector<std::string> args;
+};
+
+CLI::App* Sub(CLI::App& app, const char* name, const char* help, const char* example) {
+  CLI::App* sub = app.add_subcommand(name, help);
+  sub->footer(std::string("Example:\n  ") + example);
+  return sub;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  CLI::App app{"qxgroup: create, change, list and unpack graphing-calculator group files, "
+               "split flash files."};
+  app.set_version_flag("--version", "qxgroup 1.0.0");
+  app.require_subcommand(1);
+  app.fallthrough();
+  Options o;
+  app.add_flag("-v,--verbose", o.verbose, "Report the shell change notifications sent");
+  app.footer(
+      "Exit status: 0 success, 1 the operation failed, 2 usage error, 3 added with files left "
+      "out.\nMember names are as `list` prints them; folders inside a group use \"\\\" "
+      "(\"/\" is accepted).");
+
+  // Subcommands run after the whole command line is parsed, so global flags apply to them.
+  std::vector<std::pair<CLI::App*, std::function<int()>>> commands;
+  using namespace qx::cli;
+
+  CLI::App* create = Sub(app, "create", "Make a new group from files (replaces an existing one)",
+                         "qxgroup create school.mag prog1.map greeting.mas");
+  create->add_option("group", o.group, "Group file to write (.qxg/.qxp make a zip-based group)")
+      ->required();
+  create->add_option("files", o.items, "Calculator files to put in it")->required();
+  commands.emplace_back(create, [&] { return CmdCreate(o.group, o.items); });
+
+  CLI::App* add = Sub(app, "add", "Add files to a group", "qxgroup add school.mag area.rap");
+  add->add_option("group", o.group, "Group file")->required();
+  add->add_option("files", o.items, "Files to add")->required();
+  add->add_option("--to", o.folder, "Folder inside the group to add to");
+  commands.emplace_back(add, [&] { return CmdAdd(o.group, o.items, o.folder); });
+
+  CLI::App* del = Sub(app, "delete", "Delete members from a group",
+                      "qxgroup delete school.mag main.PROG1.map");
+  del->add_option("group", o.group, "Group file")->required();
+  del->add_option("members", o.items, "Member names, as `list` prints them")->required();
+  commands.emplace_back(del, [&] { return CmdDelete(o.group, o.items); });
+
+  CLI::App* list = Sub(app, "list", "List the members of a group, one a line",
+                       "qxgroup list school.mag");
+  list->add_option("group", o.group, "Group file")->required();
+  commands.emplace_back(list, [&] { return CmdList(o.group); });
+
+  CLI::App* xml = Sub(app, "xml", "Print the XML listing of a group",
+                      "qxgroup xml --meta --subgroups '*.qxg' lesson.qxp");
+  xml->add_option("group", o.group, "Group file")->required();
+  xml->add_flag("--meta", o.meta, "Include meta information");
+  xml->add_option("--subgroups", o.pattern, "List groups inside the group whose names match");
+  commands.emplace_back(xml, [&] { return CmdXml(o.group, o.meta, o.pattern); });
+
+  CLI::App* get = Sub(app, "get", "Copy members out of a group (the group is unchanged)",
+                      "qxgroup get school.mag main.PROG1.map -C out");
+  get->add_option("group", o.group, "Group file")->required();
+  get->add_option("members", o.items, "Member names")->required();
+  get->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
+  commands.emplace_back(get, [&] { return CmdGet(o.group, o.items, o.dest, false); });
+
+  CLI::App* extract = Sub(app, "extract", "Move members out of a group (copy, then delete)",
+                          "qxgroup extract school.mag main.PROG1.map -C out");
+  extract->add_option("group", o.group, "Group file")->required();
+  extract->add_option("members", o.items, "Member names")->required();
+  extract->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
+  commands.emplace_back(extract, [&] { return CmdGet(o.group, o.items, o.dest, true); });
+
+  CLI::App* expand = Sub(app, "expand", "Copy every member out of a group",
+                         "qxgroup expand school.mag -C out");
+  expand->add_option("group", o.group, "Group file")->required();
+  expand->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
+  commands.emplace_back(expand, [&] { return CmdExpand(o.group, o.dest); });
+
+  CLI::App* flash = Sub(app, "flash", "Split a flash file into its parts, one file a record",
+                        "qxgroup flash Hello.kdk -C out");
+  flash->add_option("file", o.file, "Flash file")->required();
+  flash->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
+  commands.emplace_back(flash, [&] { return CmdFlash(o.file, o.dest); });
+
+  CLI::App* split = Sub(app, "split-path", "Cut a path at the group file it runs through",
+                        "qxgroup split-path lesson.qxg/unit1/PROG.kdp");
+  split->add_option("path", o.path, "Path that may run through a group file")->required();
+  commands.emplace_back(split, [&] { return CmdSplitPath(o.path); });
+
+  CLI::App* isGroup = Sub(app, "is-group", "Tell whether a path is a group (exit 0) or not (1)",
+                          "qxgroup is-group lesson.qxg/sub.qxg && echo group");
+  isGroup->add_option("path", o.path, "File, or path through a group")->required();
+  commands.emplace_back(isGroup, [&] { return CmdIsGroup(o.path); });
+
+  CLI::App* exists = Sub(app, "exists", "Tell whether a member exists (exit 0) or not (1)",
+                         "qxgroup exists school.mag/main.PROG1.map");
+  exists->add_option("path", o.path, "Group file path followed by the member's path")
+      ->required();
+  commands.emplace_back(exists, [&] { return CmdExists(o.path); });
+
+  CLI::App* info = Sub(app, "info", "Say what files are: device family, layout, group or not",
+                       "qxgroup info samples/*");
+  info->add_option("files", o.items, "Files to look at")->required();
+  commands.emplace_back(info, [&] { return CmdInfo(o.items); });
+
+  CLI::App* call = Sub(app, "call", "Invoke a FileManager member by name; prints JSON",
+                       "qxgroup call ReadContents school.mag");
+  call->footer("Examples:\n  qxgroup call ReadContents school.mag\n"
+               "  qxgroup call --ui=skip AddFiles school.mag prog1.map \"\"\n"
+               "Prints {\"hr\":\"0x00000000\",\"out\":{...}} with every [out] value; exit status "
+               "0 for a success code, 1 for a failure code.\n\n" +
+               DescribeMembers());
+  call->add_option("--ui", o.uiMode,
+                   "Owner window for prompts: none, tty (ask in the terminal), or a fixed "
+                   "answer: replace, all, skip, cancel")
+      ->check(CLI::IsMember({"none", "tty", "replace", "all", "skip", "cancel"}));
+  call->add_option("member", o.member, "Member name, e.g. ReadContents")->required();
+  call->add_option("args", o.args, "Arguments for its [in] parameters, in order");
+  commands.emplace_back(call, [&] { return RunCall(o.uiMode, o.member, o.args); });
+
+  try {
+    app.parse(argc, argv);
+    NotificationEcho echo(o.verbose);
+    for (auto& [sub, command] : commands)
+      if (sub->parsed()) return command();
+    return kExitUsage;
+  } catch (const CLI::CallForHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForAllHelp& e) {
+    return app.exit(e);
+  } catch (const CLI::CallForVersion& e) {
+    return app.exit(e);
+  } catch (const CLI::ParseError& e) {
+    app.exit(e);
+    return kExitUsage;
+  } catch (const UsageError& e) {
+    std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
+    return kExitUsage;
+  } catch (const Failure& e) {
+    std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
+    return kExitFailed;
+  }
+}

@@ -1,0 +1,80 @@
+// What every qxgroup subcommand shares: a FileManager object made through its class object,
+// text conversion between the command line (UTF-8) and automation strings, and the checks
+// made on arguments before anything is touched.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/com.h"
+#include "qxgroupmgr/QXGroupMgr.h"
+
+namespace qx::cli {
+
+// Exit statuses of the program.
+enum Exit : int {
+  kExitOk = 0,
+  kExitFailed = 1,    // the operation failed
+  kExitUsage = 2,     // the command line was wrong
+  kExitPartial = 3,   // AddFiles succeeded but left files out
+};
+
+// One FileManager for the life of the command, released at the end.
+class FileManagerSession {
+ public:
+  FileManagerSession();
+  ~FileManagerSession();
+  FileManagerSession(const FileManagerSession&) = delete;
+  FileManagerSession& operator=(const FileManagerSession&) = delete;
+
+  // Null when the object could not be made; Error() then says why.
+  IGroupManager2* get() const { return fm_; }
+  IGroupManager2* operator->() const { return fm_; }
+  const std::string& Error() const { return error_; }
+
+ private:
+  IGroupManager2* fm_ = nullptr;
+  std::string error_;
+};
+
+// Command-line text (UTF-8) <-> automation strings.
+Bstr ToBstr(std::string_view utf8);
+std::string FromBstr(BSTR text);
+
+// Thrown by argument checks and turned into one line on stderr by main.
+struct UsageError {
+  std::string message;
+};
+struct Failure {
+  std::string message;
+};
+
+// A file name travels inside the component as Windows-1252 text and inside lists separated by
+// commas: refuse what cannot make that trip before anything is touched.
+void CheckRepresentable(const std::string& utf8Path, std::string_view what);
+void CheckListItem(const std::string& utf8Item, std::string_view what);
+// Joins list items with ",", after checking each of them.
+std::string JoinList(const std::vector<std::string>& items, std::string_view what);
+
+// "0x80004005"
+std::string HexStatus(HRESULT hr);
+
+// A short reason why `path` is not something a group operation can open, in words:
+// "no such file", "is a folder", "unknown signature", "a single-variable file", ...
+// Empty when the file looks like a group this build can open.
+std::string WhyNotAGroup(const std::string& utf8Path);
+
+// Prints the shell change notifications of this process on stderr while it lives (--verbose).
+class NotificationEcho {
+ public:
+  explicit NotificationEcho(bool enabled);
+  ~NotificationEcho();
+  NotificationEcho(const NotificationEcho&) = delete;
+  NotificationEcho& operator=(const NotificationEcho&) = delete;
+
+ private:
+  uint64_t token_ = 0;
+};
+
+}  // namespace qx::cli

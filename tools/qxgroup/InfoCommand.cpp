@@ -1,0 +1,70 @@
+// `qxgroup info FILE...`: what each file is, for people who wonder what they have.
+#include <cstdio>
+
+#include "containers/ContainerFactory.h"
+#include "formats/DeviceFamily.h"
+#include "formats/GroupKind.h"
+#include "platform/codepage.h"
+#include "platform/fs.h"
+#include "qxgroup/Automation.h"
+#include "qxgroup/Commands.h"
+
+namespace qx::cli {
+
+namespace {
+
+// "group of 3 variables" / "group" when the count is not known.
+std::string GroupText(const std::string& path, const char* noun) {
+  ContainerFactory factory;
+  std::unique_ptr<GroupContainer> c = factory.CreateContainer(path);
+  if (c == nullptr) return "group";
+  const int32_t n = c->GetMemberCount();
+  if (n < 0) return std::string("group of 0 ") + noun + "s";
+  return "group of " + std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
+}
+
+std::string Describe(const std::string& path) {
+  const std::string sig = DetectFileSignature(path);
+  if (sig == kSigFlash) return "flash file (calculator software records)";
+  if (sig == kSigZip) {
+    ContainerFactory factory;
+    if (factory.CreateContainer(path) == nullptr) return "zip archive";
+    return "zip archive, " + GroupText(path, "member");
+  }
+  const FamilyInfo* family = FindFamilyBySignature(sig);
+  if (family == nullptr) return "not a calculator file (unknown signature)";
+  std::string text = std::string(family->name) + " family, ";
+  std::optional<bool> group;
+  if (family->layout == Layout::MAStyle) {
+    text += "MA-style layout, ";
+    group = IsMAStyleGroup(path);
+  } else {
+    text += "KC-style layout, ";
+    group = IsKCStyleGroup(path);
+  }
+  if (!group.has_value()) return text + "truncated header";
+  return text + (*group ? GroupText(path, "variable") : std::string("single variable"));
+}
+
+}  // namespace
+
+int CmdInfo(const std::vector<std::string>& files) {
+  int status = kExitOk;
+  for (const std::string& f : files) {
+    const std::string path = codepage::Utf8ToAnsi(f);
+    const uint32_t attrs = fs::GetAttributes(path);
+    const char* problem = attrs == fs::kInvalidAttributes  ? "no such file"
+                          : (attrs & fs::kAttrDirectory)   ? "is a folder"
+                          : !fs::File::OpenRead(path).IsOpen() ? "cannot be read"
+                                                               : nullptr;
+    if (problem != nullptr) {
+      std::fprintf(stderr, "qxgroup: %s: %s\n", f.c_str(), problem);
+      status = kExitFailed;
+      continue;
+    }
+    std::printf("%s: %s\n", f.c_str(), Describe(path).c_str());
+  }
+  return status;
+}
+
+}  // namespace qx::cli
