@@ -1,6 +1,7 @@
 #include "archive/XmlDocument.h"
 
 #include <cstring>
+#include <mutex>
 #include <new>
 
 namespace qx::xml {
@@ -31,19 +32,74 @@ Node* NextPreorder(Node* n, const Node* top) {
 }
 }  // namespace
 
-void* Arena::Allocate(size_t size, size_t align) {
-  size_t pad = (align - reinterpret_cast<uintptr_t>(cursor_) % align) % align;
-  if (cursor_ == nullptr || pad + size > left_) {
-    size_t blockSize = size + align > kBlockSize ? size + align : kBlockSize;
-    blocks_.push_back(std::make_unique<char[]>(blockSize));
-    cursor_ = blocks_.back().get();
-    left_ = blockSize;
-    pad = (align - reinterpret_cast<uintptr_t>(cursor_) % align) % align;
+// Standard-size blocks of freed documents are kept for the next ones (up to kPoolLimit
+// blocks): documents come and go in bursts (listings, nested groups, manifests), and handing
+// the memory back to the system each time means faulting it in again page by page.
+namespace {
+constexpr size_t kPoolLimit = 1024;  // 64 MB
+
+struct BlockPool {
+  std::mutex lock;
+  std::vector<char*> blocks;
+  ~BlockPool() {
+    for (char* b : blocks) delete[] b;
   }
-  char* p = cursor_ + pad;
-  cursor_ = p + size;
-  left_ -= pad + size;
-  return p;
+};
+
+BlockPool& Pool() {
+  static BlockPool pool;
+  return pool;
+}
+
+char* TakeBlock() {
+  BlockPool& pool = Pool();
+  {
+    std::lock_guard<std::mutex> guard(pool.lock);
+    if (!pool.blocks.empty()) {
+      char* b = pool.blocks.back();
+      pool.blocks.pop_back();
+      return b;
+    }
+  }
+  return new char[kBlockSize];  // not zeroed
+}
+
+void GiveBlock(char* block) {
+  BlockPool& pool = Pool();
+  {
+    std::lock_guard<std::mutex> guard(pool.lock);
+    if (pool.blocks.size() < kPoolLimit) {
+      pool.blocks.push_back(block);
+      return;
+    }
+  }
+  delete[] block;
+}
+}  // namespace
+
+Arena::~Arena() {
+  for (const Block& b : blocks_) {
+    if (b.size == kBlockSize) {
+      GiveBlock(b.data);
+    } else {
+      delete[] b.data;
+    }
+  }
+}
+
+void* Arena::AllocateSlow(size_t size, size_t align) {
+  blocks_.reserve(blocks_.size() + 1);
+  Block block{nullptr, kBlockSize};
+  if (size + align > kBlockSize) {
+    block.size = size + align;
+    block.data = new char[block.size];
+  } else {
+    block.data = TakeBlock();
+  }
+  blocks_.push_back(block);
+  cursor_ = block.data;
+  end_ = block.data + block.size;
+  return Allocate(size, align);
 }
 
 std::string_view Arena::Copy(std::string_view text) {

@@ -11,6 +11,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
+#include <new>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -21,23 +22,41 @@ namespace qx::xml {
 class Arena {
  public:
   Arena() = default;
+  ~Arena();
   Arena(const Arena&) = delete;
   Arena& operator=(const Arena&) = delete;
 
-  void* Allocate(size_t size, size_t align);
+  void* Allocate(size_t size, size_t align) {
+    uintptr_t at = (reinterpret_cast<uintptr_t>(cursor_) + align - 1) & ~(uintptr_t{align} - 1);
+    if (cursor_ != nullptr && size <= reinterpret_cast<uintptr_t>(end_) - at) {
+      cursor_ = reinterpret_cast<char*>(at + size);
+      return reinterpret_cast<char*>(at);
+    }
+    return AllocateSlow(size, align);
+  }
   // Copies the bytes into the arena; the view stays valid as long as the arena.
   std::string_view Copy(std::string_view text);
   // An uninitialised buffer of `size` bytes (for text that is built in place).
   char* AllocateText(size_t size) { return static_cast<char*>(Allocate(size, 1)); }
+  // Gives back the unused end of the most recent allocation, which started at `p`.
+  void Shrink(char* p, size_t used) {
+    if (p + used <= cursor_) cursor_ = p + used;
+  }
   template <class T>
   T* New() {
     return new (Allocate(sizeof(T), alignof(T))) T();
   }
 
  private:
-  std::vector<std::unique_ptr<char[]>> blocks_;
+  void* AllocateSlow(size_t size, size_t align);
+
+  struct Block {
+    char* data;
+    size_t size;
+  };
+  std::vector<Block> blocks_;
   char* cursor_ = nullptr;
-  size_t left_ = 0;
+  char* end_ = nullptr;
 };
 
 struct Attr {

@@ -19,30 +19,30 @@ struct Entity {
 // entity, and the '&' that "&amp;" yields is produced by the last pass. So "&amp;lt;" gives
 // "&lt;", one level removed.
 template <size_t N>
-size_t Decode(char* text, size_t size, const Entity (&entities)[N]) {
-  char* amp = static_cast<char*>(std::memchr(text, '&', size));
-  if (amp == nullptr) return size;
-  size_t in = static_cast<size_t>(amp - text);
-  size_t out = in;
-  while (in < size) {
-    char c = text[in];
+size_t Decode(const char* in, size_t size, char* out, const Entity (&entities)[N]) {
+  const char* amp = static_cast<const char*>(std::memchr(in, '&', size));
+  size_t i = amp == nullptr ? size : static_cast<size_t>(amp - in);
+  if (out != in) std::memmove(out, in, i);
+  size_t o = i;
+  while (i < size) {
+    char c = in[i];
     if (c == '&') {
-      std::string_view rest(text + in + 1, size - in - 1);
+      std::string_view rest(in + i + 1, size - i - 1);
       bool replaced = false;
       for (const Entity& e : entities) {
         if (rest.substr(0, e.name.size()) == e.name) {
-          text[out++] = e.value;
-          in += 1 + e.name.size();
+          out[o++] = e.value;
+          i += 1 + e.name.size();
           replaced = true;
           break;
         }
       }
       if (replaced) continue;
     }
-    text[out++] = c;
-    ++in;
+    out[o++] = c;
+    ++i;
   }
-  return out;
+  return o;
 }
 
 constexpr Entity kContentEntities[] = {
@@ -51,7 +51,7 @@ constexpr Entity kAttributeEntities[] = {{"lt;", '<'}, {"gt;", '>'}, {"quot;", '
 
 class Parser {
  public:
-  Parser(Document& doc, char* text, size_t size) : doc_(doc), s_(text), n_(size) {}
+  Parser(Document& doc, const char* text, size_t size) : doc_(doc), s_(text), n_(size) {}
 
   bool Run(std::string& error);
 
@@ -70,6 +70,25 @@ class Parser {
     std::string_view all(s_, n_);
     return all.find(what, from);
   }
+  // Tags and attribute names repeat all through a document: a small direct-mapped cache
+  // lets most of them share one arena copy.
+  std::string_view Intern(std::string_view name) {
+    if (name.empty()) return {};
+    size_t slot = (name.size() * 31 + static_cast<unsigned char>(name.front()) * 7 +
+                   static_cast<unsigned char>(name.back())) % kNameSlots;
+    std::string_view& cached = names_[slot];
+    if (cached != name) cached = doc_.arena().Copy(name);
+    return cached;
+  }
+  template <size_t N>
+  std::string_view CopyDecoded(size_t begin, size_t size, const Entity (&entities)[N]) {
+    if (size == 0) return {};
+    Arena& arena = doc_.arena();
+    char* out = arena.AllocateText(size);
+    size_t used = Decode(s_ + begin, size, out, entities);
+    arena.Shrink(out, used);
+    return {out, used};
+  }
   void SkipBlanks() {
     while (i_ < n_ && IsBlank(s_[i_])) ++i_;
   }
@@ -84,19 +103,20 @@ class Parser {
   bool ParseDoctype(std::string& error);
 
   Document& doc_;
-  char* s_;
+  const char* s_;
   size_t n_;
   size_t i_ = 0;
   std::vector<Open> open_;
   bool rootClosed_ = false;
+  static constexpr size_t kNameSlots = 256;
+  std::string_view names_[kNameSlots];
 };
 
 void Parser::AddText(size_t begin, size_t end) {
   while (begin < end && IsBlank(s_[begin])) ++begin;
   while (end > begin && IsBlank(s_[end - 1])) --end;
   if (begin == end || open_.empty()) return;  // text outside the root is dropped
-  size_t len = DecodeContent(s_ + begin, end - begin);
-  AddPiece(std::string_view(s_ + begin, len));
+  AddPiece(CopyDecoded(begin, end - begin, kContentEntities));
 }
 
 void Parser::AddPiece(std::string_view piece) {
@@ -154,7 +174,7 @@ bool Parser::Run(std::string& error) {
       }
       if (!open_.empty()) {
         open_.back().node->cdata = true;
-        AddPiece(std::string_view(s_ + i_ + 9, end - i_ - 9));
+        AddPiece(doc_.arena().Copy(std::string_view(s_ + i_ + 9, end - i_ - 9)));
       }
       i_ = end + 3;
     } else if (StartsWith(i_, "<!")) {
@@ -218,7 +238,7 @@ bool Parser::ParseStartTag(std::string& error) {
   while (i_ < n_ && !IsBlank(s_[i_]) && s_[i_] != '/' && s_[i_] != '>') ++i_;
   Node* node = doc_.arena().New<Node>();
   node->doc = &doc_;
-  node->tag = std::string_view(s_ + begin, i_ - begin);
+  node->tag = Intern(std::string_view(s_ + begin, i_ - begin));
   bool emptyElement = false;
   if (!ParseAttributes(node, false, emptyElement)) {
     error = "Error in start tag";
@@ -285,15 +305,14 @@ bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
         }
         valueEnd = i_;
       }
-      size_t len = valueEnd - valueBegin;
-      if (!declaration) len = DecodeAttribute(s_ + valueBegin, len);
-      value = std::string_view(s_ + valueBegin, len);
+      value = declaration ? std::string_view(s_ + valueBegin, valueEnd - valueBegin)
+                          : CopyDecoded(valueBegin, valueEnd - valueBegin, kAttributeEntities);
     }
     if (declaration) {
       doc_.declaration.emplace_back(std::string(name), std::string(value));
     } else {
       Attr* a = doc_.arena().New<Attr>();
-      a->name = name;
+      a->name = Intern(name);
       a->value = value;
       (node->lastAttr != nullptr ? node->lastAttr->next : node->firstAttr) = a;
       node->lastAttr = a;
@@ -303,16 +322,16 @@ bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
 
 }  // namespace
 
-size_t DecodeContent(char* text, size_t size) { return Decode(text, size, kContentEntities); }
-size_t DecodeAttribute(char* text, size_t size) {
-  return Decode(text, size, kAttributeEntities);
+size_t DecodeContent(const char* in, size_t size, char* out) {
+  return Decode(in, size, out, kContentEntities);
+}
+size_t DecodeAttribute(const char* in, size_t size, char* out) {
+  return Decode(in, size, out, kAttributeEntities);
 }
 
 std::unique_ptr<Document> ParseDocument(std::string_view text, std::string& error) {
   auto doc = std::make_unique<Document>();
-  char* copy = doc->arena().AllocateText(text.size() + 1);
-  if (!text.empty()) std::memcpy(copy, text.data(), text.size());
-  Parser parser(*doc, copy, text.size());
+  Parser parser(*doc, text.data(), text.size());
   if (!parser.Run(error)) return nullptr;
   doc->indexValid = false;
   return doc;

@@ -11,12 +11,14 @@ namespace qx::xml {
 
 // Parses `text` into a new document (no handles yet). On failure returns null and sets
 // `error` to the message for the log ("Unclosed comment", "Failed to parse DTD", ...).
-// Works in place on one arena copy of the text and never recurses, whatever the nesting.
+// Copies out only what the tree keeps (tags and attribute names interned once per document)
+// and never recurses, whatever the nesting.
 std::unique_ptr<Document> ParseDocument(std::string_view text, std::string& error);
 
-// Entity decoding in place; returns the new length. Content knows &lt; &apos; &gt; &quot;
-// &amp;, attribute values the same without &apos;. Numeric references stay as they are.
-size_t DecodeContent(char* text, size_t size);
-size_t DecodeAttribute(char* text, size_t size);
+// Entity decoding from `in` to `out` (which may be `in` itself); returns the length written,
+// never more than `size`. Content knows &lt; &apos; &gt; &quot; &amp;, attribute values the
+// same without &apos;. Numeric references stay as they are.
+size_t DecodeContent(const char* in, size_t size, char* out);
+size_t DecodeAttribute(const char* in, size_t size, char* out);
 
 }  // namespace qx::xml
