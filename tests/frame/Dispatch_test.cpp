@@ -1,0 +1,264 @@
+#include <gtest/gtest.h>
+
+#include <vector>
+
+#include "frame/FrameFixtures.h"
+#include "frame/TypeLibrary.h"
+#include "platform/codepage.h"
+
+namespace qx::test {
+namespace {
+
+VARIANT Str(BSTR s) {
+  VARIANT v;
+  VariantInit(&v);
+  v.vt = VT_BSTR;
+  v.bstrVal = s;
+  return v;
+}
+VARIANT I4(LONG n) {
+  VARIANT v;
+  VariantInit(&v);
+  v.vt = VT_I4;
+  v.lVal = n;
+  return v;
+}
+VARIANT StrRef(BSTR* p) {
+  VARIANT v;
+  VariantInit(&v);
+  v.vt = VT_BYREF | VT_BSTR;
+  v.pbstrVal = p;
+  return v;
+}
+
+class DispatchTest : public ::testing::Test {
+ protected:
+  // Calls by name with the arguments in their natural order (reversed here, as callers must).
+  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
+               WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
+    DISPID id = 0;
+    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+    const HRESULT hr = fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id);
+    if (FAILED(hr)) return hr;
+    std::vector<VARIANT> reversed(args.rbegin(), args.rend());
+    DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
+    return fm->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argErr);
+  }
+
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  Bstr group{u"g"};
+};
+
+TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
+  struct Case {
+    std::vector<const char16_t*> names;
+    HRESULT expected;
+    std::vector<DISPID> ids;
+  };
+  const std::vector<Case> cases = {
+      {{u"CreateGrpFile"}, S_OK, {1}},
+      {{u"readcontents"}, S_OK, {5}},
+      {{u"DELETEFILES"}, S_OK, {9}},
+      {{u"getfile"}, S_OK, {51}},
+      {{u"ShowUI"}, S_OK, {55}},
+      {{u"doesPathExist"}, S_OK, {56}},
+      {{u"ReadContentsXml", u"SINCLUDESUBGRPSPATT", u"pxmlDir"}, S_OK, {52, 2, 3}},
+      {{u"AddFiles", u"bdestfolder", u"nope"}, DISP_E_UNKNOWNNAME, {4, 2, DISPID_UNKNOWN}},
+      {{u"NoSuchMember", u"grpfile"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN, DISPID_UNKNOWN}},
+      {{u"ReadContent"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN}},
+      {{u"ReadContents\u00e9"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(codepage::WideToUtf8(c.names[0]));
+    std::vector<LPOLESTR> names;
+    for (const char16_t* n : c.names) names.push_back(const_cast<LPOLESTR>(n));
+    std::vector<DISPID> ids(names.size(), 12345);
+    EXPECT_EQ(fm->GetIDsOfNames(IID_NULL, names.data(), static_cast<UINT>(names.size()), 0,
+                                ids.data()),
+              c.expected);
+    EXPECT_EQ(ids, c.ids);
+  }
+}
+
+TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
+  Bstr other(u"x");
+  BSTR out = nullptr;
+  VARIANT dbl;
+  VariantInit(&dbl);
+  dbl.vt = VT_R8;
+  struct Case {
+    const char* name;
+    const char16_t* member;
+    std::vector<VARIANT> args;
+    WORD flags;
+    HRESULT expected;
+    UINT argErr;  // checked when not ~0u
+  };
+  const std::vector<Case> cases = {
+      {"too few", u"GetFile", {Str(group.get()), Str(other.get())}, DISPATCH_METHOD,
+       DISP_E_BADPARAMCOUNT, ~0u},
+      {"too many", u"UseQXAscii", {I4(1), I4(2)}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
+      {"retval passed as argument", u"IsGroup", {Str(group.get()), I4(0)}, DISPATCH_PROPERTYGET,
+       DISP_E_BADPARAMCOUNT, ~0u},
+      {"integer for a string", u"DeleteFiles", {Str(group.get()), I4(3)}, DISPATCH_METHOD,
+       DISP_E_TYPEMISMATCH, 0},
+      {"string for an integer", u"UseQXAscii", {Str(other.get())}, DISPATCH_METHOD,
+       DISP_E_TYPEMISMATCH, 0},
+      {"double for an integer", u"ReadContentsXml", {Str(group.get()), dbl, Str(nullptr)},
+       DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 1},
+      {"out string by value", u"ReadContents", {Str(group.get()), Str(out)}, DISPATCH_METHOD,
+       DISP_E_TYPEMISMATCH, 0},
+      {"in-out string by value", u"SplitPath", {Str(group.get()), StrRef(&out)}, DISPATCH_METHOD,
+       DISP_E_TYPEMISMATCH, 1},
+      {"first argument bad", u"ExtractFile", {I4(1), Str(other.get()), Str(other.get())},
+       DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 2},
+      {"property get called as put", u"IsGroup", {Str(group.get())}, DISPATCH_PROPERTYPUT,
+       DISP_E_MEMBERNOTFOUND, ~0u},
+      {"put called as method", u"ShowUI", {I4(0)}, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND, ~0u},
+      {"method called as property get", u"GetFile",
+       {Str(group.get()), Str(other.get()), Str(other.get())}, DISPATCH_PROPERTYGET,
+       DISP_E_MEMBERNOTFOUND, ~0u},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    script.calls.clear();
+    UINT argErr = ~0u;
+    EXPECT_EQ(Call(c.member, c.args, nullptr, c.flags, &argErr), c.expected);
+    if (c.argErr != ~0u) {
+      EXPECT_EQ(argErr, c.argErr);
+    }
+    EXPECT_TRUE(script.calls.empty());
+  }
+}
+
+TEST_F(DispatchTest, NamedArgumentsOnlyForPropertyPut) {
+  VARIANT arg = I4(0);
+  DISPID named = DISPID_PROPERTYPUT;
+  DISPPARAMS put{&arg, &named, 1, 1};
+  EXPECT_EQ(fm->Invoke(55, IID_NULL, 0, DISPATCH_PROPERTYPUT, &put, nullptr, nullptr, nullptr), S_OK);
+
+  VARIANT args[] = {Str(nullptr), Str(group.get())};
+  DISPID names[] = {0};
+  DISPPARAMS method{args, names, 2, 1};
+  EXPECT_EQ(fm->Invoke(9, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
+            DISP_E_NONAMEDARGS);
+  EXPECT_EQ(fm->Invoke(9, IID_IDispatch, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
+            DISP_E_UNKNOWNINTERFACE);
+  EXPECT_EQ(fm->Invoke(999, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
+            DISP_E_MEMBERNOTFOUND);
+}
+
+TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
+  // Strings by reference, empty and null variants, integers of other widths and in text.
+  Bstr a(u"b,a");
+  BSTR byRef = a.get();
+  VARIANT refArg = StrRef(&byRef);
+  VARIANT empty;
+  VariantInit(&empty);
+  VARIANT nullVar;
+  VariantInit(&nullVar);
+  nullVar.vt = VT_NULL;
+  VARIANT shortInt;
+  VariantInit(&shortInt);
+  shortInt.vt = VT_I2;
+  shortInt.iVal = -3;
+  Bstr number(u" 42 ");
+
+  ASSERT_EQ(Call(u"DeleteFiles", {Str(group.get()), refArg}), S_OK);
+  ASSERT_EQ(Call(u"AddFiles", {Str(group.get()), empty, nullVar}), S_OK);
+  VARIANT result;
+  VariantInit(&result);
+  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), shortInt, Str(nullptr)}, &result), S_OK);
+  VariantClear(&result);
+  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), Str(number.get()), Str(nullptr)}, &result),
+            S_OK);
+  VariantClear(&result);
+  EXPECT_EQ(script.calls, (std::vector<std::string>{"DeleteMembers([a,b])", "AddMembers([]|)",
+                                                    "WriteContentsXml(-3|)",
+                                                    "WriteContentsXml(42|)"}));
+}
+
+TEST_F(DispatchTest, ResultsComeBack) {
+  // [out] string through VT_BYREF|VT_BSTR.
+  script.members = {"A", "B"};
+  Bstr list;
+  ASSERT_EQ(Call(u"ReadContents", {Str(group.get()), StrRef(list.receive())}), S_OK);
+  EXPECT_EQ(list.view(), u"A,B");
+
+  // [out] string through a by-reference variant that holds nothing yet.
+  VARIANT holder;
+  VariantInit(&holder);
+  VARIANT refVar;
+  VariantInit(&refVar);
+  refVar.vt = VT_BYREF | VT_VARIANT;
+  refVar.pvarVal = &holder;
+  ASSERT_EQ(Call(u"ReadContents", {Str(group.get()), refVar}), S_OK);
+  EXPECT_EQ(holder.vt, VT_BSTR);
+  EXPECT_EQ(Bstr::Attach(holder.bstrVal).view(), u"A,B");
+
+  // [out, retval] string; METHOD|PROPERTYGET as automation clients send it.
+  script.xml = "<grp/>";
+  VARIANT result;
+  VariantInit(&result);
+  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), I4(1), Str(nullptr)}, &result,
+                 DISPATCH_METHOD | DISPATCH_PROPERTYGET),
+            S_OK);
+  ASSERT_EQ(result.vt, VT_BSTR);
+  EXPECT_EQ(std::u16string_view(result.bstrVal), u"<grp/>");
+  VariantClear(&result);
+
+  // The method's own failure comes back as it is, with no result.
+  script.makeContainer = false;
+  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), I4(1), Str(nullptr)}, &result), E_FAIL);
+  EXPECT_EQ(result.vt, VT_EMPTY);
+  // A result nobody asked for is freed (ASan would see a leak).
+  script.makeContainer = true;
+  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), I4(1), Str(nullptr)}, nullptr), S_OK);
+
+  // [out, retval] integer of a property get; status codes other than S_OK pass through.
+  ASSERT_EQ(Call(u"UseQXAscii", {I4(1)}), E_NOTIMPL);
+  script.makeContainer = false;
+  ASSERT_EQ(Call(u"DoesPathExist", {Str(nullptr)}, &result, DISPATCH_PROPERTYGET), S_FALSE);
+  EXPECT_EQ(result.vt, VT_I4);
+  EXPECT_EQ(result.lVal, 0);
+}
+
+TEST_F(DispatchTest, ShowUIPutTakesTheHandle) {
+  VARIANT handle;
+  VariantInit(&handle);
+  handle.vt = VT_I8;
+  handle.llVal = 0x1234;
+  DISPID named = DISPID_PROPERTYPUT;
+  DISPPARAMS put{&handle, &named, 1, 1};
+  ASSERT_EQ(fm->Invoke(55, IID_NULL, 0, DISPATCH_PROPERTYPUT, &put, nullptr, nullptr, nullptr), S_OK);
+  EXPECT_EQ(fm->OwnerWindow(), reinterpret_cast<HWND>(0x1234));
+}
+
+TEST(TypeLibraryTest, DescriptionMatchesTheInterfaces) {
+  const typelib::Interface* gm2 = typelib::FindInterface("igroupmanager2");
+  ASSERT_NE(gm2, nullptr);
+  ASSERT_EQ(gm2->base, typelib::FindInterface(IID_IFileManager));
+  const std::vector<const typelib::Member*> members = typelib::AllMembers(*gm2);
+  ASSERT_EQ(members.size(), 15u);
+  // Early-bound slots follow IUnknown's 3 and IDispatch's 4 entries without gaps.
+  for (size_t i = 0; i < members.size(); ++i) {
+    SCOPED_TRACE(std::string(members[i]->name));
+    EXPECT_EQ(members[i]->vtableSlot, 7 + i);
+    const std::string prefix = members[i]->kind == typelib::MemberKind::Method ? "method " : "property ";
+    EXPECT_EQ(members[i]->help, prefix + std::string(members[i]->name));
+    EXPECT_EQ(typelib::FindMember(*gm2, members[i]->dispid), members[i]);
+  }
+  const typelib::Member* xml = typelib::FindMember(*gm2, "READCONTENTSXML");
+  ASSERT_NE(xml, nullptr);
+  EXPECT_EQ(xml->ArgumentCount(), 3u);
+  ASSERT_NE(xml->Retval(), nullptr);
+  EXPECT_EQ(xml->Retval()->name, "pxmlDir");
+  EXPECT_EQ(typelib::FindMember(*typelib::FindInterface("IFileManager"), "GetFile"), nullptr);
+  EXPECT_EQ(typelib::TheLibrary().help, "QXGroupMgr 1.0 Type Library");
+  ASSERT_NE(typelib::FindCoclass("filemanager"), nullptr);
+  EXPECT_EQ(typelib::FindCoclass("filemanager")->interfaces[0]->name, "IFileManager");
+}
+
+}  // namespace
+}  // namespace qx::test

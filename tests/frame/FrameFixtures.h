@@ -1,0 +1,138 @@
+// Fakes for the frame tests: a container that records what the frame asks of it and answers from
+// a script, and a FileManager whose containers are those fakes.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "containers/ContainerFactory.h"
+#include "frame/FileManager.h"
+#include "platform/shell.h"
+
+namespace qx::test {
+
+// What the fake containers answer and what they were asked, shared by every fake of one test.
+struct Script {
+  bool makeContainer = true;  // CreateContainer gives a container at all
+  int32_t result = 1;         // every operation's result
+  std::string failOnly;       // when set: only the operation of that name fails, with 0
+  StringList members;         // ListMembers' answer
+  std::string xml = "<x/>";   // WriteContentsXml's answer
+  // AddMembers asks the prompt once per entry: (file, reason) and records the answer.
+  std::vector<std::pair<std::string, PromptReason>> prompts;
+  std::vector<PromptResult> answers;
+  std::vector<std::string> calls;  // "Op(arg|arg)" in call order
+  std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
+  std::vector<std::string> paths;           // the group path of every container made
+  int live = 0;                             // containers not yet destroyed
+};
+
+class FakeContainer : public GroupContainer {
+ public:
+  FakeContainer(std::string path, ContainerFactory* factory, Script& script)
+      : GroupContainer(std::move(path), factory), s_(script) {
+    ++s_.live;
+    s_.paths.push_back(path_);
+  }
+  ~FakeContainer() override { --s_.live; }
+
+  int32_t AddMembers(const StringList& files, const std::string& dest, int32_t* state,
+                     AddPromptFn prompt, void* context) override {
+    s_.calls.push_back("AddMembers(" + Join(files) + "|" + dest + ")");
+    if (state == nullptr || *state != 0) return 0;
+    for (const auto& [file, reason] : s_.prompts)
+      s_.answers.push_back(prompt != nullptr ? prompt(file, reason, this, context) : PromptReplace);
+    return s_.result;
+  }
+  int32_t DeleteMembers(const StringList& names) override {
+    return Record("DeleteMembers(" + Join(names) + ")");
+  }
+  int32_t ExtractMember(const std::string& name, const std::string& dest) override {
+    return Record("ExtractMember(" + name + "|" + dest + ")");
+  }
+  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override {
+    return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")");
+  }
+  int32_t ExtractAllMembers(const std::string& dest) override {
+    return Record("ExtractAllMembers(" + dest + ")");
+  }
+  int32_t ContainsMember(const std::string& name) override {
+    return Record("ContainsMember(" + name + ")");
+  }
+  int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
+  int32_t GetMemberCount() override { return static_cast<int32_t>(s_.members.size()); }
+  int32_t ListMembers(StringList& names) override {
+    names.insert(names.end(), s_.members.begin(), s_.members.end());
+    return Record("ListMembers()");
+  }
+  int32_t WriteContentsXml(std::string& xml, int32_t meta, std::string pattern) override {
+    xml = s_.xml;
+    return Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
+  }
+  int32_t IsValid() override { return 1; }
+
+  static std::string Join(const StringList& list) {
+    std::string text;
+    for (const std::string& item : list) text += (text.empty() ? "" : ",") + item;
+    return "[" + text + "]";
+  }
+
+ private:
+  int32_t Record(std::string call) {
+    const bool fails = !s_.failOnly.empty() && call.starts_with(s_.failOnly);
+    s_.calls.push_back(std::move(call));
+    if (!s_.failOnly.empty()) return fails ? 0 : 1;
+    return s_.result;
+  }
+  Script& s_;
+};
+
+class ScriptedFileManager : public FileManager {
+ public:
+  explicit ScriptedFileManager(Script& script, IUnknown* outer = nullptr)
+      : FileManager(outer), s_(script) {}
+
+  std::unique_ptr<GroupContainer> CreateContainer(const std::string& path) override {
+    if (!s_.makeContainer) return nullptr;
+    return std::make_unique<FakeContainer>(path, this, s_);
+  }
+
+ protected:
+  std::unique_ptr<GroupContainer> ConstructForCreate(ContainerKind kind,
+                                                     const std::string& path) override {
+    s_.createdKinds.push_back(kind);
+    if (!s_.makeContainer) return nullptr;
+    return std::make_unique<FakeContainer>(path, this, s_);
+  }
+
+ private:
+  Script& s_;
+};
+
+// Collects shell notifications while it lives.
+class ShellRecorder {
+ public:
+  ShellRecorder()
+      : token_(shell::AddObserver([this](const shell::ChangeEvent& e) { events.push_back(e); })) {}
+  ~ShellRecorder() { shell::RemoveObserver(token_); }
+  ShellRecorder(const ShellRecorder&) = delete;
+  ShellRecorder& operator=(const ShellRecorder&) = delete;
+  std::vector<shell::ChangeEvent> events;
+
+ private:
+  shell::ObserverToken token_;
+};
+
+// Holds one reference to a new object for the test's lifetime.
+template <class T>
+struct Held {
+  T* p;
+  explicit Held(T* object) : p(object) { p->AddRef(); }
+  ~Held() { p->Release(); }
+  Held(const Held&) = delete;
+  Held& operator=(const Held&) = delete;
+  T* operator->() const { return p; }
+};
+
+}  // namespace qx::test

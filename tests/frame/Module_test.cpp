@@ -1,0 +1,156 @@
+#include <gtest/gtest.h>
+
+#include "frame/FrameFixtures.h"
+#include "frame/Module.h"
+
+namespace qx::test {
+namespace {
+
+// An outer object for aggregation: counts its references and hands out nothing but itself.
+struct Outer final : IUnknown {
+  HRESULT QueryInterface(REFIID riid, void** ppv) override {
+    if (riid != IID_IUnknown) return E_NOINTERFACE;
+    *ppv = this;
+    AddRef();
+    return S_OK;
+  }
+  ULONG AddRef() override { return ++refs; }
+  ULONG Release() override { return --refs; }
+  ULONG refs = 1;
+};
+
+IClassFactory* FileManagerClassObject() {
+  IClassFactory* cf = nullptr;
+  EXPECT_EQ(module::GetClassObject(CLSID_FileManager, IID_IClassFactory, reinterpret_cast<void**>(&cf)), S_OK);
+  return cf;
+}
+
+TEST(ModuleTest, ClassObjectsAreLookedUpByClass) {
+  void* p = reinterpret_cast<void*>(1);
+  EXPECT_EQ(module::GetClassObject(CLSID_FileManager, IID_IClassFactory, nullptr), E_POINTER);
+  EXPECT_EQ(module::GetClassObject(IID_IDispatch, IID_IClassFactory, &p), CLASS_E_CLASSNOTAVAILABLE);
+  EXPECT_EQ(p, nullptr);
+  EXPECT_EQ(module::GetClassObject(CLSID_QXPackageInfo, IID_IClassFactory, &p), CLASS_E_CLASSNOTAVAILABLE);
+  EXPECT_EQ(module::GetClassObject(CLSID_FileManager, IID_IDispatch, &p), E_NOINTERFACE);
+  EXPECT_EQ(p, nullptr);
+
+  IClassFactory* a = FileManagerClassObject();
+  IUnknown* b = nullptr;
+  ASSERT_EQ(module::GetClassObject(CLSID_FileManager, IID_IUnknown, reinterpret_cast<void**>(&b)), S_OK);
+  EXPECT_EQ(static_cast<IUnknown*>(a), b);
+  a->Release();
+  b->Release();
+}
+
+TEST(ModuleTest, LockCountFollowsObjectsLocksAndHeldClassObjects) {
+  const LONG base = module::LockCount();
+  ASSERT_EQ(base, 0) << "a test left something alive";
+  EXPECT_EQ(module::CanUnloadNow(), S_OK);
+
+  IClassFactory* cf = FileManagerClassObject();
+  EXPECT_EQ(module::LockCount(), 1);
+  EXPECT_EQ(module::CanUnloadNow(), S_FALSE);
+  IClassFactory* again = FileManagerClassObject();  // a second holder adds nothing
+  EXPECT_EQ(module::LockCount(), 1);
+  again->Release();
+  EXPECT_EQ(module::LockCount(), 1);
+
+  IGroupManager2* fm = nullptr;
+  ASSERT_EQ(cf->CreateInstance(nullptr, IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
+  EXPECT_EQ(module::LockCount(), 2);
+  ASSERT_EQ(cf->LockServer(1), S_OK);
+  EXPECT_EQ(module::LockCount(), 3);
+  cf->Release();
+  EXPECT_EQ(module::LockCount(), 2);
+  fm->Release();
+  EXPECT_EQ(module::LockCount(), 1);
+  EXPECT_EQ(module::CanUnloadNow(), S_FALSE);
+  cf = FileManagerClassObject();
+  ASSERT_EQ(cf->LockServer(0), S_OK);
+  cf->Release();
+  EXPECT_EQ(module::CanUnloadNow(), S_OK);
+}
+
+TEST(ModuleTest, CreateInstanceArguments) {
+  IClassFactory* cf = FileManagerClassObject();
+  Outer outer;
+  struct Case {
+    const char* name;
+    IUnknown* outer;
+    const IID* iid;
+    HRESULT expected;
+  };
+  const Case cases[] = {
+      {"plain IGroupManager2", nullptr, &IID_IGroupManager2, S_OK},
+      {"plain IFileManager", nullptr, &IID_IFileManager, S_OK},
+      {"plain IDispatch", nullptr, &IID_IDispatch, S_OK},
+      {"plain IUnknown", nullptr, &IID_IUnknown, S_OK},
+      {"plain unknown interface", nullptr, &IID_IClassFactory, E_NOINTERFACE},
+      {"outer with IGroupManager2", &outer, &IID_IGroupManager2, CLASS_E_NOAGGREGATION},
+      {"outer with IDispatch", &outer, &IID_IDispatch, CLASS_E_NOAGGREGATION},
+      {"outer with IUnknown", &outer, &IID_IUnknown, S_OK},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    void* p = reinterpret_cast<void*>(1);
+    EXPECT_EQ(cf->CreateInstance(c.outer, *c.iid, &p), c.expected);
+    if (c.expected == S_OK) {
+      ASSERT_NE(p, nullptr);
+      static_cast<IUnknown*>(p)->Release();
+    } else {
+      EXPECT_EQ(p, nullptr);
+    }
+    EXPECT_EQ(module::LockCount(), 1) << "an instance outlived its last reference";
+  }
+  EXPECT_EQ(cf->CreateInstance(nullptr, IID_IUnknown, nullptr), E_POINTER);
+  EXPECT_EQ(outer.refs, 1u);
+  cf->Release();
+}
+
+TEST(ModuleTest, AggregatedObjectDelegatesToItsOuter) {
+  Outer outer;
+  IUnknown* inner = nullptr;
+  ASSERT_EQ(FileManager::CreateInstance(&outer, IID_IUnknown, reinterpret_cast<void**>(&inner)), S_OK);
+  IGroupManager2* fm = nullptr;
+  ASSERT_EQ(inner->QueryInterface(IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
+  // The interface's reference went to the outer object, and its IUnknown is the outer one.
+  EXPECT_EQ(outer.refs, 2u);
+  IUnknown* identity = nullptr;
+  ASSERT_EQ(fm->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&identity)), S_OK);
+  EXPECT_EQ(identity, &outer);
+  identity->Release();
+  fm->Release();
+  EXPECT_EQ(outer.refs, 1u);
+  EXPECT_EQ(module::LockCount(), 1);
+  inner->Release();
+  EXPECT_EQ(module::LockCount(), 0);
+}
+
+TEST(ModuleTest, QueryInterfaceAnswersOneIdentity) {
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  void* unknown = nullptr;
+  ASSERT_EQ(fm->QueryInterface(IID_IUnknown, &unknown), S_OK);
+  for (const IID* iid : {&IID_IDispatch, &IID_IFileManager, &IID_IGroupManager2}) {
+    SCOPED_TRACE(GuidToString(*iid));
+    void* p = nullptr;
+    ASSERT_EQ(fm->QueryInterface(*iid, &p), S_OK);
+    EXPECT_EQ(p, static_cast<IGroupManager2*>(fm.p));
+    IUnknown* back = nullptr;
+    static_cast<IUnknown*>(p)->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&back));
+    EXPECT_EQ(back, unknown);
+    back->Release();
+    static_cast<IUnknown*>(p)->Release();
+  }
+  void* p = reinterpret_cast<void*>(1);
+  EXPECT_EQ(fm->QueryInterface(IID_IClassFactory, &p), E_NOINTERFACE);
+  EXPECT_EQ(p, nullptr);
+  EXPECT_EQ(fm->QueryInterface(IID_IQXPackageInfo, &p), E_NOINTERFACE);
+  static_cast<IUnknown*>(unknown)->Release();
+  UINT count = 9;
+  EXPECT_EQ(fm->GetTypeInfoCount(&count), S_OK);
+  EXPECT_EQ(count, 0u);
+}
+
+}  // namespace
+}  // namespace qx::test

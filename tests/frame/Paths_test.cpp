@@ -1,0 +1,182 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+
+#include "frame/FileManager.h"
+#include "frame/FrameFixtures.h"
+#include "platform/codepage.h"
+#include "platform/fs.h"
+
+namespace qx::test {
+namespace {
+
+TEST(SplitListTest, CutsAndSortsBytewise) {
+  struct Case {
+    std::string text;
+    StringList expected;
+  };
+  const std::vector<Case> cases = {
+      {"c,a,b", {"a", "b", "c"}},
+      {"b,a,a", {"a", "a", "b"}},
+      {"a,b,", {"a", "b"}},
+      {"a,,b", {"", "a", "b"}},
+      {",a", {"", "a"}},
+      {",", {""}},
+      {"", {}},
+      {"a", {"a"}},
+      {"a,B", {"B", "a"}},                  // case matters: upper case first
+      {"ab,a", {"a", "ab"}},                // a prefix is smaller
+      {"\xe9,z", {"z", "\xe9"}},            // bytes compare unsigned
+      {" b,b", {" b", "b"}},                // blanks belong to the item
+      {"x/2.kdp,x/10.kdp", {"x/10.kdp", "x/2.kdp"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.text);
+    EXPECT_EQ(SplitList(c.text), c.expected);
+  }
+}
+
+TEST(SplitListTest, LongListStaysSorted) {
+  std::string text;
+  for (int i = 5000; i > 0; --i) text += std::to_string(i % 977) + ",";
+  const StringList list = SplitList(text);
+  ASSERT_EQ(list.size(), 5000u);
+  EXPECT_TRUE(std::is_sorted(list.begin(), list.end()));
+}
+
+TEST(PathTextTest, FoldersAndExtensions) {
+  struct Case {
+    std::string in;
+    std::string fileFolder, memberFolder, extension;
+  };
+  const std::vector<Case> cases = {
+      {"", "", "", ""},
+      {"out", "out/", "out\\", ""},
+      {"out/", "out/", "out\\", ""},
+      {"a/b", "a/b/", "a\\b\\", ""},
+      {"sub\\", "sub\\/", "sub\\", ""},
+      {"/d/x.QxP", "/d/x.QxP/", "\\d\\x.QxP\\", ".QXP"},
+      {"/d.e/x", "/d.e/x/", "\\d.e\\x\\", ""},
+      {"x.", "x./", "x.\\", "."},
+      {"g.tar.qxg", "g.tar.qxg/", "g.tar.qxg\\", ".QXG"},
+      {"caf\xe9.gr\xe9", "caf\xe9.gr\xe9/", "caf\xe9.gr\xe9\\", ".GR\xe9"},  // ASCII letters only
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.in);
+    EXPECT_EQ(CompleteFolder(c.in, '/'), c.fileFolder);
+    EXPECT_EQ(MemberFolder(c.in), c.memberFolder);
+    EXPECT_EQ(UpperExtension(c.in), c.extension);
+  }
+}
+
+class GroupPathTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    root = std::filesystem::temp_directory_path() / "qx-frame-paths";
+    std::filesystem::remove_all(root);
+    std::filesystem::create_directories(root / "data");
+    std::ofstream(root / "data" / "grp.qxg") << "PK";
+    base = root.string();
+  }
+  void TearDown() override { std::filesystem::remove_all(root); }
+
+  std::filesystem::path root;
+  std::string base;
+};
+
+TEST_F(GroupPathTest, SplitGroupPathCutsWhereTheFileSystemEnds) {
+  struct Case {
+    std::string path;
+    std::string group, inGroup;
+  };
+  const std::string g = base + "/data/grp.qxg";
+  const std::vector<Case> cases = {
+      {g + "/folder/file.kdp", g, "folder\\file.kdp"},
+      {g, g, ""},
+      {g + "/", g, ""},
+      {g + "//x", g, "x"},
+      {base + "/data", base + "/data", ""},
+      {base + "/data/missing/x.kdp", base + "/data", "missing\\x.kdp"},
+      {"qx-no-such-dir/x", "", "qx-no-such-dir\\x"},
+      {"", "", ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    const GroupPathParts parts = SplitGroupPath(c.path);
+    EXPECT_EQ(parts.group, c.group);
+    EXPECT_EQ(parts.inGroup, c.inGroup);
+  }
+}
+
+TEST_F(GroupPathTest, SplitPathReplacesBothStrings) {
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  Bstr path(codepage::AnsiToWide(base + "/data/grp.qxg/f/x.kdp"));
+  Bstr inGroup(u"old, released by the call");
+  ASSERT_EQ(fm->SplitPath(path.address(), inGroup.address()), S_OK);
+  EXPECT_EQ(codepage::WideToAnsi(path.view()), base + "/data/grp.qxg");
+  EXPECT_EQ(inGroup.view(), u"f\\x.kdp");
+  EXPECT_EQ(fm->SplitPath(nullptr, inGroup.address()), E_POINTER);
+}
+
+TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  const std::string g = base + "/data/grp.qxg";
+  struct Case {
+    const char* name;
+    std::string path;
+    bool makeContainer;
+    int32_t result;
+    HRESULT expected;
+    LONG value;
+    std::vector<std::string> calls;
+  };
+  const std::string temp = GetTempGroupFolder();
+  const std::vector<Case> cases = {
+      {"member present", g + "/x.kdp", true, 1, S_OK, 1, {"ContainsMember(x.kdp)"}},
+      {"member absent", g + "/x.kdp", true, 0, S_OK, 0, {"ContainsMember(x.kdp)"}},
+      {"group itself", g, true, 1, S_OK, 1, {"ContainsMember()"}},
+      {"no container", g + "/x.kdp", false, 1, S_FALSE, 0, {}},
+      // In a folder: copied out and looked for in the temporary folder (the fake writes nothing).
+      {"nested member", g + "/dir/x.kdp", true, 1, S_OK, 0, {"ExtractMember(dir\\x.kdp|" + temp + ")"}},
+      {"nested, not extracted", g + "/dir/x.kdp", true, 0, S_OK, 0,
+       {"ExtractMember(dir\\x.kdp|" + temp + ")"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    script.calls.clear();
+    script.makeContainer = c.makeContainer;
+    script.result = c.result;
+    LONG value = 77;
+    const Bstr path(codepage::AnsiToWide(c.path));
+    EXPECT_EQ(fm->get_DoesPathExist(path.get(), &value), c.expected);
+    EXPECT_EQ(value, c.value);
+    EXPECT_EQ(script.calls, c.calls);
+  }
+}
+
+TEST_F(GroupPathTest, IsGroupOfFilesAndPathsThroughGroups) {
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  const std::string g = base + "/data/grp.qxg";
+  LONG value = 77;
+  const Bstr group(codepage::AnsiToWide(g));
+  ASSERT_EQ(fm->get_IsGroup(group.get(), &value), S_OK);
+  EXPECT_EQ(value, 1);
+  script.makeContainer = false;
+  ASSERT_EQ(fm->get_IsGroup(group.get(), &value), S_OK);
+  EXPECT_EQ(value, 0);
+
+  // A member that cannot be copied out is no group, and no failure.
+  const Bstr member(codepage::AnsiToWide(g + "/sub.qxg"));
+  value = 77;
+  ASSERT_EQ(fm->get_IsGroup(member.get(), &value), S_OK);
+  EXPECT_EQ(value, 0);
+  EXPECT_TRUE(std::filesystem::is_directory(fs::ToNative(GetTempGroupFolder())));
+}
+
+}  // namespace
+}  // namespace qx::test

@@ -1,0 +1,43 @@
+/* A C11 caller of the component: class object, instance and calls through lpVtbl. */
+#include <stdio.h>
+
+#include "qxgroupmgr/QXGroupMgr.h"
+
+#define CHECK(expr, expected)                                                              \
+  do {                                                                                     \
+    HRESULT hr_ = (expr);                                                                  \
+    if (hr_ != (HRESULT)(expected)) {                                                      \
+      snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", #expr, (unsigned)hr_,     \
+               (unsigned)(expected));                                                      \
+      return 1;                                                                            \
+    }                                                                                      \
+  } while (0)
+
+int RunCCaller(char* message, size_t size);
+
+int RunCCaller(char* message, size_t size) {
+  IClassFactory* cf = NULL;
+  IGroupManager2* fm = NULL;
+  CHECK(DllGetClassObject(&CLSID_FileManager, &IID_IClassFactory, (void**)&cf), S_OK);
+  CHECK(cf->lpVtbl->CreateInstance(cf, NULL, &IID_IGroupManager2, (void**)&fm), S_OK);
+  cf->lpVtbl->Release(cf);
+
+  BSTR group = SysAllocString(u"/nonexistent-qx-module-dir/c.grp");
+  BSTR list = NULL;
+  LONG value = 3;
+  CHECK(fm->lpVtbl->UseQXAscii(fm, 0), E_NOTIMPL);
+  CHECK(fm->lpVtbl->ReadContents(fm, group, &list), E_FAIL);
+  CHECK(fm->lpVtbl->ReadContents(fm, group, NULL), E_POINTER);
+  CHECK(fm->lpVtbl->GetFile(fm, group, NULL, NULL), E_FAIL);
+  CHECK(fm->lpVtbl->get_IsGroup(fm, group, &value), S_OK);
+  CHECK(value == 0 ? S_OK : E_FAIL, S_OK);
+  CHECK(fm->lpVtbl->put_ShowUI(fm, NULL), S_OK);
+  SysFreeString(group);
+
+  UINT count = 7;
+  CHECK(fm->lpVtbl->GetTypeInfoCount(fm, &count), S_OK);
+  CHECK(count == 0 ? S_OK : E_FAIL, S_OK);
+  CHECK(fm->lpVtbl->Release(fm) == 0 ? S_OK : E_FAIL, S_OK);
+  CHECK(DllCanUnloadNow(), S_OK);
+  return 0;
+}

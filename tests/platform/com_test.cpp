@@ -1,0 +1,282 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <functional>
+#include <limits>
+
+#include "platform/com.h"
+
+namespace qx {
+namespace {
+
+uint32_t PrefixOf(BSTR s) {
+  uint32_t n = 0;
+  std::memcpy(&n, reinterpret_cast<const unsigned char*>(s) - 4, 4);
+  return n;
+}
+
+TEST(BstrTest, LengthsPrefixAndTerminator) {
+  struct Case {
+    const char* name;
+    BSTR s;
+    UINT chars, bytes;
+  };
+  const char16_t text[] = u"ab\0cd";  // an embedded NUL is part of the string
+  Case cases[] = {
+      {"SysAllocString", SysAllocString(u"h\u00e9llo"), 5, 10},
+      {"SysAllocString empty", SysAllocString(u""), 0, 0},
+      {"SysAllocStringLen embedded NUL", SysAllocStringLen(text, 5), 5, 10},
+      {"SysAllocStringLen null text", SysAllocStringLen(nullptr, 4), 4, 8},
+      {"SysAllocStringByteLen odd", SysAllocStringByteLen("abc", 3), 1, 3},
+      {"SysAllocStringByteLen one", SysAllocStringByteLen("a", 1), 0, 1},
+      {"SysAllocStringByteLen null bytes", SysAllocStringByteLen(nullptr, 6), 3, 6},
+  };
+  for (Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_NE(c.s, nullptr);
+    EXPECT_EQ(SysStringLen(c.s), c.chars);
+    EXPECT_EQ(SysStringByteLen(c.s), c.bytes);
+    EXPECT_EQ(PrefixOf(c.s), c.bytes);
+    const auto* bytes = reinterpret_cast<const unsigned char*>(c.s);
+    EXPECT_EQ(bytes[c.bytes], 0);  // terminated right after the stated bytes
+    EXPECT_EQ(bytes[c.bytes + 1], 0);
+    SysFreeString(c.s);
+  }
+  const BSTR zeroed = SysAllocStringLen(nullptr, 3);
+  EXPECT_EQ(std::u16string_view(zeroed, 3), std::u16string_view(u"\0\0\0", 3));
+  SysFreeString(zeroed);
+  const BSTR copied = SysAllocStringLen(text, 5);
+  EXPECT_EQ(std::u16string_view(copied, 5), std::u16string_view(text, 5));
+  SysFreeString(copied);
+}
+
+TEST(BstrTest, NullIsTheEmptyString) {
+  EXPECT_EQ(SysAllocString(nullptr), nullptr);
+  EXPECT_EQ(SysStringLen(nullptr), 0u);
+  EXPECT_EQ(SysStringByteLen(nullptr), 0u);
+  SysFreeString(nullptr);
+  EXPECT_EQ(SysAllocStringLen(nullptr, std::numeric_limits<UINT>::max()), nullptr);
+  Bstr b;
+  EXPECT_EQ(b.size(), 0u);
+  EXPECT_TRUE(b.view().empty());
+}
+
+TEST(BstrTest, OwnerReleasesAndMoves) {
+  Bstr a(u"one");
+  Bstr b = std::move(a);
+  EXPECT_EQ(a.get(), nullptr);
+  EXPECT_EQ(b.view(), u"one");
+  BSTR raw = b.release();
+  EXPECT_EQ(b.get(), nullptr);
+  Bstr c = Bstr::Attach(raw);
+  *c.receive() = SysAllocString(u"two");  // the old string was freed first
+  EXPECT_EQ(c.view(), u"two");
+  c = Bstr(u"three");
+  EXPECT_EQ(c.size(), 5u);
+}
+
+// Counts references, to see what VariantClear and VariantCopy do with interface pointers.
+struct Counted final : IUnknown {
+  HRESULT QueryInterface(REFIID, void**) override { return E_NOINTERFACE; }
+  ULONG AddRef() override { return ++refs; }
+  ULONG Release() override { return --refs; }
+  ULONG refs = 1;
+};
+
+TEST(VariantTest, ClearAndCopy) {
+  VARIANT s;
+  VariantInit(&s);
+  EXPECT_EQ(s.vt, VT_EMPTY);
+  s.vt = VT_BSTR;
+  s.bstrVal = SysAllocStringByteLen("xyz", 3);  // odd length survives the copy
+  VARIANT d;
+  VariantInit(&d);
+  ASSERT_EQ(VariantCopy(&d, &s), S_OK);
+  ASSERT_EQ(d.vt, VT_BSTR);
+  EXPECT_NE(d.bstrVal, s.bstrVal);
+  EXPECT_EQ(SysStringByteLen(d.bstrVal), 3u);
+  EXPECT_EQ(std::memcmp(d.bstrVal, "xyz", 3), 0);
+  // Copying over a string frees it (a leak otherwise shows under ASan).
+  ASSERT_EQ(VariantCopy(&d, &s), S_OK);
+  EXPECT_EQ(VariantClear(&d), S_OK);
+  EXPECT_EQ(d.vt, VT_EMPTY);
+
+  Counted unk;
+  VARIANT u;
+  VariantInit(&u);
+  u.vt = VT_UNKNOWN;
+  u.punkVal = &unk;
+  ASSERT_EQ(VariantCopy(&d, &u), S_OK);
+  EXPECT_EQ(unk.refs, 2u);
+  VariantClear(&d);
+  EXPECT_EQ(unk.refs, 1u);
+
+  // A by-reference variant borrows: clearing it frees nothing it points at.
+  VARIANT r;
+  VariantInit(&r);
+  r.vt = VT_BYREF | VT_BSTR;
+  r.pbstrVal = &s.bstrVal;
+  ASSERT_EQ(VariantCopy(&d, &r), S_OK);
+  EXPECT_EQ(d.pbstrVal, &s.bstrVal);
+  VariantClear(&d);
+  VariantClear(&r);
+  EXPECT_EQ(SysStringByteLen(s.bstrVal), 3u);
+  VariantClear(&s);
+  EXPECT_EQ(VariantClear(nullptr), E_INVALIDARG);
+}
+
+TEST(VariantTest, IntegerConversions) {
+  LONG l4 = -7;
+  SHORT i2 = 300;
+  LONGLONG i8 = 5'000'000'000;
+  VARIANT_BOOL yes = VARIANT_TRUE;
+  Bstr text(u"123");
+  BSTR textRef = text.get();
+  struct Case {
+    const char* name;
+    VARTYPE vt;
+    std::function<void(VARIANT&)> fill;
+    HRESULT expected;
+    LONG value;
+  };
+  const std::vector<Case> cases = {
+      {"I2", VT_I2, [](VARIANT& v) { v.iVal = -2; }, S_OK, -2},
+      {"I4", VT_I4, [](VARIANT& v) { v.lVal = 123456; }, S_OK, 123456},
+      {"INT", VT_INT, [](VARIANT& v) { v.intVal = -1; }, S_OK, -1},
+      {"UI1", VT_UI1, [](VARIANT& v) { v.bVal = 255; }, S_OK, 255},
+      {"UI2", VT_UI2, [](VARIANT& v) { v.uiVal = 65535; }, S_OK, 65535},
+      {"UI4 fits", VT_UI4, [](VARIANT& v) { v.ulVal = 0x7FFFFFFF; }, S_OK, 0x7FFFFFFF},
+      {"UI4 too big", VT_UI4, [](VARIANT& v) { v.ulVal = 0x80000000u; }, DISP_E_OVERFLOW, 0},
+      {"I8 fits", VT_I8, [](VARIANT& v) { v.llVal = -2147483648LL; }, S_OK, INT32_MIN},
+      {"I8 too big", VT_I8, [](VARIANT& v) { v.llVal = 2147483648LL; }, DISP_E_OVERFLOW, 0},
+      {"UI8 huge", VT_UI8, [](VARIANT& v) { v.ullVal = ~0ull; }, DISP_E_OVERFLOW, 0},
+      {"BOOL true", VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_TRUE; }, S_OK, -1},
+      {"BOOL false", VT_BOOL, [](VARIANT& v) { v.boolVal = VARIANT_FALSE; }, S_OK, 0},
+      {"BSTR number", VT_BSTR, [&](VARIANT& v) { v.bstrVal = text.get(); }, S_OK, 123},
+      {"byref I4", VT_BYREF | VT_I4, [&](VARIANT& v) { v.plVal = &l4; }, S_OK, -7},
+      {"byref I2", VT_BYREF | VT_I2, [&](VARIANT& v) { v.piVal = &i2; }, S_OK, 300},
+      {"byref I8 too big", VT_BYREF | VT_I8, [&](VARIANT& v) { v.pllVal = &i8; }, DISP_E_OVERFLOW, 0},
+      {"byref BOOL", VT_BYREF | VT_BOOL, [&](VARIANT& v) { v.pboolVal = &yes; }, S_OK, -1},
+      {"byref BSTR", VT_BYREF | VT_BSTR, [&](VARIANT& v) { v.pbstrVal = &textRef; }, S_OK, 123},
+      {"byref null pointer", VT_BYREF | VT_I4, [](VARIANT& v) { v.plVal = nullptr; }, DISP_E_TYPEMISMATCH, 0},
+      {"EMPTY", VT_EMPTY, [](VARIANT&) {}, DISP_E_TYPEMISMATCH, 0},
+      {"R8", VT_R8, [](VARIANT& v) { v.dblVal = 1.0; }, DISP_E_TYPEMISMATCH, 0},
+      {"null BSTR", VT_BSTR, [](VARIANT& v) { v.bstrVal = nullptr; }, DISP_E_TYPEMISMATCH, 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VARIANT v;
+    VariantInit(&v);
+    v.vt = c.vt;
+    c.fill(v);
+    LONG out = 0;
+    EXPECT_EQ(VariantToLong(v, out), c.expected);
+    if (c.expected == S_OK) {
+      EXPECT_EQ(out, c.value);
+    }
+  }
+}
+
+TEST(VariantTest, DecimalText) {
+  struct Case {
+    std::u16string text;
+    HRESULT expected;
+    LONG value;
+  };
+  const std::vector<Case> cases = {
+      {u"0", S_OK, 0},
+      {u"  -12 ", S_OK, -12},
+      {u"+5", S_OK, 5},
+      {u"2147483647", S_OK, INT32_MAX},
+      {u"-2147483648", S_OK, INT32_MIN},
+      {u"2147483648", DISP_E_OVERFLOW, 0},
+      {u"99999999999999999999999", DISP_E_OVERFLOW, 0},
+      {u"-9223372036854775808", DISP_E_OVERFLOW, 0},
+      {u"", DISP_E_TYPEMISMATCH, 0},
+      {u"-", DISP_E_TYPEMISMATCH, 0},
+      {u"12a", DISP_E_TYPEMISMATCH, 0},
+      {u"1 2", DISP_E_TYPEMISMATCH, 0},
+      {u"0x10", DISP_E_TYPEMISMATCH, 0},
+      {u"\uff11", DISP_E_TYPEMISMATCH, 0},  // a full-width digit is no decimal digit here
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.text.begin(), c.text.end()));
+    Bstr b(c.text);
+    VARIANT v;
+    VariantInit(&v);
+    v.vt = VT_BSTR;
+    v.bstrVal = b.get();
+    LONG out = 0;
+    EXPECT_EQ(VariantToLong(v, out), c.expected);
+    if (c.expected == S_OK) {
+      EXPECT_EQ(out, c.value);
+    }
+  }
+  int64_t wide = 0;
+  Bstr min(u"-9223372036854775808");
+  VARIANT v;
+  VariantInit(&v);
+  v.vt = VT_BSTR;
+  v.bstrVal = min.get();
+  ASSERT_EQ(VariantToInt64(v, wide), S_OK);
+  EXPECT_EQ(wide, INT64_MIN);
+}
+
+TEST(VariantTest, StringConversions) {
+  Bstr text(u"abc");
+  BSTR ref = text.get();
+  VARIANT inner;
+  VariantInit(&inner);
+  inner.vt = VT_BSTR;
+  inner.bstrVal = text.get();
+  struct Case {
+    const char* name;
+    VARTYPE vt;
+    void* payload;
+    HRESULT expected;
+    BSTR value;
+  };
+  const Case cases[] = {
+      {"BSTR", VT_BSTR, text.get(), S_OK, text.get()},
+      {"EMPTY", VT_EMPTY, nullptr, S_OK, nullptr},
+      {"NULL", VT_NULL, nullptr, S_OK, nullptr},
+      {"byref BSTR", VT_BYREF | VT_BSTR, &ref, S_OK, text.get()},
+      {"byref VARIANT", VT_BYREF | VT_VARIANT, &inner, S_OK, text.get()},
+      {"I4", VT_I4, nullptr, DISP_E_TYPEMISMATCH, nullptr},
+      {"byref null", VT_BYREF | VT_BSTR, nullptr, DISP_E_TYPEMISMATCH, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VARIANT v;
+    VariantInit(&v);
+    v.vt = c.vt;
+    v.byref = c.payload;
+    if (c.vt == VT_BSTR) v.bstrVal = static_cast<BSTR>(c.payload);
+    BSTR out = reinterpret_cast<BSTR>(&ref);
+    EXPECT_EQ(VariantToBstr(v, out), c.expected);
+    if (c.expected == S_OK) {
+      EXPECT_EQ(out, c.value);
+    }
+  }
+}
+
+TEST(GuidTest, TextRoundTrip) {
+  EXPECT_EQ(GuidToString(IID_IDispatch), "{00020400-0000-0000-C000-000000000046}");
+  EXPECT_EQ(GuidToString(IID_NULL), "{00000000-0000-0000-0000-000000000000}");
+  const GUID g = {0x871AFE2C, 0x13C8, 0x49C5, {0xAD, 0x0D, 0xF7, 0x2B, 0x18, 0xC0, 0x55, 0xB1}};
+  const std::string text = GuidToString(g);
+  EXPECT_EQ(text, "{871AFE2C-13C8-49C5-AD0D-F72B18C055B1}");
+  ASSERT_TRUE(GuidFromString(text).has_value());
+  EXPECT_EQ(*GuidFromString(text), g);
+  EXPECT_EQ(*GuidFromString("{871afe2c-13c8-49c5-ad0d-f72b18c055b1}"), g);
+
+  for (const char* bad : {"871AFE2C-13C8-49C5-AD0D-F72B18C055B1", "{871AFE2C-13C8-49C5-AD0DF72B18C055B1}",
+                          "{871AFE2C-13C8-49C5-AD0D-F72B18C055B}", "{871AFE2C-13C8-49C5-AD0D-F72B18C055BG}",
+                          "{871AFE2C 13C8-49C5-AD0D-F72B18C055B1}", "", "{}"}) {
+    SCOPED_TRACE(bad);
+    EXPECT_FALSE(GuidFromString(bad).has_value());
+  }
+}
+
+}  // namespace
+}  // namespace qx
