@@ -175,6 +175,12 @@ typedef struct IDispatch IDispatch;
 typedef struct VARIANT VARIANT;
 typedef VARIANT VARIANTARG;
 
+/* A named type: anonymous types inside the anonymous union below are a compiler extension. */
+struct VARIANT_RECORD {
+  void* pvRecord;
+  void* pRecInfo;
+};
+
 /* 24 bytes on 64-bit systems, as on the original platform: the union is as wide as its widest
  * member, a record pointer pair. */
 struct VARIANT {
@@ -215,10 +221,7 @@ struct VARIANT {
     IDispatch** ppdispVal;
     VARIANT* pvarVal;
     void* byref;
-    struct {
-      void* pvRecord;
-      void* pRecInfo;
-    } record;
+    struct VARIANT_RECORD record;
   };
 };
 
