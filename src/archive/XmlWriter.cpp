@@ -111,11 +111,15 @@ void WriteXml(const Node* element, std::string& out) {
       out += "\r\n";
     }
   }
+  // An element without a tag is written as "nothing", so the text stays well-formed.
+  const auto tagOf = [](const Node* n) {
+    return n->tag.empty() ? std::string_view("nothing") : n->tag;
+  };
   const Node* n = element;
   for (;;) {
     if (n == element || n->prev == nullptr) out += "\r\n";
     out += '<';
-    out += n->tag.empty() ? std::string_view("nothing") : n->tag;
+    out += tagOf(n);
     WriteAttributes(n->firstAttr, out);
     out += '>';
     if (n->cdata) {
@@ -131,7 +135,7 @@ void WriteXml(const Node* element, std::string& out) {
     }
     for (;;) {  // close this element and every ancestor it was the last child of
       out += "</";
-      out += n->tag;
+      out += tagOf(n);
       out += ">\r\n";
       if (n == element) return;
       if (n->next != nullptr) {

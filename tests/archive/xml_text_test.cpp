@@ -132,6 +132,9 @@ TEST(XmlText, BuiltDocuments) {
   EXPECT_FALSE(root.GetAttribute("missing", value));
   EXPECT_EQ(value.GetLength(), 0);
 
+  auto unnamed = other->AddChild("", "e");
+  EXPECT_EQ(Xml(*unnamed), "\r\n<nothing>e</nothing>\r\n");
+
   other->SetTag("my tag");
   VxString tag;
   other->GetTag(tag);
