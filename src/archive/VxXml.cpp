@@ -66,6 +66,8 @@ void VxXml::Rebind(xml::Node* node) {
   node_ = node;
 }
 
+void VxXml::ReleaseProcessState() { xml::ReleasePooledBlocks(); }
+
 void VxXml::Record(std::string message) const { log_.push_back(std::move(message)); }
 
 bool VxXml::LoadXml(const char* text) {

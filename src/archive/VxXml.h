@@ -72,6 +72,10 @@ class VxXml {
   bool GetTag(VxString& out) const;
   bool SetTag(const char* tag);
 
+  // Returns the memory that freed documents keep for later ones to the system; for module
+  // unload. Documents still alive are not affected.
+  static void ReleaseProcessState();
+
   // Diagnostic messages of failed operations, oldest first.
   const std::vector<std::string>& Log() const { return log_; }
 

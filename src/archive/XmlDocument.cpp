@@ -41,14 +41,13 @@ constexpr size_t kPoolLimit = 1024;  // 64 MB
 struct BlockPool {
   std::mutex lock;
   std::vector<char*> blocks;
-  ~BlockPool() {
-    for (char* b : blocks) delete[] b;
-  }
 };
 
+// Never destroyed: documents held by static objects may be freed after any static
+// destructor has run. ReleasePooledBlocks empties it.
 BlockPool& Pool() {
-  static BlockPool pool;
-  return pool;
+  static BlockPool* pool = new BlockPool;
+  return *pool;
 }
 
 char* TakeBlock() {
@@ -76,6 +75,14 @@ void GiveBlock(char* block) {
   delete[] block;
 }
 }  // namespace
+
+void ReleasePooledBlocks() {
+  BlockPool& pool = Pool();
+  std::lock_guard<std::mutex> guard(pool.lock);
+  for (char* b : pool.blocks) delete[] b;
+  pool.blocks.clear();
+  pool.blocks.shrink_to_fit();
+}
 
 Arena::~Arena() {
   for (const Block& b : blocks_) {

@@ -59,6 +59,9 @@ class Arena {
   char* end_ = nullptr;
 };
 
+// Frees the arena blocks kept for reuse by later documents.
+void ReleasePooledBlocks();
+
 struct Attr {
   std::string_view name;
   std::string_view value;

@@ -52,6 +52,7 @@ TEST(XmlCorpus, ManifestsParseAndEveryElementIsFound) {
       {"jcputney_WithMetadata_SCORM12_metadata.xml", "langstring"},
       {"reload_interink_imsmanifest.xml", "file"},
       {"pyslet_yingguo_imsmanifest.xml", "manifest"},
+      {"jcputney_MalformedXml_SCORM12_imsmanifest.xml", "item"},  // unclosed element: kept
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(row.file);
@@ -122,18 +123,6 @@ TEST(XmlCorpus, SmallManifestsSerialiseExactly) {
                "<?xml version=\"1.0\" encoding=\"utf-8\" ?>\r\n\r\n<manifest "
                "xmlns=\"http://www.imsglobal.org/xsd/imscp_v1p1\" "
                "identifier=\"manifest\"></manifest>\r\n");
-}
-
-TEST(XmlCorpus, MalformedManifestsDoNotCrash) {
-  for (const char* name : {"jcputney_MalformedXml_SCORM12_imsmanifest.xml"}) {
-    SCOPED_TRACE(name);
-    VxXml doc;
-    if (doc.LoadXmlFile(CorpusFile(name).c_str())) {
-      VxString xml;
-      EXPECT_TRUE(doc.GetXml(xml));
-      EXPECT_TRUE(doc.FindTag(nullptr, "manifest"));
-    }
-  }
 }
 
 }  // namespace
