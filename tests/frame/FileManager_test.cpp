@@ -107,9 +107,6 @@ TEST_F(FileManagerTest, ArgumentsReachTheContainer) {
       {"AddFiles slash becomes backslash", [&](IGroupManager2* f) {
          return f->AddFiles(b(u"g").get(), b(u"f").get(), b(u"a/b").get()); },
        "AddMembers([f]|a\\b\\)"},
-      {"AddFiles folder kept", [&](IGroupManager2* f) {
-         return f->AddFiles(b(u"g").get(), b(u"f").get(), b(u"sub\\").get()); },
-       "AddMembers([f]|sub\\)"},
       {"AddFiles null folder", [&](IGroupManager2* f) {
          return f->AddFiles(b(u"g").get(), b(u"f").get(), nullptr); },
        "AddMembers([f]|)"},
@@ -122,15 +119,9 @@ TEST_F(FileManagerTest, ArgumentsReachTheContainer) {
       {"ExtractFile removes exactly that member", [&](IGroupManager2* f) {
          return f->ExtractFile(b(u"g").get(), b(u"A,B").get(), b(u"/out/").get()); },
        "ExtractMember(A,B|/out/) DeleteMembers([A,B])"},
-      {"ExpandGrpFile completes destination", [&](IGroupManager2* f) {
-         return f->ExpandGrpFile(b(u"g").get(), b(u"/out").get()); },
-       "ExtractAllMembers(/out/)"},
       {"DeleteFile splits at commas", [&](IGroupManager2* f) {
          return f->DeleteFile(b(u"g").get(), b(u"b,a").get()); },
        "DeleteMembers([a,b])"},
-      {"DeleteFiles sorted", [&](IGroupManager2* f) {
-         return f->DeleteFiles(b(u"g").get(), b(u"c,B,a,a").get()); },
-       "DeleteMembers([B,a,a,c])"},
       {"CreateGrpFile writes sorted list at top level", [&](IGroupManager2* f) {
          return f->CreateGrpFile(b(u"/none/x.qxg").get(), b(u"z,y").get()); },
        "CreateWithMembers([y,z]|)"},
@@ -170,7 +161,6 @@ TEST_F(FileManagerTest, ReadContentsJoinsNames) {
   const std::vector<Case> cases = {
       {{"A", "B", "C"}, u"A,B,C"},
       {{}, u""},
-      {{"only"}, u"only"},
       {{"dir\\x.kdp", "\xe9.kdp"}, u"dir\\x.kdp,\u00e9.kdp"},
   };
   for (const Case& c : cases) {
@@ -299,14 +289,6 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   EXPECT_EQ(host->Messages().size(), 2u);
   ui::ReleaseOwnerWindow(owner);
   std::filesystem::remove_all(dir);
-}
-
-TEST_F(FileManagerTest, UseQXAsciiIsStoredButNotImplemented) {
-  for (LONG value : {1, 0, -5}) {
-    SCOPED_TRACE(value);
-    EXPECT_EQ(fm->UseQXAscii(value), E_NOTIMPL);
-    EXPECT_EQ(fm->UseQXAsciiFlag(), value);
-  }
 }
 
 }  // namespace
