@@ -1,5 +1,6 @@
 // The module's exported entry points. Compiled into libqxgroupmgr.so only; programs that link
 // the core library reach the same state through qx::module.
+#include "archive/VxXml.h"
 #include "frame/Module.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
@@ -19,7 +20,12 @@ HRESULT DllUnregisterServer(void) { return E_NOTIMPL; }
 
 namespace {
 
-// Runs when the module is unloaded (dlclose or process exit).
-__attribute__((destructor)) void UnloadModule() { qx::module::Shutdown(); }
+// Runs when the module is unloaded (dlclose or process exit): the class objects first, then what
+// the archive and XML services keep for the whole process.
+// TODO(zip service): release its process-wide state here too once it keeps any.
+__attribute__((destructor)) void UnloadModule() {
+  qx::module::Shutdown();
+  qx::VxXml::ReleaseProcessState();
+}
 
 }  // namespace
