@@ -9,6 +9,15 @@ namespace {
 
 bool IsBlank(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n'; }
 
+// Bytes that end a tag name: blanks, '/' and '>'.
+struct TagEnds {
+  bool at[256] = {};
+  constexpr TagEnds() {
+    for (unsigned char c : {' ', '\t', '\r', '\n', '/', '>'}) at[c] = true;
+  }
+};
+constexpr TagEnds kTagEnds;
+
 struct Entity {
   std::string_view name;  // after '&', with ';'
   char value;
@@ -62,6 +71,10 @@ class Parser {
     uint32_t pieces = 0;
   };
 
+  // "?>" or "/>" (as `first`) at `at`: checked per character in the hot loops.
+  bool PairAt(size_t at, char first) const {
+    return s_[at] == first && at + 1 < n_ && s_[at + 1] == '>';
+  }
   bool StartsWith(size_t at, std::string_view what) const {
     return n_ - at >= what.size() && std::memcmp(s_ + at, what.data(), what.size()) == 0;
   }
@@ -146,7 +159,10 @@ bool Parser::Run(std::string& error) {
     i_ = at;
     if (i_ >= n_) break;
 
-    if (StartsWith(i_, "<?xml ")) {
+    const char kind = i_ + 1 < n_ ? s_[i_ + 1] : '\0';
+    if (kind != '?' && kind != '!' && kind != '/') {
+      if (!ParseStartTag(error)) return false;
+    } else if (StartsWith(i_, "<?xml ")) {
       if (!ParseDeclaration(error)) return false;
     } else if (StartsWith(i_, "<?")) {
       size_t end = Find(i_ + 2, "?>");
@@ -192,8 +208,6 @@ bool Parser::Run(std::string& error) {
       }
       i_ = static_cast<size_t>(static_cast<const char*>(gt) - s_) + 1;
       if (!open_.empty()) Close();  // a stray end tag before the root is ignored
-    } else {
-      if (!ParseStartTag(error)) return false;
     }
   }
   if (doc_.root == nullptr) {
@@ -235,7 +249,7 @@ bool Parser::ParseDoctype(std::string& error) {
 
 bool Parser::ParseStartTag(std::string& error) {
   size_t begin = ++i_;
-  while (i_ < n_ && !IsBlank(s_[i_]) && s_[i_] != '/' && s_[i_] != '>') ++i_;
+  while (i_ < n_ && !kTagEnds.at[static_cast<unsigned char>(s_[i_])]) ++i_;
   Node* node = doc_.arena().New<Node>();
   node->doc = &doc_;
   node->tag = Intern(std::string_view(s_ + begin, i_ - begin));
@@ -258,7 +272,7 @@ bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
   for (;;) {
     SkipBlanks();
     if (i_ >= n_) return false;
-    if (declaration && StartsWith(i_, "?>")) {
+    if (declaration && PairAt(i_, '?')) {
       i_ += 2;
       return true;
     }
@@ -266,14 +280,15 @@ bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
       ++i_;
       return true;
     }
-    if (!declaration && StartsWith(i_, "/>")) {
+    if (!declaration && PairAt(i_, '/')) {
       i_ += 2;
       emptyElement = true;
       return true;
     }
     size_t nameBegin = i_;
+    const char pairStart = declaration ? '?' : '/';
     while (i_ < n_ && !IsBlank(s_[i_]) && s_[i_] != '=' && s_[i_] != '>' &&
-           !(declaration ? StartsWith(i_, "?>") : StartsWith(i_, "/>"))) {
+           !PairAt(i_, pairStart)) {
       ++i_;
     }
     std::string_view name(s_ + nameBegin, i_ - nameBegin);
@@ -298,9 +313,8 @@ bool Parser::ParseAttributes(Node* node, bool declaration, bool& emptyElement) {
         i_ = valueEnd + 1;
       } else {
         valueBegin = i_;
-        while (i_ < n_ && !IsBlank(s_[i_]) &&
-               !(declaration ? StartsWith(i_, "?>")
-                             : (s_[i_] == '>' || StartsWith(i_, "/>")))) {
+        while (i_ < n_ && !IsBlank(s_[i_]) && !PairAt(i_, pairStart) &&
+               (declaration || s_[i_] != '>')) {
           ++i_;
         }
         valueEnd = i_;
