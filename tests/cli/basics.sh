@@ -1,0 +1,79 @@
+#!/usr/bin/env bash
+# qxgroup as a person or a script runs it: exit statuses, JSON of `call`, messages on stderr.
+#   basics.sh QXGROUP SOURCE_DIR
+set -u
+qx=$1
+src=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+failures=0
+passed=0
+
+# expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
+expect() {
+  local name=$1 want=$2 out_re=$3 err_re=$4
+  shift 5
+  "$@" >out.txt 2>err.txt
+  local got=$?
+  local ok=1
+  [ "$got" = "$want" ] || ok=0
+  grep -Eq -- "$out_re" out.txt || ok=0
+  grep -Eq -- "$err_re" err.txt || ok=0
+  if [ $ok = 1 ]; then
+    passed=$((passed + 1))
+  else
+    failures=$((failures + 1))
+    echo "FAIL $name: status $got (want $want)"
+    echo "  stdout: $(head -c 400 out.txt)"
+    echo "  stderr: $(head -c 400 err.txt)"
+  fi
+}
+
+cp "$src"/samples/* .
+touch empty.bin
+mkdir folder
+
+# call: any member by name, case-insensitive, JSON on stdout.
+expect "UseQXAscii is not implemented" 1 '^\{"hr":"0x80004001","out":\{\}\}$' '^$' -- \
+  "$qx" call UseQXAscii 1
+expect "member names ignore case" 1 '"hr":"0x80004001"' '' -- "$qx" call usEqxasCII 0
+expect "nonexistent group fails" 1 '^\{"hr":"0x80004005","out":\{"indfiles":""\}\}$' '' -- \
+  "$qx" call ReadContents nothere.mag
+expect "retval of IsGroup" 0 '^\{"hr":"0x00000000","out":\{"pVal":0\}\}$' '' -- \
+  "$qx" call IsGroup notes.txt
+expect "ShowUI stores the handle" 0 '"hr":"0x00000000"' '' -- "$qx" call --ui=skip ShowUI 0
+expect "unknown member is a usage error" 2 '^$' 'no member named' -- "$qx" call NoSuchThing
+expect "too few arguments" 2 '^$' 'takes 2 argument' -- "$qx" call ReadContents
+expect "integer argument checked" 2 '^$' 'must be an integer' -- "$qx" call UseQXAscii yes
+expect "bad --ui" 2 '' '' -- "$qx" call --ui=maybe UseQXAscii 1
+expect "UTF-8 out of 1252 refused" 2 '' 'Windows-1252' -- "$qx" call ReadContents 'γ.mag'
+
+# info: what files are.
+expect "info on samples" 0 'school.mag: MA family' '^$' -- "$qx" info school.mag prog1.map
+expect "info names flash files" 0 'Hello.kdk: flash file' '' -- "$qx" info Hello.kdk
+expect "info on text" 0 'notes.txt: not a calculator file' '' -- "$qx" info notes.txt
+expect "info on a missing file" 1 '' 'qxgroup: nothere: no such file' -- "$qx" info nothere
+expect "info on a folder" 1 '' 'folder: is a folder' -- "$qx" info folder
+
+# Friendly subcommands refuse what cannot travel, before anything is touched.
+cp prog1.map 'a,b.map'
+expect "comma in a file name" 2 '' 'holds a comma' -- "$qx" create new.mag 'a,b.map' prog1.map
+[ -e new.mag ] && { echo "FAIL comma refusal wrote new.mag"; failures=$((failures + 1)); }
+expect "missing input file" 1 '' 'no such file: nothere.map' -- "$qx" add school.mag nothere.map
+expect "list of a text file" 1 '' 'not a group file: notes.txt \(unknown signature\)' -- \
+  "$qx" list notes.txt
+expect "list of a missing file" 1 '' 'not a group file: gone.mag \(no such file\)' -- \
+  "$qx" list gone.mag
+expect "list of a flash file" 1 '' '\(a flash file\)' -- "$qx" list Hello.kdk
+expect "get into a missing folder" 1 '' 'no such folder: nowhere' -- \
+  "$qx" get school.mag main.PROG1.map -C nowhere
+
+# Help and version.
+expect "help lists subcommands" 0 'create' '' -- "$qx" --help
+expect "call help lists members" 0 'ReadContentsXml' '' -- "$qx" call --help
+expect "version" 0 '^qxgroup [0-9]' '' -- "$qx" --version
+expect "no subcommand" 2 '' '' -- "$qx"
+
+echo "$passed passed, $failures failed"
+[ "$failures" = 0 ]
