@@ -67,3 +67,55 @@ bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out,
                    uint64_t maxSize = UINT64_MAX);
 
 }  // namespace qx::fs
+
+namespace qx::fs {
+
+// ---- Folders and files ----------------------------------------------------------------------
+
+// Creates one folder; true when it exists afterwards.
+bool CreateFolder(const std::string& path);
+// Removes an empty folder.
+bool RemoveFolder(const std::string& path);
+bool DeleteFile(const std::string& path);
+// Copies a file's bytes (replacing any file at `to`).
+bool CopyFile(const std::string& from, const std::string& to);
+// Renames within one file system, replacing any file at `to`.
+bool MoveFile(const std::string& from, const std::string& to);
+// The system's temporary folder ($TMPDIR, else /tmp), ending in '/'.
+std::string TempFolder();
+
+// ---- Find-first / find-next ------------------------------------------------------------------
+
+struct FindData {
+  std::string name;  // the entry's name (1252), without its folder
+  uint32_t attributes = 0;
+  uint64_t size = 0;
+};
+
+// Lists the entries of a folder whose names match the last component of a pattern, with `*`
+// (any run of characters) and `?` (one character); the folder part is taken literally.
+//   "dir/*.kdp" => every .kdp file in dir;  "dir/a?c" => abc, a.c ...;  "dir/name" => name only
+// "dir/*" also lists "." and "..", as the platform's search does.
+class Finder {
+ public:
+  Finder() = default;
+  ~Finder();
+  Finder(const Finder&) = delete;
+  Finder& operator=(const Finder&) = delete;
+
+  // False when nothing matches (or the folder cannot be read).
+  bool First(const std::string& pattern, FindData& found);
+  bool Next(FindData& found);
+  void Close();
+
+ private:
+  void* dir_ = nullptr;  // DIR*
+  std::string folder_;
+  std::string mask_;
+  bool literal_ = false;
+};
+
+// True when `name` matches `mask` with the platform's `*` and `?` wildcards (case-sensitive).
+bool MatchesWildcard(std::string_view name, std::string_view mask);
+
+}  // namespace qx::fs

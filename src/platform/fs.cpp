@@ -1,0 +1,227 @@
+#include "platform/fs.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <utility>
+
+#include "platform/codepage.h"
+
+namespace qx::fs {
+
+std::string ToNative(std::string_view ansiPath) { return codepage::AnsiToUtf8(ansiPath); }
+std::string FromNative(std::string_view nativeName) { return codepage::Utf8ToAnsi(nativeName); }
+
+namespace {
+
+uint32_t AttributesOf(const struct stat& st) {
+  uint32_t a = 0;
+  if (S_ISDIR(st.st_mode)) a |= kAttrDirectory;
+  if ((st.st_mode & (S_IWUSR | S_IWGRP | S_IWOTH)) == 0) a |= kAttrReadOnly;
+  return a == 0 ? kAttrNormal : a;
+}
+
+}  // namespace
+
+uint32_t GetAttributes(const std::string& path) {
+  struct stat st {};
+  if (path.empty() || ::stat(ToNative(path).c_str(), &st) != 0) return kInvalidAttributes;
+  return AttributesOf(st);
+}
+
+bool Exists(const std::string& path) { return GetAttributes(path) != kInvalidAttributes; }
+
+// ---- File ----------------------------------------------------------------------------------------
+
+File::~File() { Close(); }
+
+File::File(File&& other) noexcept : fp_(std::exchange(other.fp_, nullptr)) {}
+
+File& File::operator=(File&& other) noexcept {
+  if (this != &other) {
+    Close();
+    fp_ = std::exchange(other.fp_, nullptr);
+  }
+  return *this;
+}
+
+File File::OpenRead(const std::string& path) {
+  if (path.empty()) return File();
+  std::FILE* fp = std::fopen(ToNative(path).c_str(), "rb");
+  if (fp == nullptr) return File();
+  struct stat st {};
+  if (::fstat(::fileno(fp), &st) != 0 || !S_ISREG(st.st_mode)) {
+    std::fclose(fp);
+    return File();
+  }
+  return File(fp);
+}
+
+File File::CreateWrite(const std::string& path) {
+  if (path.empty()) return File();
+  return File(std::fopen(ToNative(path).c_str(), "wb"));
+}
+
+size_t File::Read(void* buffer, size_t size) {
+  return fp_ == nullptr || size == 0 ? 0 : std::fread(buffer, 1, size, fp_);
+}
+
+bool File::Write(const void* data, size_t size) {
+  return fp_ != nullptr && (size == 0 || std::fwrite(data, 1, size, fp_) == size);
+}
+
+bool File::Seek(uint64_t offset) {
+  return fp_ != nullptr && offset <= static_cast<uint64_t>(INT64_MAX) &&
+         ::fseeko(fp_, static_cast<off_t>(offset), SEEK_SET) == 0;
+}
+
+uint64_t File::Tell() const {
+  if (fp_ == nullptr) return 0;
+  const off_t pos = ::ftello(fp_);
+  return pos < 0 ? 0 : static_cast<uint64_t>(pos);
+}
+
+uint64_t File::Size() const {
+  struct stat st {};
+  if (fp_ == nullptr || ::fstat(::fileno(fp_), &st) != 0) return 0;
+  return static_cast<uint64_t>(st.st_size);
+}
+
+bool File::AtEnd() const { return fp_ == nullptr || Tell() >= Size(); }
+
+bool File::Close() {
+  if (fp_ == nullptr) return true;
+  const bool ok = std::fclose(fp_) == 0;
+  fp_ = nullptr;
+  return ok;
+}
+
+bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out, uint64_t maxSize) {
+  out.clear();
+  File f = File::OpenRead(path);
+  if (!f.IsOpen()) return false;
+  const uint64_t size = f.Size();
+  if (size > maxSize || size > SIZE_MAX) return false;
+  out.resize(static_cast<size_t>(size));
+  if (f.Read(out.data(), out.size()) != out.size()) {
+    out.clear();
+    return false;
+  }
+  return true;
+}
+
+// ---- Folders and files ----------------------------------------------------------------------
+
+bool CreateFolder(const std::string& path) {
+  if (path.empty()) return false;
+  if (::mkdir(ToNative(path).c_str(), 0777) == 0) return true;
+  return (GetAttributes(path) & kAttrDirectory) != 0 && GetAttributes(path) != kInvalidAttributes;
+}
+
+bool RemoveFolder(const std::string& path) {
+  return !path.empty() && ::rmdir(ToNative(path).c_str()) == 0;
+}
+
+bool DeleteFile(const std::string& path) {
+  return !path.empty() && ::unlink(ToNative(path).c_str()) == 0;
+}
+
+bool CopyFile(const std::string& from, const std::string& to) {
+  File in = File::OpenRead(from);
+  if (!in.IsOpen()) return false;
+  File out = File::CreateWrite(to);
+  if (!out.IsOpen()) return false;
+  std::vector<unsigned char> buf(1 << 16);
+  for (;;) {
+    const size_t n = in.Read(buf.data(), buf.size());
+    if (n == 0) break;
+    if (!out.Write(buf.data(), n)) return false;
+  }
+  return out.Close();
+}
+
+bool MoveFile(const std::string& from, const std::string& to) {
+  return !from.empty() && !to.empty() &&
+         ::rename(ToNative(from).c_str(), ToNative(to).c_str()) == 0;
+}
+
+std::string TempFolder() {
+  const char* env = std::getenv("TMPDIR");
+  std::string dir = (env != nullptr && *env != '\0') ? FromNative(env) : std::string("/tmp");
+  if (dir.back() != '/') dir.push_back('/');
+  return dir;
+}
+
+// ---- Find-first / find-next ------------------------------------------------------------------
+
+bool MatchesWildcard(std::string_view name, std::string_view mask) {
+  // Greedy match with one backtrack point: linear in practice, never exponential.
+  size_t n = 0, m = 0, starM = std::string_view::npos, starN = 0;
+  while (n < name.size()) {
+    if (m < mask.size() && (mask[m] == '?' || mask[m] == name[n])) {
+      ++n;
+      ++m;
+    } else if (m < mask.size() && mask[m] == '*') {
+      starM = m++;
+      starN = n;
+    } else if (starM != std::string_view::npos) {
+      m = starM + 1;
+      n = ++starN;
+    } else {
+      return false;
+    }
+  }
+  while (m < mask.size() && mask[m] == '*') ++m;
+  return m == mask.size();
+}
+
+Finder::~Finder() { Close(); }
+
+void Finder::Close() {
+  if (dir_ != nullptr) ::closedir(static_cast<DIR*>(dir_));
+  dir_ = nullptr;
+}
+
+bool Finder::First(const std::string& pattern, FindData& found) {
+  Close();
+  const size_t slash = pattern.find_last_of('/');
+  folder_ = slash == std::string::npos ? std::string() : pattern.substr(0, slash + 1);
+  mask_ = slash == std::string::npos ? pattern : pattern.substr(slash + 1);
+  literal_ = mask_.find_first_of("*?") == std::string::npos;
+  if (mask_.empty()) return false;
+  if (literal_) {
+    // A plain name: that entry alone, if it exists.
+    const uint32_t attrs = GetAttributes(pattern);
+    if (attrs == kInvalidAttributes) return false;
+    found.name = mask_;
+    found.attributes = attrs;
+    struct stat st {};
+    found.size = ::stat(ToNative(pattern).c_str(), &st) == 0 ? static_cast<uint64_t>(st.st_size) : 0;
+    return true;
+  }
+  DIR* dir = ::opendir(folder_.empty() ? "." : ToNative(folder_).c_str());
+  if (dir == nullptr) return false;
+  dir_ = dir;
+  return Next(found);
+}
+
+bool Finder::Next(FindData& found) {
+  if (dir_ == nullptr) return false;
+  while (struct dirent* e = ::readdir(static_cast<DIR*>(dir_))) {
+    const std::string name = FromNative(e->d_name);
+    if (!MatchesWildcard(name, mask_)) continue;
+    struct stat st {};
+    const std::string full = ToNative(folder_) + e->d_name;
+    found.name = name;
+    found.attributes = ::stat(full.c_str(), &st) == 0 ? AttributesOf(st) : kAttrNormal;
+    found.size = S_ISREG(st.st_mode) ? static_cast<uint64_t>(st.st_size) : 0;
+    return true;
+  }
+  Close();
+  return false;
+}
+
+}  // namespace qx::fs
