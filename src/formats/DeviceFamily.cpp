@@ -1,0 +1,99 @@
+#include "formats/DeviceFamily.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cstring>
+
+#include "platform/fs.h"
+
+namespace qx {
+
+namespace {
+
+constexpr std::array<FamilyInfo, 10> kFamilies{{
+    {"KA", kSigKA, Layout::KCStyle, "ka", true},
+    {"KB", kSigKB, Layout::KCStyle, "", false},
+    {"KC", kSigKC, Layout::KCStyle, "kc", true},
+    {"KDX", kSigKDX, Layout::KCStyle, "kd", true},
+    {"KF", kSigKF, Layout::KCStyle, "kf", false},
+    {"MA", kSigMA, Layout::MAStyle, "ma", true},
+    {"NA", kSigNA, Layout::MAStyle, "na", true},
+    {"NBX", kSigNBX, Layout::MAStyle, "nb", true},
+    {"ra", kSigRa, Layout::MAStyle, "ra", true},
+    {"HWL", kSigHWL, Layout::MAStyle, "", true},
+}};
+
+// The NA, NBX and MA signatures may end in 0x1A 0x0A in a file; they stand for the 0x01 forms.
+constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kTailFixes{{
+    {{"**QXNA**\x1A\x0A", 10}, kSigNA},
+    {{"**QXNBX*\x1A\x0A", 10}, kSigNBX},
+    {{"**QXMA**\x1A\x0A", 10}, kSigMA},
+}};
+
+// The extension of the path's file name, dot included, in lower case:
+//   "a/b.MAP" => ".map";  "a.b/c" => "";  "x." => "."
+std::string LowerExtension(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  const size_t dot = path.find_last_of('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
+  std::string ext = path.substr(dot);
+  std::transform(ext.begin(), ext.end(), ext.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  return ext;
+}
+
+bool InCompatibleSet(std::string_view sig) {
+  return sig == kSigMA || sig == kSigNBX || sig == kSigRa;
+}
+
+}  // namespace
+
+std::span<const FamilyInfo> Families() { return kFamilies; }
+
+const FamilyInfo* FindFamilyBySignature(std::string_view signature) {
+  for (const FamilyInfo& f : kFamilies)
+    if (f.signature == signature) return &f;
+  return nullptr;
+}
+
+bool AreFamiliesCompatible(std::string_view sigA, std::string_view sigB) {
+  if (FindFamilyBySignature(sigA) == nullptr || FindFamilyBySignature(sigB) == nullptr)
+    return false;
+  return sigA == sigB || (InCompatibleSet(sigA) && InCompatibleSet(sigB));
+}
+
+std::string DetectFileSignature(const std::string& path) {
+  fs::File f = fs::File::OpenRead(path);
+  if (!f.IsOpen()) return std::string(kSigUnknown);
+  char buf[11] = {};
+  f.Read(buf, 10);
+  f.Close();
+  std::string candidate(buf, std::strlen(buf));
+
+  for (const auto& [from, to] : kTailFixes)
+    if (candidate == from) {
+      candidate = to;
+      break;
+    }
+
+  if (candidate == kSigNBX) {
+    // The NBX bytes are shared with the MA and ra families; the extension tells them apart.
+    const std::string ext = LowerExtension(path);
+    if (ext.size() >= 3) {
+      if (ext.find("ma") != std::string::npos)
+        candidate = kSigMA;
+      else if (ext.find("ra") != std::string::npos)
+        candidate = kSigRa;
+    }
+  }
+
+  if (candidate.compare(0, 8, kSigFlash) == 0 && candidate.size() >= 8) return std::string(kSigFlash);
+  if (candidate.size() >= 4 &&
+      (candidate.compare(0, 4, kSigZip) == 0 || candidate.compare(0, 4, "PK\x05\x06") == 0))
+    return std::string(kSigZip);
+  if (candidate.compare(0, 4, "**QX") != 0 || candidate.size() < 4) return std::string(kSigUnknown);
+  return candidate;
+}
+
+}  // namespace qx
