@@ -1,0 +1,83 @@
+#include <gtest/gtest.h>
+
+#include "platform/codepage.h"
+
+namespace qx::codepage {
+namespace {
+
+TEST(Codepage, AnsiRoundTripsThroughWideAndUtf8ForEveryByte) {
+  std::string all;
+  for (int c = 1; c < 256; ++c) all.push_back(static_cast<char>(c));
+  EXPECT_EQ(WideToAnsi(AnsiToWide(all)), all);
+  EXPECT_EQ(Utf8ToAnsi(AnsiToUtf8(all)), all);
+  EXPECT_EQ(WideToUtf8(AnsiToWide(all)), AnsiToUtf8(all));
+  EXPECT_EQ(Utf8ToWide(AnsiToUtf8(all)), AnsiToWide(all));
+}
+
+TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
+  const struct {
+    unsigned char ansi;
+    char16_t wide;
+  } rows[] = {
+      {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'}, {0x41, u'A'},
+      // Bytes the code page leaves undefined keep their value as C1 code points.
+      {0x81, u'\u0081'}, {0x8D, u'\u008D'}, {0x8F, u'\u008F'}, {0x90, u'\u0090'}, {0x9D, u'\u009D'},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(static_cast<int>(r.ansi));
+    const std::string a(1, static_cast<char>(r.ansi));
+    EXPECT_EQ(AnsiToWide(a), std::u16string(1, r.wide));
+    EXPECT_EQ(WideToAnsi(std::u16string(1, r.wide)), a);
+  }
+}
+
+TEST(Codepage, WhatTheCodePageCannotHoldBecomesQuestionMark) {
+  const struct {
+    const char* utf8;
+    const char* ansi;
+  } rows[] = {
+      {"caf\xC3\xA9", "caf\xE9"},          // é fits
+      {"\xCE\xB3.mag", "?.mag"},          // Greek gamma does not
+      {"\xF0\x9F\x98\x80", "?"},          // one astral character, one '?'
+      {"a\xFF" "b", "a?b"},               // invalid byte
+      {"\xC0\xAF", "??"},                 // overlong encoding: each byte rejected
+      {"\xE2\x82", "??"},                 // truncated sequence
+      {"\xED\xA0\x80", "???"},            // encoded surrogate
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.utf8);
+    EXPECT_EQ(Utf8ToAnsi(r.utf8), r.ansi);
+  }
+  EXPECT_EQ(WideToAnsi(u"\xD800x"), "?x");  // lone surrogate
+  EXPECT_EQ(WideToUtf8(u"\U0001F600"), "\xF0\x9F\x98\x80");
+}
+
+TEST(Codepage, CodePage850) {
+  // 0x82 is é in 850 and 0xE9 in 1252; 0xB0 (a box-drawing shade) has no 1252 form.
+  EXPECT_EQ(Cp850ToAnsi("caf\x82"), "caf\xE9");
+  EXPECT_EQ(Cp850ToAnsi("\xB0"), "?");
+  EXPECT_EQ(AnsiToCp850("caf\xE9"), "caf\x82");
+  EXPECT_EQ(AnsiToCp850("\x80"), "?");  // the euro sign is not in 850
+  EXPECT_EQ(AnsiToCp850("plain.kdp"), "plain.kdp");
+}
+
+TEST(Codepage, NamedCharacterSets) {
+  std::string out;
+  EXPECT_TRUE(IsKnownCharset("utf-8"));
+  EXPECT_TRUE(IsKnownCharset("ISO-8859-1"));
+  EXPECT_TRUE(IsKnownCharset("windows-1252"));
+  EXPECT_FALSE(IsKnownCharset("no-such-charset"));
+
+  ASSERT_TRUE(ConvertCharset("ISO-8859-1", "UTF-8", "caf\xE9", out));
+  EXPECT_EQ(out, "caf\xC3\xA9");
+  ASSERT_TRUE(ConvertCharset("UTF-8", "ISO-8859-1", "\xCE\xB3x\xC3\xA9", out));
+  EXPECT_EQ(out, "?x\xE9");
+  ASSERT_TRUE(ConvertCharset("UTF-16LE", "UTF-8", std::string("A\0\xAC\x20", 4), out));
+  EXPECT_EQ(out, "A\xE2\x82\xAC");
+  EXPECT_FALSE(ConvertCharset("UTF-8", "ISO-8859-1", "bad\xFF", out));
+  EXPECT_TRUE(out.empty());
+  EXPECT_FALSE(ConvertCharset("nope", "UTF-8", "x", out));
+}
+
+}  // namespace
+}  // namespace qx::codepage

@@ -1,0 +1,128 @@
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <set>
+
+#include "platform/fs.h"
+#include "support/TempDir.h"
+
+namespace qx::fs {
+namespace {
+
+TEST(Fs, NamesAre1252InsideAndUtf8OnDisk) {
+  test::TempDir dir;
+  const std::string ansi = dir.path() + "/caf\xE9.kdp";
+  File out = File::CreateWrite(ansi);
+  ASSERT_TRUE(out.IsOpen());
+  ASSERT_TRUE(out.Write("abc", 3));
+  ASSERT_TRUE(out.Close());
+  EXPECT_TRUE(std::filesystem::exists(dir.path() + "/caf\xC3\xA9.kdp"));
+
+  FindData found;
+  Finder finder;
+  ASSERT_TRUE(finder.First(dir.path() + "/caf*", found));
+  EXPECT_EQ(found.name, "caf\xE9.kdp");
+  EXPECT_EQ(found.size, 3u);
+  EXPECT_FALSE(finder.Next(found));
+
+  // A name 1252 cannot hold comes back with '?'.
+  dir.Write("\xCE\xB3.map", "x");
+  ASSERT_TRUE(finder.First(dir.path() + "/*.map", found));
+  EXPECT_EQ(found.name, "?.map");
+}
+
+TEST(Fs, OpenReadRefusesFoldersAndMissingFiles) {
+  test::TempDir dir;
+  const std::string file = dir.Write("a.bin", "12345");
+  EXPECT_TRUE(File::OpenRead(file).IsOpen());
+  EXPECT_FALSE(File::OpenRead(dir.path()).IsOpen());
+  EXPECT_FALSE(File::OpenRead(dir / "none").IsOpen());
+  EXPECT_FALSE(File::OpenRead("").IsOpen());
+
+  File f = File::OpenRead(file);
+  EXPECT_EQ(f.Size(), 5u);
+  char buf[8] = {};
+  ASSERT_TRUE(f.Seek(3));
+  EXPECT_EQ(f.Read(buf, sizeof buf), 2u);
+  EXPECT_STREQ(buf, "45");
+  EXPECT_TRUE(f.AtEnd());
+
+  std::vector<unsigned char> bytes;
+  EXPECT_TRUE(ReadWholeFile(file, bytes));
+  EXPECT_EQ(bytes.size(), 5u);
+  EXPECT_FALSE(ReadWholeFile(file, bytes, 4));  // over the limit: nothing read
+  EXPECT_TRUE(bytes.empty());
+}
+
+TEST(Fs, Attributes) {
+  test::TempDir dir;
+  const std::string file = dir.Write("a", "x");
+  EXPECT_EQ(GetAttributes(file), kAttrNormal);
+  EXPECT_EQ(GetAttributes(dir.path()) & kAttrDirectory, kAttrDirectory);
+  std::filesystem::permissions(file, std::filesystem::perms::owner_read);
+  EXPECT_EQ(GetAttributes(file) & kAttrReadOnly, kAttrReadOnly);
+  EXPECT_EQ(GetAttributes(dir / "none"), kInvalidAttributes);
+  EXPECT_FALSE(Exists(dir / "none"));
+  EXPECT_TRUE(Exists(dir.path()));
+}
+
+TEST(Fs, WildcardMatching) {
+  const struct {
+    const char* name;
+    const char* mask;
+    bool match;
+  } rows[] = {
+      {"abc.kdp", "*.kdp", true}, {"abc.kdp", "a?c.*", true}, {"abc.kdp", "*", true},
+      {"abc", "abc", true},       {"abc", "ab", false},       {"abc", "a*b*c*", true},
+      {"ab", "a?c", false},       {"", "*", true},            {"aaa", "*a*a*a*a", false},
+      {"x.QXG", "*.qxg", false},  {"a.b.c", "*.c", true},     {"abcbc", "*bc", true},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(std::string(r.name) + " ~ " + r.mask);
+    EXPECT_EQ(MatchesWildcard(r.name, r.mask), r.match);
+  }
+}
+
+TEST(Fs, FinderListsMatchesAndDotEntries) {
+  test::TempDir dir;
+  for (const char* n : {"a.kdp", "b.kdp", "c.map"}) dir.Write(n, "x");
+  std::set<std::string> seen;
+  FindData found;
+  Finder finder;
+  for (bool ok = finder.First(dir.path() + "/*", found); ok; ok = finder.Next(found))
+    seen.insert(found.name);
+  EXPECT_EQ(seen, (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map"}));
+
+  seen.clear();
+  for (bool ok = finder.First(dir.path() + "/?.kdp", found); ok; ok = finder.Next(found))
+    seen.insert(found.name);
+  EXPECT_EQ(seen, (std::set<std::string>{"a.kdp", "b.kdp"}));
+
+  EXPECT_TRUE(finder.First(dir / "c.map", found));  // a plain name finds itself
+  EXPECT_FALSE(finder.Next(found));
+  EXPECT_FALSE(finder.First(dir / "*.none", found));
+  EXPECT_FALSE(finder.First(dir.path() + "/missing/*", found));
+}
+
+TEST(Fs, FoldersCopyMoveDelete) {
+  test::TempDir dir;
+  const std::string sub = dir / "sub";
+  EXPECT_TRUE(CreateFolder(sub));
+  EXPECT_TRUE(CreateFolder(sub));  // already there is fine
+  const std::string a = dir.Write("a", "hello");
+  EXPECT_TRUE(CopyFile(a, sub + "/b"));
+  EXPECT_TRUE(MoveFile(sub + "/b", sub + "/c"));
+  std::vector<unsigned char> bytes;
+  ASSERT_TRUE(ReadWholeFile(sub + "/c", bytes));
+  EXPECT_EQ(std::string(bytes.begin(), bytes.end()), "hello");
+  EXPECT_FALSE(RemoveFolder(sub));  // not empty
+  EXPECT_TRUE(DeleteFile(sub + "/c"));
+  EXPECT_TRUE(RemoveFolder(sub));
+  EXPECT_FALSE(CopyFile(dir / "none", dir / "x"));
+  const std::string tmp = TempFolder();
+  EXPECT_EQ(tmp.back(), '/');
+}
+
+}  // namespace
+}  // namespace qx::fs
