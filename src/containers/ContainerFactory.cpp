@@ -6,19 +6,17 @@ namespace qx {
 
 namespace {
 
-using namespace std::string_view_literals;
-
 // Tried in this order; the first row whose signature equals the file's wins.
 constexpr ContainerRow kSelectionTable[] = {
-    {"PK\x03\x04"sv, ContainerKind::Zip},
-    {"**QXKA**\x1A\x0A"sv, ContainerKind::OldKC},
-    {"**QXKC**\x1A\x0A"sv, ContainerKind::OldKC},
-    {"**QXKDX*\x1A\x0A"sv, ContainerKind::OldKC},
-    {"**QXMA**\x01"sv, ContainerKind::OldMA},
-    {"**QXNA**\x01"sv, ContainerKind::OldMA},
-    {"**QXNBX*\x01"sv, ContainerKind::OldMA},
-    {"**QXNBX*\x08"sv, ContainerKind::OldMA},  // the ra family
-    {"**QXHWL*"sv, ContainerKind::OldMA},
+    {kSigZip, ContainerKind::Zip},
+    {kSigKA, ContainerKind::OldKC},
+    {kSigKC, ContainerKind::OldKC},
+    {kSigKDX, ContainerKind::OldKC},
+    {kSigMA, ContainerKind::OldMA},
+    {kSigNA, ContainerKind::OldMA},
+    {kSigNBX, ContainerKind::OldMA},
+    {kSigRa, ContainerKind::OldMA},
+    {kSigHWL, ContainerKind::OldMA},
 };
 
 }  // namespace

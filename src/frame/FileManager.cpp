@@ -1,9 +1,7 @@
 #include "frame/FileManager.h"
 
 #include <algorithm>
-#include <filesystem>
 #include <new>
-#include <system_error>
 
 #include "formats/DeviceFamily.h"
 #include "frame/Module.h"
@@ -21,8 +19,6 @@ namespace {
 constexpr char kMemberSeparator = '\\';
 constexpr char kPathSeparator = '/';
 constexpr HRESULT kFilesLeftOut = 2;  // AddFiles: success, but not every file went in
-constexpr const char* kFlashSignature = "**QXFL**";
-constexpr const char* kUnknownSignature = "**QX_UNK**";
 
 // A caller's string in 1252; null is the empty string. Conversion stops at the first NUL, as the
 // platform's converter does for NUL-terminated input.
@@ -58,26 +54,6 @@ HRESULT Guarded(Body&& body) {
 std::string LastComponent(std::string_view path, char separator) {
   const size_t cut = path.find_last_of(separator);
   return std::string(cut == std::string_view::npos ? path : path.substr(cut + 1));
-}
-
-// ---- File-system calls the platform stand-in does not offer yet ----------------------------------
-// TODO(fs): move to platform/fs once it has a temporary folder, folder creation and file deletion.
-
-std::string SystemTempFolder() {
-  std::error_code ec;
-  std::string folder = fs::FromNative(std::filesystem::temp_directory_path(ec).string());
-  if (ec) folder = "/tmp";
-  return CompleteFolder(std::move(folder), kPathSeparator);
-}
-
-void CreateFolder(const std::string& path) {
-  std::error_code ec;
-  std::filesystem::create_directory(fs::ToNative(path), ec);
-}
-
-void RemoveFile(const std::string& path) {
-  std::error_code ec;
-  std::filesystem::remove(fs::ToNative(path), ec);
 }
 
 // Member names in the call that dispatch describes: the one place that knows which early-bound
@@ -152,10 +128,10 @@ std::string UpperExtension(std::string_view path) {
 }
 
 bool PathPrefixExists(const std::string& path) {
-  if (fs::Exists(path)) return true;
-  // A folder that can be listed counts, as "p/*" finds its entries; "" stands for the root.
-  const uint32_t attributes = fs::GetAttributes(path + kPathSeparator);
-  return attributes != fs::kInvalidAttributes && (attributes & fs::kAttrDirectory) != 0;
+  fs::FindData found;
+  if (fs::Finder().First(path, found)) return true;
+  // A folder that can be listed counts too: "p/*" finds at least "." ("" stands for the root).
+  return fs::Finder().First(path + kPathSeparator + '*', found);
 }
 
 GroupPathParts SplitGroupPath(const std::string& path) {
@@ -190,8 +166,8 @@ GroupPathParts SplitGroupPath(const std::string& path) {
 }
 
 std::string GetTempGroupFolder() {
-  const std::string folder = SystemTempFolder() + "QXGrpMgr" + kPathSeparator;
-  CreateFolder(folder);  // an existing folder is fine and a failure shows up in the next call
+  const std::string folder = fs::TempFolder() + "QXGrpMgr" + kPathSeparator;
+  fs::CreateFolder(folder);  // an existing folder is fine and a failure shows up in the next call
   return folder;
 }
 
@@ -285,7 +261,7 @@ HRESULT FileManager::CreateGrpFile(BSTR grpfile, BSTR newfiles) {
     const bool existed = fs::Exists(group);
     const StringList files = SplitList(ToAnsi(newfiles));
     const std::string ext = UpperExtension(group);
-    const std::string signature = files.empty() ? kUnknownSignature : DetectFileSignature(files[0]);
+    const std::string signature = files.empty() ? std::string(kSigUnknown) : DetectFileSignature(files[0]);
     // The extension forces a zip-based group; otherwise the first file's family decides, and
     // anything no old-style class takes goes into a zip-based group too.
     ContainerKind kind = ContainerKind::Zip;
@@ -327,7 +303,7 @@ PromptResult FileManager::OnAddPrompt(const std::string& filePath, PromptReason 
   if (reason == PromptRefused) {
     if (owner_ != nullptr) {
       const int textId =
-          DetectFileSignature(filePath) == kFlashSignature ? IDS_NO_FLASHAPPS : IDS_OTHER_DEVICE_TYPE;
+          DetectFileSignature(filePath) == kSigFlash ? IDS_NO_FLASHAPPS : IDS_OTHER_DEVICE_TYPE;
       const std::string text = FormatStringResource(textId, fileName);
       const char* caption = LoadStringResource(IDS_ADDING_FILE);
       ui::MessageBoxA(owner_, text.c_str(), caption, ui::MB_OK | ui::MB_ICONEXCLAMATION);
@@ -484,7 +460,7 @@ HRESULT FileManager::get_IsGroup(BSTR grpfile, LONG* pVal) {
     const std::string probe = tempFolder + LastComponent(ToAnsi(inGroup.get()), kMemberSeparator);
     const Bstr probeText = Bstr::Attach(ToBstr(probe));
     const HRESULT hr = self->get_IsGroup(probeText.get(), pVal);
-    RemoveFile(probe);
+    fs::DeleteFile(probe);
     return hr;
   });
 }
@@ -506,7 +482,7 @@ HRESULT FileManager::get_DoesPathExist(BSTR sGrpPathWithInPath, LONG* pVal) {
       if (FAILED(self->GetFile(group.get(), inGroup.get(), dest.get()))) return S_OK;
       const std::string probe = tempFolder + LastComponent(inGroupPath, kMemberSeparator);
       *pVal = fs::Exists(probe) ? 1 : 0;
-      RemoveFile(probe);
+      fs::DeleteFile(probe);
       return S_OK;
     }
     std::unique_ptr<GroupContainer> container = CreateContainer(groupPath);
