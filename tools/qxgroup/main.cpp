@@ -8,9 +8,11 @@
 #include <string>
 #include <vector>
 
+#include "platform/ui.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/CallCommand.h"
 #include "qxgroup/Commands.h"
+#include "resources/Resources.h"
 
 namespace {
 
@@ -41,6 +43,8 @@ CLI::App* Sub(CLI::App& app, const char* name, const char* help, const char* exa
 }  // namespace
 
 int main(int argc, char** argv) {
+  // Prompts find their dialog templates in the compiled-in resources.
+  qx::ui::SetTemplateSource(&qx::FindDialogTemplate);
   CLI::App app{"qxgroup: create, change, list and unpack graphing-calculator group files, "
                "split flash files."};
   app.set_version_flag("--version", "qxgroup 1.0.0");
