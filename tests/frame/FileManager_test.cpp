@@ -291,5 +291,33 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   std::filesystem::remove_all(dir);
 }
 
+// With the real factory: no file that is not a group gets a container, whatever the method.
+TEST(FileManagerFilesTest, NonGroupsFailEveryContainerCall) {
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-nongroups";
+  std::filesystem::create_directories(dir);
+  std::ofstream(dir / "t.txt") << "plain text";
+  std::ofstream(dir / "f.app", std::ios::binary) << "**QXFL**" << '\x01' << "data";
+  IGroupManager2* fm = nullptr;
+  ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
+  for (const std::string name : {"missing.grp", "t.txt", "f.app"}) {
+    SCOPED_TRACE(name);
+    const Bstr group(codepage::Utf8ToWide((dir / name).string())), arg(u"x"), d(u"");
+    BSTR out = nullptr;
+    EXPECT_EQ(fm->ExpandGrpFile(group.get(), d.get()), E_FAIL);
+    EXPECT_EQ(fm->GetFile(group.get(), arg.get(), d.get()), E_FAIL);
+    EXPECT_EQ(fm->ExtractFile(group.get(), arg.get(), d.get()), E_FAIL);
+    EXPECT_EQ(fm->AddFiles(group.get(), arg.get(), d.get()), E_FAIL);
+    EXPECT_EQ(fm->DeleteFiles(group.get(), arg.get()), E_FAIL);
+    EXPECT_EQ(fm->ReadContents(group.get(), &out), E_FAIL);
+    EXPECT_EQ(fm->ReadContentsXml(group.get(), 0, nullptr, &out), E_FAIL);
+    EXPECT_EQ(out, nullptr);
+    LONG value = 7;
+    EXPECT_EQ(fm->get_IsGroup(group.get(), &value), S_OK);
+    EXPECT_EQ(value, 0);
+  }
+  fm->Release();
+  std::filesystem::remove_all(dir);
+}
+
 }  // namespace
 }  // namespace qx::test
