@@ -56,8 +56,8 @@ std::string LastComponent(std::string_view path, char separator) {
   return std::string(cut == std::string_view::npos ? path : path.substr(cut + 1));
 }
 
-// Member names in the call that dispatch describes: the one place that knows which early-bound
-// method a dispid calls.
+// The early-bound call behind each dispid: the only member-specific part of dispatch; checking
+// and converting the arguments is the type library's.
 HRESULT CallMember(void* object, const typelib::Member& member, typelib::Argument* a) {
   auto* fm = static_cast<IGroupManager2*>(object);
   switch (member.dispid) {
