@@ -14,7 +14,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   doc.GetXml(out);
 
   qx::VxString tag;
-  auto first = doc.FindTagWithContent(nullptr, "*", "*");
+  if (auto any = doc.FindTagWithContent(nullptr, "*", "*")) any->GetContent(out);
   auto child = doc.GetRoot()->FindTag(doc.GetRoot().get(), "");
   for (auto e = doc.GetRoot(); e; ) {
     e->GetTag(tag);
