@@ -92,6 +92,10 @@ uint64_t File::Size() const {
 
 bool File::AtEnd() const { return fp_ == nullptr || Tell() >= Size(); }
 
+bool File::Sync() {
+  return fp_ != nullptr && std::fflush(fp_) == 0 && ::fsync(::fileno(fp_)) == 0;
+}
+
 bool File::Close() {
   if (fp_ == nullptr) return true;
   const bool ok = std::fclose(fp_) == 0;
@@ -118,7 +122,8 @@ bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out, uin
 bool CreateFolder(const std::string& path) {
   if (path.empty()) return false;
   if (::mkdir(ToNative(path).c_str(), 0777) == 0) return true;
-  return (GetAttributes(path) & kAttrDirectory) != 0 && GetAttributes(path) != kInvalidAttributes;
+  const uint32_t attrs = GetAttributes(path);
+  return attrs != kInvalidAttributes && (attrs & kAttrDirectory) != 0;
 }
 
 bool RemoveFolder(const std::string& path) {
@@ -146,6 +151,12 @@ bool CopyFile(const std::string& from, const std::string& to) {
 bool MoveFile(const std::string& from, const std::string& to) {
   return !from.empty() && !to.empty() &&
          ::rename(ToNative(from).c_str(), ToNative(to).c_str()) == 0;
+}
+
+bool SetFileTimes(const std::string& path, const struct timespec& accessed,
+                  const struct timespec& modified) {
+  const struct timespec times[2] = {accessed, modified};
+  return !path.empty() && ::utimensat(AT_FDCWD, ToNative(path).c_str(), times, 0) == 0;
 }
 
 std::string TempFolder() {

@@ -6,11 +6,14 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <string>
 #include <string_view>
 #include <vector>
 
 namespace qx::fs {
+
+class TempFile;
 
 // 1252 path -> the UTF-8 bytes handed to the system.
 std::string ToNative(std::string_view ansiPath);
@@ -55,9 +58,12 @@ class File {
   // Size of the open file in bytes.
   uint64_t Size() const;
   bool AtEnd() const;
+  // Flushes buffered bytes and asks the system to put them on the disk.
+  bool Sync();
   bool Close();
 
  private:
+  friend class TempFile;
   explicit File(std::FILE* fp) : fp_(fp) {}
   std::FILE* fp_ = nullptr;
 };
@@ -83,6 +89,9 @@ bool CopyFile(const std::string& from, const std::string& to);
 bool MoveFile(const std::string& from, const std::string& to);
 // The system's temporary folder ($TMPDIR, else /tmp), ending in '/'.
 std::string TempFolder();
+// Sets a file's access and modification times. False when there is no such file.
+bool SetFileTimes(const std::string& path, const struct timespec& accessed,
+                  const struct timespec& modified);
 
 // ---- Find-first / find-next ------------------------------------------------------------------
 

@@ -1,10 +1,10 @@
 #include "platform/time.h"
 
-#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdio>
 
 #include "platform/fs.h"
 
@@ -70,8 +70,8 @@ SYSTEMTIME FromDosDateTime(uint16_t dosDate, uint16_t dosTime) {
 }
 
 bool SetFileTime(const std::string& path, std::time_t modified) {
-  const struct timespec times[2] = {{modified, 0}, {modified, 0}};
-  return ::utimensat(AT_FDCWD, fs::ToNative(path).c_str(), times, 0) == 0;
+  const struct timespec t{modified, 0};
+  return fs::SetFileTimes(path, t, t);
 }
 
 std::time_t GetFileTime(const std::string& path) {
@@ -79,5 +79,16 @@ std::time_t GetFileTime(const std::string& path) {
   if (::stat(fs::ToNative(path).c_str(), &st) != 0) return -1;
   return st.st_mtime;
 }
+
+std::string DateTimeComment(const SYSTEMTIME& st) {
+  const unsigned hour12 = st.wHour % 12 == 0 ? 12u : st.wHour % 12u;
+  char text[64];
+  std::snprintf(text, sizeof text, "%u/%u/%u, %u:%02u:%02u %s", unsigned{st.wMonth},
+                unsigned{st.wDay}, unsigned{st.wYear}, hour12, unsigned{st.wMinute},
+                unsigned{st.wSecond}, st.wHour < 12 ? "AM" : "PM");
+  return text;
+}
+
+std::string LocalDateTimeComment() { return DateTimeComment(LocalNow()); }
 
 }  // namespace qx::timeutil
