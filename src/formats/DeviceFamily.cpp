@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cstring>
 
 #include "platform/fs.h"
+#include "platform/path.h"
 
 namespace qx {
 
@@ -34,12 +34,9 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kTailFixe
 // The extension of the path's file name, dot included, in lower case:
 //   "a/b.MAP" => ".map";  "a.b/c" => "";  "x." => "."
 std::string LowerExtension(const std::string& path) {
-  const size_t slash = path.find_last_of('/');
-  const size_t dot = path.find_last_of('.');
-  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return {};
-  std::string ext = path.substr(dot);
+  std::string ext(path::Extension(path));
   std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
   return ext;
 }
 
@@ -88,11 +85,10 @@ std::string DetectFileSignature(const std::string& path) {
     }
   }
 
-  if (candidate.compare(0, 8, kSigFlash) == 0 && candidate.size() >= 8) return std::string(kSigFlash);
-  if (candidate.size() >= 4 &&
-      (candidate.compare(0, 4, kSigZip) == 0 || candidate.compare(0, 4, "PK\x05\x06") == 0))
-    return std::string(kSigZip);
-  if (candidate.compare(0, 4, "**QX") != 0 || candidate.size() < 4) return std::string(kSigUnknown);
+  const std::string_view c = candidate;
+  if (c.starts_with(kSigFlash)) return std::string(kSigFlash);
+  if (c.starts_with(kSigZip) || c.starts_with("PK\x05\x06")) return std::string(kSigZip);
+  if (!c.starts_with("**QX")) return std::string(kSigUnknown);
   return candidate;
 }
 

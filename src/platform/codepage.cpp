@@ -6,6 +6,10 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace qx::codepage {
 
@@ -110,13 +114,71 @@ size_t Utf8Length(unsigned char c) {
   return 1;
 }
 
-// One iconv conversion descriptor, closed on every way out.
+// Open descriptors kept for reuse: XML reading converts text node by text node with the same
+// pair of character sets, and iconv_open costs far more than a conversion. A descriptor is taken
+// out while in use, so threads never share one; all are closed when the module goes away.
+bool g_poolGone = false;  // trivially destructible: still readable during static destruction
+
+class DescriptorPool {
+ public:
+  ~DescriptorPool() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    for (const Entry& e : entries_) iconv_close(e.cd);
+    entries_.clear();
+    g_poolGone = true;
+  }
+
+  iconv_t Acquire(const std::string& to, const std::string& from) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      for (size_t i = entries_.size(); i-- > 0;)
+        if (entries_[i].to == to && entries_[i].from == from) {
+          const iconv_t cd = entries_[i].cd;
+          entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(i));
+          return cd;
+        }
+    }
+    return iconv_open(to.c_str(), from.c_str());
+  }
+
+  void Release(const std::string& to, const std::string& from, iconv_t cd) {
+    {
+      const std::lock_guard<std::mutex> lock(mutex_);
+      if (entries_.size() < kMaxKept) {
+        entries_.push_back({to, from, cd});
+        return;
+      }
+    }
+    iconv_close(cd);
+  }
+
+ private:
+  static constexpr size_t kMaxKept = 16;
+  struct Entry {
+    std::string to, from;
+    iconv_t cd;
+  };
+  std::mutex mutex_;
+  std::vector<Entry> entries_;
+};
+
+DescriptorPool& Pool() {
+  static DescriptorPool pool;
+  return pool;
+}
+
+// One iconv conversion descriptor, borrowed from the pool and given back on every way out.
 class Converter {
  public:
-  Converter(const std::string& to, const std::string& from)
-      : cd_(iconv_open(to.c_str(), from.c_str())) {}
+  Converter(std::string to, std::string from)
+      : to_(std::move(to)), from_(std::move(from)),
+        cd_(g_poolGone ? iconv_open(to_.c_str(), from_.c_str()) : Pool().Acquire(to_, from_)) {}
   ~Converter() {
-    if (ok()) iconv_close(cd_);
+    if (!ok()) return;
+    if (g_poolGone)
+      iconv_close(cd_);
+    else
+      Pool().Release(to_, from_, cd_);
   }
   Converter(const Converter&) = delete;
   Converter& operator=(const Converter&) = delete;
@@ -127,6 +189,7 @@ class Converter {
   // character that cannot be converted fails the conversion.
   bool Run(std::string_view in, std::string& out, const std::string* replacement = nullptr) {
     out.clear();
+    iconv(cd_, nullptr, nullptr, nullptr, nullptr);  // a reused descriptor starts afresh
     char* src = const_cast<char*>(in.data());
     size_t srcLeft = in.size();
     std::string buf(in.size() * 4 + 16, '\0');
@@ -154,6 +217,7 @@ class Converter {
   }
 
  private:
+  std::string to_, from_;
   iconv_t cd_;
 };
 
@@ -233,8 +297,7 @@ bool ConvertCharset(std::string_view from, std::string_view to, std::string_view
   std::string utf8;
   if (!toUtf8.Run(in, utf8)) return false;
   std::string question;
-  Converter q(std::string(to), "UTF-8");
-  if (!q.Run("?", question)) question = "?";
+  if (!fromUtf8.Run("?", question)) question = "?";
   std::string result;
   if (!fromUtf8.Run(utf8, result, &question)) return false;
   out = std::move(result);

@@ -169,6 +169,11 @@ std::string TempFolder() {
 // ---- Find-first / find-next ------------------------------------------------------------------
 
 bool MatchesWildcard(std::string_view name, std::string_view mask) {
+  // As the platform's search does, a mask ending in ".*" also takes names without any dot:
+  // "*.*" lists every entry and "name.*" finds "name".
+  if (mask.size() >= 2 && mask.substr(mask.size() - 2) == ".*" &&
+      name.find('.') == std::string_view::npos)
+    mask.remove_suffix(2);
   // Greedy match with one backtrack point: linear in practice, never exponential.
   size_t n = 0, m = 0, starM = std::string_view::npos, starN = 0;
   while (n < name.size()) {

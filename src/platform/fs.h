@@ -124,7 +124,9 @@ class Finder {
   bool literal_ = false;
 };
 
-// True when `name` matches `mask` with the platform's `*` and `?` wildcards (case-sensitive).
+// True when `name` matches `mask` with the platform's `*` and `?` wildcards. A mask ending in
+// ".*" also matches names without a dot ("*.*" matches everything). Case-sensitive, as the
+// file system underneath is.
 bool MatchesWildcard(std::string_view name, std::string_view mask);
 
 }  // namespace qx::fs

@@ -1,5 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <thread>
+#include <vector>
+
 #include "platform/codepage.h"
 
 namespace qx::codepage {
@@ -77,6 +81,37 @@ TEST(Codepage, NamedCharacterSets) {
   EXPECT_FALSE(ConvertCharset("UTF-8", "ISO-8859-1", "bad\xFF", out));
   EXPECT_TRUE(out.empty());
   EXPECT_FALSE(ConvertCharset("nope", "UTF-8", "x", out));
+}
+
+TEST(Codepage, ReusedConversionsStartAfresh) {
+  // Descriptors are kept between calls; UTF-16 output starts with a byte-order mark each time.
+  std::string first, second;
+  ASSERT_TRUE(ConvertCharset("UTF-8", "UTF-16", "A", first));
+  ASSERT_TRUE(ConvertCharset("UTF-8", "UTF-16", "A", second));
+  EXPECT_EQ(first.size(), 4u);
+  EXPECT_EQ(first, second);
+
+  // A failed conversion midway leaves nothing behind for the next one.
+  std::string out;
+  EXPECT_FALSE(ConvertCharset("UTF-8", "ISO-8859-1", "\xE2\x82", out));
+  ASSERT_TRUE(ConvertCharset("UTF-8", "ISO-8859-1", "ok", out));
+  EXPECT_EQ(out, "ok");
+}
+
+TEST(Codepage, ConcurrentConversions) {
+  std::vector<std::thread> threads;
+  std::atomic<int> wrong{0};
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&wrong, t] {
+      const std::string from = t % 2 ? "ISO-8859-1" : "CP850";
+      for (int i = 0; i < 200; ++i) {
+        std::string out;
+        if (!ConvertCharset(from, "UTF-8", "caf", out) || out != "caf") ++wrong;
+        if (Cp850ToAnsi("\x82") != "\xE9") ++wrong;
+      }
+    });
+  for (std::thread& th : threads) th.join();
+  EXPECT_EQ(wrong, 0);
 }
 
 }  // namespace

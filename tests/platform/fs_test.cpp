@@ -77,6 +77,8 @@ TEST(Fs, WildcardMatching) {
       {"abc", "abc", true},       {"abc", "ab", false},       {"abc", "a*b*c*", true},
       {"ab", "a?c", false},       {"", "*", true},            {"aaa", "*a*a*a*a", false},
       {"x.QXG", "*.qxg", false},  {"a.b.c", "*.c", true},     {"abcbc", "*bc", true},
+      {"noext", "*.*", true},     {"noext", "noext.*", true}, {"noext", "*.kdp", false},
+      {".", "*.*", true},         {"a.b", "a.*", true},       {"ab", "a.*", false},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.name) + " ~ " + r.mask);
@@ -98,6 +100,12 @@ TEST(Fs, FinderListsMatchesAndDotEntries) {
   for (bool ok = finder.First(dir.path() + "/?.kdp", found); ok; ok = finder.Next(found))
     seen.insert(found.name);
   EXPECT_EQ(seen, (std::set<std::string>{"a.kdp", "b.kdp"}));
+
+  seen.clear();
+  dir.Write("noext", "x");
+  for (bool ok = finder.First(dir.path() + "/*.*", found); ok; ok = finder.Next(found))
+    seen.insert(found.name);
+  EXPECT_EQ(seen, (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map", "noext"}));
 
   EXPECT_TRUE(finder.First(dir / "c.map", found));  // a plain name finds itself
   EXPECT_FALSE(finder.Next(found));
