@@ -1,0 +1,101 @@
+#include "formats/FlashFile.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+#include "formats/ByteOrder.h"
+#include "formats/DeviceFamily.h"
+
+namespace qx {
+
+namespace {
+
+constexpr HRESULT kCannotCreate = static_cast<HRESULT>(0x8007006Eu);
+
+struct DeviceCode {
+  uint8_t device;
+  int variant;  // -1: any
+  std::string_view code;
+};
+
+// Device byte (and for 0x88 the variant byte) -> extension code of the target family.
+constexpr std::array<DeviceCode, 5> kDeviceCodes{{
+    {0x73, -1, "kd"},
+    {0x74, -1, "ka"},
+    {0x98, -1, "ma"},
+    {0x88, 8, "ra"},
+    {0x88, -1, "nb"},
+}};
+
+struct KindInfo {
+  uint8_t kind;
+  char letter;
+  std::string_view word;  // the default name is this word followed by 0
+};
+
+constexpr std::array<KindInfo, 3> kKinds{{
+    {kFlashKindApp, 'k', "APP"},
+    {kFlashKindBase, 'u', "BASE"},
+    {kFlashKindCert, 'q', "CERT"},
+}};
+
+const KindInfo* FindKind(uint8_t kind) {
+  for (const KindInfo& k : kKinds)
+    if (k.kind == kind) return &k;
+  return nullptr;
+}
+
+}  // namespace
+
+std::string FlashExtension(uint8_t device, uint8_t kind, uint8_t variant) {
+  const KindInfo* k = FindKind(kind);
+  if (k == nullptr) return {};
+  for (const DeviceCode& d : kDeviceCodes)
+    if (d.device == device && (d.variant < 0 || d.variant == variant))
+      return "." + std::string(d.code) + k->letter;
+  return {};
+}
+
+HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::string& outFiles) {
+  const uint64_t fileSize = flash.Size();
+  std::vector<unsigned char> data;
+  while (flash.Tell() < fileSize) {
+    std::array<unsigned char, kFlashHeaderSize> header{};
+    if (flash.Read(header.data(), header.size()) != header.size()) return S_FALSE;
+    if (!std::equal(kSigFlash.begin(), kSigFlash.end(), header.begin())) return S_FALSE;
+
+    // Checked against what is left before anything is allocated: a damaged length must not
+    // turn into a huge allocation.
+    const uint32_t dataLength = ReadLE32(&header[kFlashDataLengthAt]);
+    if (dataLength > fileSize - flash.Tell()) return S_FALSE;
+    data.resize(dataLength);
+    if (flash.Read(data.data(), data.size()) != data.size()) return S_FALSE;
+
+    const uint8_t kind = header[kFlashKindAt];
+    if (kind == kFlashKindSkipped) continue;
+
+    // The name never reaches past the header, whatever its length byte says.
+    const size_t nameLength =
+        std::min<size_t>(header[kFlashNameLengthAt], kFlashHeaderSize - kFlashNameAt);
+    std::string name(reinterpret_cast<const char*>(&header[kFlashNameAt]), nameLength);
+    name.resize(std::min(name.size(), name.find('\0')));  // the name is C text: a zero ends it
+    std::replace(name.begin(), name.end(), '/', '_');
+    if (name.empty()) {
+      if (const KindInfo* k = FindKind(kind)) name = std::string(k->word) + "0";
+    }
+
+    const std::string outPath =
+        destFolder + name + FlashExtension(header[kFlashDeviceAt], kind, header[kFlashVariantAt]);
+    fs::File out = fs::File::CreateWrite(outPath);
+    if (!out.IsOpen()) return kCannotCreate;
+    outFiles += outPath;
+    outFiles += ',';
+    out.Write(header.data(), header.size());
+    out.Write(data.data(), data.size());
+    out.Close();
+  }
+  return S_OK;
+}
+
+}  // namespace qx
