@@ -4,6 +4,7 @@
 #include <new>
 
 #include "formats/DeviceFamily.h"
+#include "formats/FlashFile.h"
 #include "frame/Module.h"
 #include "frame/TypeLibrary.h"
 #include "platform/codepage.h"
@@ -402,13 +403,23 @@ HRESULT FileManager::ReadContentsXml(BSTR grpfile, LONG bIncludeMetaInfo,
 }
 
 HRESULT FileManager::ExpandFlashFile(BSTR flashfile, BSTR destdir, BSTR* outfiles) {
-  // TODO(flash files): open the file (QX_E_OPEN_FAILED when it cannot be), run
-  // ExpandFlashRecords from formats/FlashFile.h into CompleteFolder(destdir, '/'), then replace
-  // *outfiles (freeing the old string) with the list and return the walk's status.
-  (void)flashfile;
-  (void)destdir;
-  (void)outfiles;
-  return E_NOTIMPL;
+  return Guarded([&] {
+    const std::string destFolder = CompleteFolder(ToAnsi(destdir), kPathSeparator);
+    fs::File flash = fs::File::OpenRead(ToAnsi(flashfile));
+    if (!flash.IsOpen()) return QX_E_OPEN_FAILED;  // outfiles stays as it was
+    std::string written;
+    const HRESULT status = ExpandFlashRecords(flash, destFolder, written);
+    flash.Close();
+    // The list replaces (and releases) what the caller passed in, whatever the status: files
+    // already written are reported even when the walk stopped early.
+    if (outfiles != nullptr) {
+      BSTR list = ToBstr(written);
+      if (list == nullptr) return E_OUTOFMEMORY;
+      SysFreeString(*outfiles);
+      *outfiles = list;
+    }
+    return status;
+  });
 }
 
 // ---- Options -----------------------------------------------------------------------------------------

@@ -319,5 +319,41 @@ TEST(FileManagerFilesTest, NonGroupsFailEveryContainerCall) {
   std::filesystem::remove_all(dir);
 }
 
+TEST(FileManagerFilesTest, ExpandFlashFileReportsWhatItWrote) {
+  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-flash";
+  std::filesystem::remove_all(dir);
+  std::filesystem::create_directories(dir / "out");
+  // Two application records for the KDX family, named One and Two, with 3 data bytes each.
+  std::string flash;
+  for (const std::string name : {"One", "Two"}) {
+    std::string header(78, '\0');
+    header.replace(0, 8, "**QXFL**");
+    header[0x10] = static_cast<char>(name.size());
+    header.replace(0x11, name.size(), name);
+    header[0x30] = '\x73';
+    header[0x31] = '\x24';
+    header[0x4A] = 3;
+    flash += header + "abc";
+  }
+  std::ofstream(dir / "two.fla", std::ios::binary) << flash;
+
+  IGroupManager2* fm = nullptr;
+  ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
+  const std::string out = (dir / "out").string();
+  const Bstr file(codepage::Utf8ToWide((dir / "two.fla").string())), dest(codepage::Utf8ToWide(out));
+  Bstr list(u"released by the call");
+  ASSERT_EQ(fm->ExpandFlashFile(file.get(), dest.get(), list.address()), S_OK);
+  EXPECT_EQ(codepage::WideToUtf8(list.view()), out + "/One.kdk," + out + "/Two.kdk,");
+  EXPECT_TRUE(std::filesystem::exists(dir / "out" / "Two.kdk"));
+
+  // A file that cannot be opened leaves the list alone.
+  const Bstr missing(codepage::Utf8ToWide((dir / "missing.fla").string()));
+  BSTR before = list.get();
+  EXPECT_EQ(fm->ExpandFlashFile(missing.get(), dest.get(), list.address()), QX_E_OPEN_FAILED);
+  EXPECT_EQ(list.get(), before);
+  fm->Release();
+  std::filesystem::remove_all(dir);
+}
+
 }  // namespace
 }  // namespace qx::test
