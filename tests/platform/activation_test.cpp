@@ -1,0 +1,204 @@
+#include "platform/activation.h"
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+
+#include "platform/codepage.h"
+#include "platform/com.h"
+#include "platform/registry.h"
+
+namespace qx {
+namespace {
+
+const CLSID kProbeClsid = *GuidFromString("{6F1D2C3B-0A49-4E57-8C66-1B2A3C4D5E6F}");
+const CLSID kUnknownClsid = *GuidFromString("{00000000-1111-2222-3333-444444444444}");
+// The shared module's FileManager class, which the test does not link.
+const CLSID kFileManagerClsid = *GuidFromString("{41035C38-1441-4016-B34A-DBE6374ACCF2}");
+
+// A built-in class that answers IUnknown only and counts its live instances.
+class Probe final : public IUnknown {
+ public:
+  static inline std::atomic<int> live{0};
+  static HRESULT Create(IUnknown* outer, REFIID riid, void** ppv) {
+    if (outer != nullptr) return CLASS_E_NOAGGREGATION;
+    auto* p = new Probe;
+    p->AddRef();
+    const HRESULT hr = p->QueryInterface(riid, ppv);
+    p->Release();
+    return hr;
+  }
+  HRESULT QueryInterface(REFIID riid, void** ppv) override {
+    if (riid != IID_IUnknown) {
+      *ppv = nullptr;
+      return E_NOINTERFACE;
+    }
+    *ppv = this;
+    AddRef();
+    return S_OK;
+  }
+  ULONG AddRef() override { return ++refs_; }
+  ULONG Release() override {
+    const ULONG n = --refs_;
+    if (n == 0) delete this;
+    return n;
+  }
+
+ private:
+  Probe() { ++live; }
+  ~Probe() { --live; }
+  ULONG refs_ = 0;
+};
+
+class Activation : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qx-activation-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    ::setenv("QXGROUPMGR_REGISTRY", (dir_ + "/registry.reg").c_str(), 1);
+    RegisterBuiltinClass(kProbeClsid, &Probe::Create, "QX.Probe");
+  }
+  void TearDown() override {
+    ::unsetenv("QXGROUPMGR_REGISTRY");
+    std::error_code ec;
+    std::filesystem::remove_all(dir_, ec);
+  }
+  static void Register(const CLSID& clsid, const std::string& module) {
+    ASSERT_EQ(registry::RegSetValue("CLSID\\" + GuidToString(clsid) + "\\InprocServer32", "", module),
+              registry::kErrorSuccess);
+  }
+  std::string dir_;
+};
+
+TEST_F(Activation, BuiltinClassesAndTheFailuresAroundThem) {
+  int notAnObject = 0;  // an outer object is never called on these paths
+  IUnknown* outer = reinterpret_cast<IUnknown*>(&notAnObject);
+  const struct {
+    const char* what;
+    const CLSID* clsid;
+    IUnknown* outer;
+    DWORD context;
+    const IID* iid;
+    HRESULT expected;
+  } rows[] = {
+      {"built in", &kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, &IID_IUnknown, S_OK},
+      {"any context with in-process", &kProbeClsid, nullptr, CLSCTX_ALL, &IID_IUnknown, S_OK},
+      {"unknown class", &kUnknownClsid, nullptr, CLSCTX_ALL, &IID_IUnknown, REGDB_E_CLASSNOTREG},
+      {"no in-process context", &kProbeClsid, nullptr, CLSCTX_LOCAL_SERVER, &IID_IUnknown,
+       REGDB_E_CLASSNOTREG},
+      {"interface it lacks", &kProbeClsid, nullptr, CLSCTX_ALL, &IID_IDispatch, E_NOINTERFACE},
+      {"aggregation asking for more than IUnknown", &kProbeClsid, outer, CLSCTX_ALL,
+       &IID_IDispatch, CLASS_E_NOAGGREGATION},
+      {"class refusing aggregation", &kProbeClsid, outer, CLSCTX_ALL, &IID_IUnknown,
+       CLASS_E_NOAGGREGATION},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    void* object = reinterpret_cast<void*>(1);
+    EXPECT_EQ(CoCreateInstance(*row.clsid, row.outer, row.context, *row.iid, &object), row.expected);
+    EXPECT_EQ(object != nullptr, row.expected == S_OK);
+    if (object != nullptr) static_cast<IUnknown*>(object)->Release();
+    EXPECT_EQ(Probe::live.load(), 0);  // nothing leaks on any path
+  }
+  EXPECT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_ALL, IID_IUnknown, nullptr), E_POINTER);
+}
+
+TEST_F(Activation, RegisteredModuleReplacesTheBuiltinClass) {
+  // A built-in stand-in that has no IDispatch; the real class in the module has.
+  RegisterBuiltinClass(kFileManagerClsid, &Probe::Create);
+  IDispatch* viaBuiltin = nullptr;
+  EXPECT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
+                             reinterpret_cast<void**>(&viaBuiltin)),
+            E_NOINTERFACE);
+
+  Register(kFileManagerClsid, QX_MODULE_PATH);
+  IDispatch* fm = nullptr;
+  ASSERT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
+                             reinterpret_cast<void**>(&fm)),
+            S_OK);
+  ASSERT_NE(fm, nullptr);
+  OLECHAR name[] = u"ReadContents";
+  LPOLESTR names[] = {name};
+  DISPID id = 0;
+  EXPECT_EQ(fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK);
+  EXPECT_EQ(fm->Release(), 0u);
+  EXPECT_EQ(Probe::live.load(), 0);
+}
+
+TEST_F(Activation, RegisteredModulesThatCannotServe) {
+  const std::string notAModule = dir_ + "/not-a-module.so";
+  std::ofstream(notAModule) << "text";
+  const struct {
+    const char* what;
+    std::string module;
+    const CLSID* clsid;
+    HRESULT expected;
+  } rows[] = {
+      {"missing file", dir_ + "/absent.so", &kProbeClsid, QX_E_MOD_NOT_FOUND},
+      {"not a shared object", notAModule, &kProbeClsid, QX_E_MOD_NOT_FOUND},
+      {"library without DllGetClassObject", "libz.so.1", &kProbeClsid, CO_E_ERRORINDLL},
+      {"module without the class", QX_MODULE_PATH, &kUnknownClsid, CLASS_E_CLASSNOTAVAILABLE},
+      {"empty module path: the built-in serves", "", &kProbeClsid, S_OK},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Register(*row.clsid, row.module);
+    IUnknown* object = nullptr;
+    EXPECT_EQ(CoCreateInstance(*row.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                               reinterpret_cast<void**>(&object)),
+              row.expected);
+    EXPECT_EQ(object != nullptr, row.expected == S_OK);
+    if (object != nullptr) object->Release();
+    registry::RegDeleteTree("CLSID\\" + GuidToString(*row.clsid));
+  }
+}
+
+TEST_F(Activation, DamagedRegistryLeavesBuiltinClassesWorking) {
+  std::ofstream(dir_ + "/registry.reg") << "not a registry file\n";
+  IUnknown* object = nullptr;
+  ASSERT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
+                             reinterpret_cast<void**>(&object)),
+            S_OK);
+  object->Release();
+}
+
+TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
+  ASSERT_EQ(registry::RegSetValue("QX.Named.1\\CLSID", "", "{41035c38-1441-4016-b34a-dbe6374accf2}"),
+            registry::kErrorSuccess);
+  ASSERT_EQ(registry::RegSetValue("QX.Broken\\CLSID", "", "41035C38-1441"), registry::kErrorSuccess);
+  ASSERT_EQ(registry::RegCreateKey("QX.NoClsid"), registry::kErrorSuccess);
+  const struct {
+    const char16_t* progId;
+    HRESULT expected;
+    const CLSID* clsid;
+  } rows[] = {
+      {u"QX.Named.1", S_OK, &kFileManagerClsid},
+      {u"qx.named.1", S_OK, &kFileManagerClsid},
+      {u"QX.Probe", S_OK, &kProbeClsid},
+      {u"qx.PROBE", S_OK, &kProbeClsid},
+      {u"QX.Broken", CO_E_CLASSSTRING, nullptr},
+      {u"QX.NoClsid", CO_E_CLASSSTRING, nullptr},
+      {u"QX.Absent", CO_E_CLASSSTRING, nullptr},
+      {u"", CO_E_CLASSSTRING, nullptr},
+      {u"QX.Named.1\\CLSID", CO_E_CLASSSTRING, nullptr},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(codepage::WideToAnsi(row.progId));
+    CLSID clsid{};
+    EXPECT_EQ(CLSIDFromProgID(row.progId, &clsid), row.expected);
+    if (row.clsid != nullptr) {
+      EXPECT_EQ(clsid, *row.clsid);
+    }
+  }
+  CLSID clsid{};
+  EXPECT_EQ(CLSIDFromProgID(nullptr, &clsid), E_INVALIDARG);
+  EXPECT_EQ(CLSIDFromProgID(u"QX.Probe", nullptr), E_INVALIDARG);
+}
+
+}  // namespace
+}  // namespace qx

@@ -1,0 +1,302 @@
+#include "platform/registry.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <optional>
+#include <sstream>
+
+namespace qx::registry {
+namespace {
+
+namespace stdfs = std::filesystem;
+
+// Points the store at a file of its own in a fresh folder (one level deeper than the folder, so
+// the first write also has to create a folder).
+class RegistryStore : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char pattern[] = "/tmp/qx-registry-XXXXXX";
+    ASSERT_NE(::mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+    file_ = dir_ + "/conf/registry.reg";
+    ::setenv("QXGROUPMGR_REGISTRY", file_.c_str(), 1);
+  }
+  void TearDown() override {
+    ::unsetenv("QXGROUPMGR_REGISTRY");
+    std::error_code ec;
+    stdfs::remove_all(dir_, ec);
+  }
+  std::string ReadFile() const {
+    std::ifstream in(file_, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  void WriteFile(const std::string& text) const {
+    stdfs::create_directories(dir_ + "/conf");
+    std::ofstream(file_, std::ios::binary | std::ios::trunc) << text;
+  }
+
+  std::string dir_, file_;
+};
+
+TEST(RegistryTree, KeyPathsAreCheckedAndComparedWithoutCase) {
+  const struct {
+    const char* path;
+    LONG status;
+  } rows[] = {
+      {"CLSID", kErrorSuccess},
+      {"CLSID\\{41035C38-1441-4016-B34A-DBE6374ACCF2}\\InprocServer32", kErrorSuccess},
+      {"odd]name[", kErrorSuccess},
+      {"", kErrorInvalidParameter},
+      {"\\CLSID", kErrorInvalidParameter},
+      {"CLSID\\", kErrorInvalidParameter},
+      {"CLSID\\\\x", kErrorInvalidParameter},
+      {"line\nbreak", kErrorInvalidParameter},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.path);
+    Tree tree;
+    EXPECT_EQ(tree.CreateKey(row.path), row.status);
+    EXPECT_EQ(tree.Find(row.path) != nullptr && *row.path != '\0', row.status == kErrorSuccess);
+  }
+
+  Tree tree;
+  ASSERT_EQ(tree.SetValue("Clsid\\{ABC}", "ThreadingModel", "Apartment"), kErrorSuccess);
+  std::string data;
+  EXPECT_EQ(tree.GetValue("CLSID\\{abc}", "threadingmodel", data), kErrorSuccess);
+  EXPECT_EQ(data, "Apartment");
+  ASSERT_EQ(tree.CreateKey("CLSID\\{abc}\\Sub"), kErrorSuccess);
+  std::vector<std::string> names;
+  ASSERT_EQ(tree.SubKeys("", names), kErrorSuccess);
+  EXPECT_EQ(names, std::vector<std::string>{"Clsid"});  // the case it was made with
+  EXPECT_EQ(tree.GetValue("CLSID\\{abc}", "", data), kErrorFileNotFound);
+}
+
+TEST(RegistryTree, WritesRegFileText) {
+  Tree tree;
+  tree.SetValue("P.1", "", "Display \"D\"");
+  tree.SetValue("P.1\\CLSID", "", "{X}");
+  tree.CreateKey("CLSID\\{X}\\Programmable");
+  tree.SetValue("CLSID\\{X}\\InprocServer32", "", "C:\\dir\\caf\xE9.so");
+  tree.SetValue("CLSID\\{X}\\InprocServer32", "ThreadingModel", "Apartment");
+  EXPECT_EQ(tree.Serialize(),
+            "Windows Registry Editor Version 5.00\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\CLSID]\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\CLSID\\{X}]\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\CLSID\\{X}\\InprocServer32]\n"
+            "@=\"C:\\\\dir\\\\caf\xC3\xA9.so\"\n"
+            "\"ThreadingModel\"=\"Apartment\"\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\CLSID\\{X}\\Programmable]\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\P.1]\n"
+            "@=\"Display \\\"D\\\"\"\n"
+            "\n"
+            "[HKEY_CLASSES_ROOT\\P.1\\CLSID]\n"
+            "@=\"{X}\"\n"
+            "\n");
+}
+
+TEST(RegistryTree, AwkwardValuesSurviveTheText) {
+  Tree tree;
+  tree.SetValue("K", "", "");
+  tree.SetValue("K", "quote\"name", "back\\slash\\");
+  tree.SetValue("K", "lines", "one\r\ntwo");
+  tree.SetValue("K\\\xC9t\xE9", "=", "\x80 \xFF");
+  Tree back;
+  ASSERT_EQ(back.Parse(tree.Serialize()), kErrorSuccess);
+  EXPECT_EQ(back.Serialize(), tree.Serialize());
+  std::string data;
+  ASSERT_EQ(back.GetValue("K", "lines", data), kErrorSuccess);
+  EXPECT_EQ(data, "one\r\ntwo");
+  ASSERT_EQ(back.GetValue("k\\\xC9T\xE9", "=", data), kErrorSuccess);
+  EXPECT_EQ(data, "\x80 \xFF");
+}
+
+TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
+  const struct {
+    const char* what;
+    std::string text;
+    bool ok;
+  } rows[] = {
+      {"empty file", "", true},
+      {"header only", "REGEDIT4\n", true},
+      {"bom, crlf, comment, spaces",
+       "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n"
+       "@ = \"x\"  \r\n",
+       true},
+      {"root in another case", "REGEDIT4\n[hkey_classes_root\\A]\n", true},
+      {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false},
+      {"binary junk", std::string("\x00\x01\x02garbage", 10), false},
+      {"value before any key", "REGEDIT4\n@=\"x\"\n", false},
+      {"other root", "REGEDIT4\n[HKEY_CURRENT_USER\\A]\n", false},
+      {"bare root", "REGEDIT4\n[HKEY_CLASSES_ROOT]\n", false},
+      {"unclosed key", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\n", false},
+      {"empty name in path", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\\\\B]\n", false},
+      {"dword value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\"=dword:00000001\n", false},
+      {"unterminated string", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"abc\n", false},
+      {"unknown escape", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\\tb\"\n", false},
+      {"text after value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\" x\n", false},
+      {"missing equals", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\" \"v\"\n", false},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
+    Tree tree;
+    std::string error;
+    EXPECT_EQ(tree.Parse(row.text, &error), row.ok ? kErrorSuccess : kErrorBadDb);
+    if (!row.ok) {
+      EXPECT_EQ(error.rfind("line ", 0), 0u) << error;
+      EXPECT_EQ(tree.Find("A"), nullptr);  // nothing half-read is kept
+    }
+  }
+}
+
+TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
+  std::string data;
+  EXPECT_EQ(RegQueryValue("CLSID\\{A}", "", data), kErrorFileNotFound);  // no file yet
+  ASSERT_EQ(RegSetValue("CLSID\\{A}", "", "A Class"), kErrorSuccess);
+  ASSERT_EQ(RegSetValue("CLSID\\{A}\\InprocServer32", "ThreadingModel", "Apartment"), kErrorSuccess);
+  ASSERT_EQ(RegCreateKey("CLSID\\{B}"), kErrorSuccess);
+
+  // What is on disk, read by a parser of its own, holds all of it.
+  Tree onDisk;
+  ASSERT_EQ(onDisk.Parse(ReadFile()), kErrorSuccess);
+  ASSERT_EQ(onDisk.GetValue("CLSID\\{A}\\InprocServer32", "ThreadingModel", data), kErrorSuccess);
+  EXPECT_EQ(data, "Apartment");
+
+  ASSERT_EQ(RegDeleteTree("clsid\\{a}"), kErrorSuccess);
+  EXPECT_EQ(RegOpenKey("CLSID\\{A}\\InprocServer32"), kErrorFileNotFound);
+  EXPECT_EQ(RegOpenKey("CLSID\\{A}"), kErrorFileNotFound);
+  EXPECT_EQ(RegOpenKey("CLSID"), kErrorSuccess);
+  EXPECT_EQ(RegOpenKey("CLSID\\{B}"), kErrorSuccess);
+  EXPECT_EQ(RegDeleteTree("CLSID\\{A}"), kErrorFileNotFound);
+  EXPECT_EQ(RegDeleteValue("CLSID\\{B}", "none"), kErrorFileNotFound);
+
+  std::string name;
+  EXPECT_EQ(RegEnumKey("CLSID", 0, name), kErrorSuccess);
+  EXPECT_EQ(name, "{B}");
+  EXPECT_EQ(RegEnumKey("CLSID", 1, name), kErrorNoMoreItems);
+
+  // Only the store and its lock file remain beside each other: no temporary files.
+  size_t entries = 0;
+  for (const auto& entry : stdfs::directory_iterator(dir_ + "/conf")) {
+    ++entries;
+    const std::string leaf = entry.path().filename().string();
+    EXPECT_TRUE(leaf == "registry.reg" || leaf == "registry.reg.lock") << leaf;
+  }
+  EXPECT_EQ(entries, 2u);
+}
+
+TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
+  ASSERT_EQ(RegSetValue("K", "v", "mine"), kErrorSuccess);
+  std::string data;
+  ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
+  WriteFile("REGEDIT4\n\n[HKEY_CLASSES_ROOT\\K]\n\"v\"=\"theirs, longer\"\n");
+  ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
+  EXPECT_EQ(data, "theirs, longer");
+  // A write starts from the file's contents, not from what this process saw before.
+  ASSERT_EQ(RegSetValue("K", "w", "x"), kErrorSuccess);
+  ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
+  EXPECT_EQ(data, "theirs, longer");
+}
+
+TEST_F(RegistryStore, ProcessesWritingAtOnceKeepEachOthersKeys) {
+  constexpr int kProcesses = 3, kKeysEach = 40;
+  pid_t children[kProcesses];
+  for (int p = 0; p < kProcesses; ++p) {
+    children[p] = ::fork();
+    ASSERT_GE(children[p], 0);
+    if (children[p] == 0) {
+      int failures = 0;
+      for (int k = 0; k < kKeysEach; ++k)
+        if (RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess)
+          ++failures;
+      ::_exit(failures == 0 ? 0 : 1);
+    }
+  }
+  for (pid_t child : children) {
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  }
+  Tree tree;
+  ASSERT_EQ(Load(tree), kErrorSuccess);
+  for (int p = 0; p < kProcesses; ++p) {
+    std::vector<std::string> names;
+    ASSERT_EQ(tree.SubKeys("P" + std::to_string(p), names), kErrorSuccess);
+    EXPECT_EQ(names.size(), size_t{kKeysEach}) << "process " << p;
+  }
+}
+
+TEST_F(RegistryStore, DamagedFileIsReportedAndNeverOverwritten) {
+  const std::string damaged = "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\"=dword:1\n";
+  WriteFile(damaged);
+  std::string data;
+  EXPECT_EQ(RegQueryValue("A", "n", data), kErrorBadDb);
+  EXPECT_EQ(RegOpenKey("A"), kErrorBadDb);
+  EXPECT_EQ(RegSetValue("A", "n", "text"), kErrorBadDb);
+  EXPECT_EQ(RegDeleteTree("A"), kErrorBadDb);
+  EXPECT_EQ(ReadFile(), damaged);
+
+  stdfs::remove(file_);
+  EXPECT_EQ(RegSetValue("A", "n", "text"), kErrorSuccess);
+  EXPECT_EQ(RegQueryValue("A", "n", data), kErrorSuccess);
+}
+
+TEST_F(RegistryStore, UpdateWritesNothingWhenTheChangeFails) {
+  ASSERT_EQ(RegCreateKey("Keep"), kErrorSuccess);
+  const std::string before = ReadFile();
+  EXPECT_EQ(Update([](Tree& tree) {
+              tree.CreateKey("Half");
+              return tree.DeleteTree("Missing");
+            }),
+            kErrorFileNotFound);
+  EXPECT_EQ(ReadFile(), before);
+  EXPECT_EQ(RegOpenKey("Half"), kErrorFileNotFound);
+}
+
+TEST(RegistryPath, EnvironmentChoosesTheFile) {
+  const struct {
+    const char* registry;
+    const char* config;
+    const char* home;
+    const char* expected;
+  } rows[] = {
+      {"/x/r.reg", "/cfg", "/home/u", "/x/r.reg"},
+      {nullptr, "/cfg", "/home/u", "/cfg/qxgroupmgr/registry.reg"},
+      {nullptr, nullptr, "/home/u", "/home/u/.config/qxgroupmgr/registry.reg"},
+      {"", "relative", "/home/u", "/home/u/.config/qxgroupmgr/registry.reg"},
+  };
+  const auto saved = [](const char* name) {
+    const char* v = std::getenv(name);
+    return v ? std::optional<std::string>(v) : std::nullopt;
+  };
+  const auto put = [](const char* name, const char* v) {
+    if (v) ::setenv(name, v, 1);
+    else ::unsetenv(name);
+  };
+  const auto registry = saved("QXGROUPMGR_REGISTRY"), config = saved("XDG_CONFIG_HOME"),
+             home = saved("HOME");
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.expected);
+    put("QXGROUPMGR_REGISTRY", row.registry);
+    put("XDG_CONFIG_HOME", row.config);
+    put("HOME", row.home);
+    EXPECT_EQ(StorePath(), row.expected);
+  }
+  put("QXGROUPMGR_REGISTRY", registry ? registry->c_str() : nullptr);
+  put("XDG_CONFIG_HOME", config ? config->c_str() : nullptr);
+  put("HOME", home ? home->c_str() : nullptr);
+}
+
+}  // namespace
+}  // namespace qx::registry
