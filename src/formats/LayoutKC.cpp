@@ -1,0 +1,175 @@
+#include "formats/LayoutKC.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "formats/ByteOrder.h"
+#include "formats/DeviceFamily.h"
+#include "formats/GroupKind.h"
+
+namespace qx {
+
+namespace {
+
+// Offsets inside an entry.
+constexpr size_t kEntryType = 4;  // after h and the 2 uninterpreted header bytes
+constexpr size_t kEntryName = 5;
+constexpr size_t kEntryDataLength = 13;  // right after the name field
+constexpr size_t kKDXExtraHeader = 2;
+
+// Walks entries in `bytes`, which start at file offset 55 and end where reads must stop.
+KCWalk WalkEntries(std::span<const unsigned char> bytes, uint32_t dataLength, bool kdx) {
+  KCWalk walk;
+  walk.dataLength = dataLength;
+  if (dataLength == 0) return walk;
+  const size_t dAt = kEntryDataLength + (kdx ? kKDXExtraHeader : 0);
+  size_t pos = 0;
+  for (;;) {
+    if (pos + dAt + 2 > bytes.size()) {
+      walk.truncated = true;
+      break;
+    }
+    const unsigned char* e = &bytes[pos];
+    KCEntryView v;
+    v.offset = kKCDataOffset + pos;
+    v.headerLength = ReadLE16(e);
+    v.type = KCReducedType(e[kEntryType]);
+    v.name = ReadNameField(e + kEntryName);
+    v.dataLength = ReadLE16(e + dAt);
+    walk.entries.push_back(v);
+
+    // The step uses h to find d, so headers of other lengths are still walked.
+    const size_t stepAt = pos + 2 + v.headerLength;
+    if (stepAt + 2 > bytes.size()) {
+      walk.truncated = true;
+      break;
+    }
+    pos = stepAt + 2 + ReadLE16(&bytes[stepAt]);
+    if (pos >= dataLength) break;
+  }
+  return walk;
+}
+
+bool IsKDX(std::string_view familySignature) { return familySignature == kSigKDX; }
+
+uint16_t StoredDataLength(size_t length) {
+  return length >= 65536 ? 0 : static_cast<uint16_t>(length);
+}
+
+void Append(std::vector<unsigned char>& out, std::span<const unsigned char> bytes) {
+  out.insert(out.end(), bytes.begin(), bytes.end());
+}
+
+void Append16(std::vector<unsigned char>& out, uint16_t v) {
+  unsigned char b[2];
+  WriteLE16(b, v);
+  Append(out, b);
+}
+
+}  // namespace
+
+uint16_t KCChecksum(std::span<const unsigned char> bytes) {
+  uint32_t sum = 0;
+  for (unsigned char c : bytes) sum += c;
+  return static_cast<uint16_t>(sum);
+}
+
+uint8_t KCReducedType(uint8_t typeByte) { return typeByte == 0x24 ? 0x24 : typeByte & 0x1F; }
+
+uint32_t KCDataLength(std::span<const unsigned char> file) {
+  if (file.size() < kKCDataOffset) return 0;
+  return KCEffectiveDataLength(ReadLE16(&file[kKCDataLengthOffset]), file.size());
+}
+
+// ---- Reading ---------------------------------------------------------------------------------
+
+KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature) {
+  if (file.size() < kKCDataOffset) {
+    KCWalk walk;
+    walk.truncated = true;
+    return walk;
+  }
+  return WalkEntries(file.subspan(kKCDataOffset), KCDataLength(file), IsKDX(familySignature));
+}
+
+std::optional<std::span<const unsigned char>> KCEntryBytes(std::span<const unsigned char> file,
+                                                           const KCEntryView& entry) {
+  if (entry.offset > file.size() || entry.Size() > file.size() - entry.offset) return std::nullopt;
+  return file.subspan(entry.offset, entry.Size());
+}
+
+std::optional<std::span<const unsigned char>> KCFileEntries(std::span<const unsigned char> file) {
+  if (file.size() < kKCDataOffset) return std::nullopt;
+  const size_t length = ReadLE16(&file[kKCDataLengthOffset]);
+  if (length > file.size() - kKCDataOffset) return std::nullopt;
+  return file.subspan(kKCDataOffset, length);
+}
+
+std::vector<unsigned char> BuildKCSingleFile(std::string_view signature,
+                                             std::span<const unsigned char> entry) {
+  std::vector<unsigned char> out;
+  out.reserve(kKCEmptyFileSize + entry.size());
+  Append(out, PaddedField<kKCSignatureSize>(signature));
+  out.resize(kKCDataLengthOffset, 0);  // empty comment
+  Append16(out, StoredDataLength(entry.size()));
+  Append(out, entry);
+  Append16(out, KCChecksum(entry));
+  return out;
+}
+
+// ---- Groups for adding and deleting ----------------------------------------------------------
+
+KCGroup KCGroup::NewEmpty(std::string_view signature, std::string_view comment) {
+  KCGroup g;
+  g.signature_ = PaddedField<kKCSignatureSize>(signature);
+  g.comment_ = PaddedField<kKCCommentSize>(comment);
+  return g;
+}
+
+LayoutResult KCGroup::Parse(std::span<const unsigned char> file, KCGroup& out) {
+  using R = LayoutResult;
+  if (file.size() < kKCDataOffset) return R::Fail(R::kTruncated, file.size(), "shorter than a group header");
+  const size_t length = KCDataLength(file);
+  if (length > file.size() - kKCDataOffset)
+    return R::Fail(R::kTruncated, kKCDataLengthOffset, "data section runs past the end of the file");
+  KCGroup g;
+  std::memcpy(g.signature_.data(), file.data(), kKCSignatureSize);
+  std::memcpy(g.comment_.data(), &file[kKCCommentOffset], kKCCommentSize);
+  const auto section = file.subspan(kKCDataOffset, length);
+  g.section_.assign(section.begin(), section.end());
+  const size_t afterChecksum = kKCDataOffset + length + 2;
+  if (afterChecksum < file.size()) g.after_.assign(file.begin() + static_cast<ptrdiff_t>(afterChecksum), file.end());
+  out = std::move(g);
+  return R::Ok();
+}
+
+std::vector<KCEntryView> KCGroup::Entries(std::string_view familySignature) const {
+  return WalkEntries(section_, DataLength(), IsKDX(familySignature)).entries;
+}
+
+void KCGroup::AppendEntries(std::span<const unsigned char> entries) {
+  Append(section_, entries);
+  appended_ += entries.size();
+}
+
+void KCGroup::Rewrite(std::string_view familySignature, std::vector<unsigned char> section) {
+  signature_ = PaddedField<kKCSignatureSize>(familySignature);
+  section_ = std::move(section);
+  after_.clear();
+  appended_ = 0;
+}
+
+std::vector<unsigned char> KCGroup::Serialize() const {
+  const size_t keptAfter = after_.size() - std::min(appended_, after_.size());
+  std::vector<unsigned char> out;
+  out.reserve(kKCEmptyFileSize + section_.size() + keptAfter);
+  Append(out, signature_);
+  Append(out, comment_);
+  Append16(out, StoredDataLength(section_.size()));
+  Append(out, section_);
+  Append16(out, KCChecksum(section_));
+  Append(out, std::span(after_).last(keptAfter));
+  return out;
+}
+
+}  // namespace qx

@@ -1,0 +1,140 @@
+// The KC-style layout (families KA, KB, KC, KDX, KF): a 55-byte header, one data section of
+// variable entries back to back, and a 16-bit checksum of the section.
+//
+//   0  signature (11)   11 comment (42)   53 data length (2; 0 when 65536 or more)
+//   55 entries: h (2), header (h: 2 bytes, type, name (8), KDX: 2 more), d (2), data (d)
+//   55 + data length   checksum (2): sum of the section's bytes mod 65536
+//
+// As for the MA-style layout, two views of a file held in memory: WalkKCGroup for listing,
+// finding and extracting, and KCGroup for adding and deleting, written once.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+#include <vector>
+
+#include "formats/LayoutResult.h"
+#include "formats/NameField.h"
+
+namespace qx {
+
+inline constexpr size_t kKCSignatureSize = 11;
+inline constexpr size_t kKCCommentOffset = 11;
+inline constexpr size_t kKCCommentSize = 42;
+inline constexpr size_t kKCDataLengthOffset = 53;
+inline constexpr size_t kKCDataOffset = 55;
+// Header and checksum: the size of a group with an empty data section.
+inline constexpr size_t kKCEmptyFileSize = 57;
+
+// Sum of the bytes mod 65536.
+uint16_t KCChecksum(std::span<const unsigned char> bytes);
+
+// The type byte as names are made from it: its low 5 bits, except 0x24, which stays.
+//   0x45 => 0x05    0x24 => 0x24    0x3F => 0x1F
+uint8_t KCReducedType(uint8_t typeByte);
+
+// The effective data length: the stored length, or for a stored 0 in a file of 65536 bytes or
+// more, the file length minus 57. 0 when the file is too short to hold the field.
+uint32_t KCDataLength(std::span<const unsigned char> file);
+
+// ---- Reading ---------------------------------------------------------------------------------
+
+// One entry as the walk meets it. Type, name and d are read at their fixed places (h = 11, or 13
+// in the KDX family); only the step to the next entry uses h.
+struct KCEntryView {
+  size_t offset = 0;  // where the entry starts
+  uint16_t headerLength = 0;
+  uint8_t type = 0;  // reduced
+  NameField name{};
+  uint16_t dataLength = 0;  // d
+
+  // h + d + 4: the entry's bytes, as extraction copies and the contents listing reports them.
+  uint32_t Size() const { return uint32_t{headerLength} + dataLength + 4; }
+};
+
+struct KCWalk {
+  uint32_t dataLength = 0;          // effective
+  std::vector<KCEntryView> entries;  // in file order
+  bool truncated = false;           // ended by a read past the end of the bytes
+};
+
+// Walks the entries from offset 55 while (entry offset - 55) is below the data length; a read
+// past the end ends the walk with the entries before it. `familySignature` selects the KDX
+// header. Never reads outside `file`.
+KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature);
+
+// The entry's h + d + 4 bytes; nullopt when they run past the end of the file.
+std::optional<std::span<const unsigned char>> KCEntryBytes(std::span<const unsigned char> file,
+                                                           const KCEntryView& entry);
+
+// What a file contributes when added to a group: the stored data length L at 53 (as stored: a
+// file whose field holds 0 adds nothing) and the L bytes from 55. nullopt when they run past
+// the end of the file.
+std::optional<std::span<const unsigned char>> KCFileEntries(std::span<const unsigned char> file);
+
+// A single-variable file of one entry: signature padded to 11 bytes, 42 zero bytes, the entry's
+// size, the entry, its checksum.
+std::vector<unsigned char> BuildKCSingleFile(std::string_view signature,
+                                             std::span<const unsigned char> entry);
+
+// ---- Groups for adding and deleting ----------------------------------------------------------
+
+// A group's data section with its header, changed in memory and written once. Adding writes the
+// new entries where the old checksum stood, as the in-place add does (bytes that stood after
+// the old checksum and are not overwritten stay); deleting rewrites the whole file.
+class KCGroup {
+ public:
+  // A new empty group: data length 0, checksum 0 (57 bytes).
+  static KCGroup NewEmpty(std::string_view signature, std::string_view comment);
+  // Refuses a file shorter than 55 bytes or whose data section runs past its end.
+  static LayoutResult Parse(std::span<const unsigned char> file, KCGroup& out);
+
+  uint32_t DataLength() const { return static_cast<uint32_t>(section_.size()); }
+  // The entries of the data section; offsets are from the start of the file.
+  std::vector<KCEntryView> Entries(std::string_view familySignature) const;
+
+  // Appends entries (whole entries, as KCFileEntries gives them) to the data section.
+  void AppendEntries(std::span<const unsigned char> entries);
+  // Keeps the entries for which drop(entry) is false, in order, and rewrites the header as a
+  // delete does: the signature from `familySignature` padded to 11 bytes, the comment kept,
+  // nothing after the checksum. Returns the number dropped; nullopt (nothing changed) when an
+  // entry to keep runs past the end of the data section.
+  template <typename Pred>
+  std::optional<size_t> RemoveEntriesIf(std::string_view familySignature, Pred&& drop);
+
+  std::vector<unsigned char> Serialize() const;
+
+ private:
+  void Rewrite(std::string_view familySignature, std::vector<unsigned char> section);
+
+  std::array<unsigned char, kKCSignatureSize> signature_{};
+  std::array<unsigned char, kKCCommentSize> comment_{};
+  std::vector<unsigned char> section_;
+  // Bytes after the old checksum; the first `appended_` of them have been written over.
+  std::vector<unsigned char> after_;
+  size_t appended_ = 0;
+};
+
+template <typename Pred>
+std::optional<size_t> KCGroup::RemoveEntriesIf(std::string_view familySignature, Pred&& drop) {
+  std::vector<unsigned char> kept;
+  kept.reserve(section_.size());
+  size_t dropped = 0;
+  for (const KCEntryView& e : Entries(familySignature)) {
+    if (drop(static_cast<const KCEntryView&>(e))) {
+      ++dropped;
+      continue;
+    }
+    const size_t from = e.offset - kKCDataOffset;
+    if (from + e.Size() > section_.size()) return std::nullopt;
+    kept.insert(kept.end(), section_.begin() + static_cast<ptrdiff_t>(from),
+                section_.begin() + static_cast<ptrdiff_t>(from + e.Size()));
+  }
+  Rewrite(familySignature, std::move(kept));
+  return dropped;
+}
+
+}  // namespace qx

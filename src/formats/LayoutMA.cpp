@@ -1,0 +1,317 @@
+#include "formats/LayoutMA.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "formats/ByteOrder.h"
+
+namespace qx {
+
+namespace {
+
+constexpr size_t kMaxEntries = 0xFFFF;
+
+// Offsets of the fields inside a 16-byte entry.
+constexpr size_t kEntryName = 4;
+constexpr size_t kEntryType = 12;
+constexpr size_t kEntryAttribute = 13;
+constexpr size_t kEntryExtra = 14;
+
+MAEntryFields ReadEntryFields(const unsigned char* entry) {
+  MAEntryFields f;
+  f.name = ReadNameField(entry + kEntryName);
+  f.type = entry[kEntryType];
+  f.attribute = entry[kEntryAttribute];
+  f.extra = {entry[kEntryExtra], entry[kEntryExtra + 1]};
+  return f;
+}
+
+void WriteEntry(unsigned char* entry, uint32_t dataOffset, const MAEntryFields& f) {
+  WriteLE32(entry, dataOffset);
+  std::memcpy(entry + kEntryName, f.name.data(), kNameFieldSize);
+  entry[kEntryType] = f.type;
+  entry[kEntryAttribute] = f.attribute;
+  entry[kEntryExtra] = f.extra[0];
+  entry[kEntryExtra + 1] = f.extra[1];
+}
+
+// A byte writer over a buffer sized in advance.
+class Writer {
+ public:
+  explicit Writer(std::vector<unsigned char>& out) : out_(out) {}
+  unsigned char* Take(size_t n) {
+    unsigned char* p = out_.data() + pos_;
+    pos_ += n;
+    return p;
+  }
+  void Put(std::span<const unsigned char> bytes) {
+    if (!bytes.empty()) std::memcpy(Take(bytes.size()), bytes.data(), bytes.size());
+  }
+  void Put16(uint16_t v) { WriteLE16(Take(2), v); }
+  void Put32(uint32_t v) { WriteLE32(Take(4), v); }
+
+ private:
+  std::vector<unsigned char>& out_;
+  size_t pos_ = 0;
+};
+
+}  // namespace
+
+// ---- Reading ---------------------------------------------------------------------------------
+
+MAWalk WalkMAGroup(std::span<const unsigned char> file) {
+  MAWalk walk;
+  const size_t size = file.size();
+  if (size < kMATableOffset + 4) {
+    walk.end = MAWalk::kStepFailed;
+    return walk;
+  }
+  NameField folder = ReadNameField(&file[kMAFolderOffset]);
+  const uint32_t firstDataOffset = ReadLE32(&file[kMATableOffset]);
+  if (firstDataOffset > size) return walk;
+  // The table ends where the file size field and marker stand before the first data block.
+  const int64_t tableEnd = static_cast<int64_t>(firstDataOffset) - 6;
+
+  for (size_t pos = kMATableOffset;; pos += kMAEntrySize) {
+    if (pos != kMATableOffset && static_cast<int64_t>(pos) >= tableEnd) break;
+    if (pos + kEntryType + 1 > size) {
+      walk.end = MAWalk::kStepFailed;
+      break;
+    }
+    const unsigned char* entry = &file[pos];
+    if (entry[kEntryType] == kMAFolderType) {
+      folder = ReadNameField(entry + kEntryName);
+      continue;
+    }
+    // A member is read with the offset field that follows it (its block end).
+    if (pos + kMAEntrySize + 4 > size) {
+      walk.end = MAWalk::kMemberUnreadable;
+      break;
+    }
+    MAMemberView m;
+    m.entryOffset = pos;
+    m.folder = folder;
+    m.dataOffset = ReadLE32(entry);
+    m.fields = ReadEntryFields(entry);
+    m.blockEnd = ReadLE32(entry + kMAEntrySize);
+    walk.members.push_back(m);
+  }
+  return walk;
+}
+
+std::optional<std::span<const unsigned char>> MABlock(std::span<const unsigned char> file,
+                                                      const MAMemberView& member) {
+  if (member.blockEnd < member.dataOffset || member.blockEnd > file.size()) return std::nullopt;
+  return file.subspan(member.dataOffset, member.blockEnd - member.dataOffset);
+}
+
+std::optional<bool> MAIsGroup(std::span<const unsigned char> file) {
+  if (file.size() <= kMAFolderOffset) return std::nullopt;
+  return file[kMAFolderOffset] == 0;
+}
+
+bool MADefaultFolderCountsAsEmpty(const NameField& folder) {
+  unsigned sum = 0;
+  for (unsigned char c : folder) sum += c;
+  return folder[0] == 0 || sum % 256 == 0;
+}
+
+// ---- Single-variable files -------------------------------------------------------------------
+
+LayoutResult ParseMASingleFile(std::span<const unsigned char> file, MASingleFile& out) {
+  constexpr size_t kEntry = kMATableOffset;
+  constexpr size_t kSizeField = kMATableOffset + kMAEntrySize;
+  if (file.size() < kMAOneEntryDataOffset)
+    return LayoutResult::Fail(LayoutResult::kTruncated, file.size(), "shorter than a variable file header");
+  const uint32_t fileSize = ReadLE32(&file[kSizeField]);
+  if (fileSize < kMAOneEntryDataOffset)
+    return LayoutResult::Fail(LayoutResult::kBadOffset, kSizeField, "file size field below the header size");
+  if (fileSize > file.size())
+    return LayoutResult::Fail(LayoutResult::kTruncated, kSizeField, "file size field beyond the end of the file");
+  std::memcpy(out.signature.data(), file.data(), kMASignatureSize);
+  out.folder = ReadNameField(&file[kMAFolderOffset]);
+  out.fields = ReadEntryFields(&file[kEntry]);
+  out.data = file.subspan(kMAOneEntryDataOffset, fileSize - kMAOneEntryDataOffset);
+  return LayoutResult::Ok();
+}
+
+std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
+                                             const MAEntryFields& fields,
+                                             std::span<const unsigned char> data) {
+  std::vector<unsigned char> out(kMAOneEntryDataOffset + data.size());
+  Writer w(out);
+  w.Put(PaddedField<kMASignatureSize>(signature));
+  w.Put(folder);
+  w.Take(kMACommentSize);  // zero bytes
+  w.Put16(1);
+  WriteEntry(w.Take(kMAEntrySize), kMAOneEntryDataOffset, fields);
+  w.Put32(static_cast<uint32_t>(out.size()));
+  w.Put(kMASingleFileMarker);
+  w.Put(data);
+  return out;
+}
+
+// ---- Groups for adding and deleting ----------------------------------------------------------
+
+MAGroup MAGroup::NewEmpty(std::string_view signature, std::string_view comment) {
+  MAGroup g;
+  g.signature_ = PaddedField<kMASignatureSize>(signature);
+  g.comment_ = PaddedField<kMACommentSize>(comment);
+  g.marker_ = kMANewGroupMarker;
+  MAFolder main;
+  main.name = MakeNameField("main");
+  g.folders_.push_back(std::move(main));
+  return g;
+}
+
+LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
+  using R = LayoutResult;
+  const size_t size = file.size();
+  if (size < kMATableOffset) return R::Fail(R::kTruncated, size, "shorter than a group header");
+  MAGroup g;
+  std::memcpy(g.signature_.data(), file.data(), kMASignatureSize);
+  g.defaultFolder_ = ReadNameField(&file[kMAFolderOffset]);
+  if (!MADefaultFolderCountsAsEmpty(g.defaultFolder_))
+    return R::Fail(R::kNotAGroup, kMAFolderOffset, "default folder set: a single-variable file");
+  std::memcpy(g.comment_.data(), &file[kMACommentOffset], kMACommentSize);
+  const size_t count = ReadLE16(&file[kMACountOffset]);
+  const size_t tableEnd = kMATableOffset + kMAEntrySize * count;
+  const size_t dataStart = tableEnd + 6;
+  if (dataStart > size) return R::Fail(R::kTruncated, tableEnd, "entry table beyond the end of the file");
+  const uint32_t fileSize = ReadLE32(&file[tableEnd]);
+  if (fileSize > size) return R::Fail(R::kBadOffset, tableEnd, "file size field beyond the end of the file");
+  g.marker_ = {file[tableEnd + 4], file[tableEnd + 5]};
+
+  // Folders, each followed by its members; member data offsets in order within the data area.
+  std::vector<uint32_t> offsets;  // of every member, in table order
+  std::vector<size_t> entryAt;    // where each member's entry stands
+  offsets.reserve(count);
+  entryAt.reserve(count);
+  for (size_t i = 0; i < count;) {
+    const unsigned char* entry = &file[kMATableOffset + kMAEntrySize * i];
+    if (entry[kEntryType] != kMAFolderType)
+      return R::Fail(R::kBadTable, kMATableOffset + kMAEntrySize * i,
+                     "variable entry where a folder entry is expected");
+    MAFolder folder;
+    folder.name = ReadNameField(entry + kEntryName);
+    folder.attribute = entry[kEntryAttribute];
+    const size_t members = ReadLE16(entry + kEntryExtra);
+    if (members > count - i - 1)
+      return R::Fail(R::kBadTable, kMATableOffset + kMAEntrySize * i, "folder member count overruns the table");
+    for (size_t j = 1; j <= members; ++j) {
+      const unsigned char* m = entry + kMAEntrySize * j;
+      if (m[kEntryType] == kMAFolderType)
+        return R::Fail(R::kBadTable, kMATableOffset + kMAEntrySize * (i + j), "folder entry counted as a member");
+      offsets.push_back(ReadLE32(m));
+      entryAt.push_back(kMATableOffset + kMAEntrySize * (i + j));
+      folder.members.push_back(MAVariable{ReadEntryFields(m), {}});
+    }
+    g.folders_.push_back(std::move(folder));
+    i += 1 + members;
+  }
+
+  uint32_t previous = static_cast<uint32_t>(dataStart);
+  for (size_t k = 0; k <= offsets.size(); ++k) {
+    const uint32_t at = k < offsets.size() ? offsets[k] : fileSize;
+    if (at < previous)
+      return R::Fail(R::kBadOffset, k < offsets.size() ? entryAt[k] : tableEnd,
+                     k < offsets.size() ? "member data offset out of order or inside the table"
+                                        : "file size field before the last data block");
+    previous = at;
+  }
+
+  const auto bytes = [&](size_t from, size_t to) {
+    return std::vector<unsigned char>(file.begin() + static_cast<ptrdiff_t>(from),
+                                      file.begin() + static_cast<ptrdiff_t>(to));
+  };
+  g.lead_ = bytes(dataStart, offsets.empty() ? fileSize : offsets.front());
+  size_t k = 0;
+  for (MAFolder& f : g.folders_)
+    for (MAVariable& m : f.members) {
+      const uint32_t end = k + 1 < offsets.size() ? offsets[k + 1] : fileSize;
+      m.data = bytes(offsets[k], end);
+      ++k;
+    }
+  g.tail_ = bytes(fileSize, size);
+  out = std::move(g);
+  return R::Ok();
+}
+
+size_t MAGroup::MemberCount() const {
+  size_t n = 0;
+  for (const MAFolder& f : folders_) n += f.members.size();
+  return n;
+}
+
+size_t MAGroup::EntryCount() const { return folders_.size() + MemberCount(); }
+
+bool MAGroup::InsertFirst(size_t folder, MAVariable variable) {
+  if (folder >= folders_.size() || folders_[folder].members.size() >= kMaxEntries ||
+      EntryCount() + 1 > kMaxEntries)
+    return false;
+  folders_[folder].members.push_front(std::move(variable));
+  return true;
+}
+
+bool MAGroup::AppendFolder(const NameField& name, MAVariable variable) {
+  if (EntryCount() + 2 > kMaxEntries) return false;
+  MAFolder folder;
+  folder.name = name;
+  folder.members.push_back(std::move(variable));
+  folders_.push_back(std::move(folder));
+  return true;
+}
+
+void MAGroup::AfterRemoval(size_t dropped) {
+  // A delete writes the real file length into the size field, so bytes that stood after the
+  // old size become part of the last block.
+  if (dropped == 0 || tail_.empty()) return;
+  std::vector<unsigned char>* last = &lead_;
+  for (MAFolder& f : folders_)
+    if (!f.members.empty()) last = &f.members.back().data;
+  last->insert(last->end(), tail_.begin(), tail_.end());
+  tail_.clear();
+}
+
+bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
+  const size_t count = EntryCount();
+  if (count > kMaxEntries) return false;
+  const size_t dataStart = kMATableOffset + kMAEntrySize * count + 6;
+  uint64_t fileSize = dataStart + lead_.size();
+  for (const MAFolder& f : folders_) {
+    if (f.members.size() > kMaxEntries) return false;
+    for (const MAVariable& m : f.members) fileSize += m.data.size();
+  }
+  if (fileSize > UINT32_MAX) return false;
+
+  out.assign(static_cast<size_t>(fileSize) + tail_.size(), 0);
+  Writer w(out);
+  w.Put(signature_);
+  w.Put(defaultFolder_);
+  w.Put(comment_);
+  w.Put16(static_cast<uint16_t>(count));
+  // A folder entry points at the data that follows it: its first member's block, or for an
+  // empty folder the next folder's data, or the file size when nothing follows.
+  uint32_t at = static_cast<uint32_t>(dataStart + lead_.size());
+  for (const MAFolder& f : folders_) {
+    MAEntryFields entry;
+    entry.name = f.name;
+    entry.type = kMAFolderType;
+    entry.attribute = f.attribute;
+    WriteLE16(entry.extra.data(), static_cast<uint16_t>(f.members.size()));
+    WriteEntry(w.Take(kMAEntrySize), at, entry);
+    for (const MAVariable& m : f.members) {
+      WriteEntry(w.Take(kMAEntrySize), at, m.fields);
+      at += static_cast<uint32_t>(m.data.size());
+    }
+  }
+  w.Put32(static_cast<uint32_t>(fileSize));
+  w.Put(marker_);
+  w.Put(lead_);
+  for (const MAFolder& f : folders_)
+    for (const MAVariable& m : f.members) w.Put(m.data);
+  w.Put(tail_);
+  return true;
+}
+
+}  // namespace qx
