@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "frame/FrameFixtures.h"
+#include "frame/FileManager.h"
 #include "frame/Module.h"
 
 namespace qx::test {
@@ -107,28 +107,6 @@ TEST(ModuleTest, AggregatedObjectDelegatesToItsOuter) {
   EXPECT_EQ(module::LockCount(), 1);
   inner->Release();
   EXPECT_EQ(module::LockCount(), 0);
-}
-
-TEST(ModuleTest, QueryInterfaceAnswersOneIdentity) {
-  Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
-  void* unknown = nullptr;
-  ASSERT_EQ(fm->QueryInterface(IID_IUnknown, &unknown), S_OK);
-  for (const IID* iid : {&IID_IDispatch, &IID_IFileManager, &IID_IGroupManager2}) {
-    SCOPED_TRACE(GuidToString(*iid));
-    void* p = nullptr;
-    ASSERT_EQ(fm->QueryInterface(*iid, &p), S_OK);
-    EXPECT_EQ(p, static_cast<IGroupManager2*>(fm.p));
-    IUnknown* back = nullptr;
-    static_cast<IUnknown*>(p)->QueryInterface(IID_IUnknown, reinterpret_cast<void**>(&back));
-    EXPECT_EQ(back, unknown);
-    back->Release();
-    static_cast<IUnknown*>(p)->Release();
-  }
-  void* p = reinterpret_cast<void*>(1);
-  EXPECT_EQ(fm->QueryInterface(IID_IClassFactory, &p), E_NOINTERFACE);
-  EXPECT_EQ(p, nullptr);
-  static_cast<IUnknown*>(unknown)->Release();
 }
 
 }  // namespace

@@ -37,31 +37,6 @@ TEST(SplitListTest, CutsAndSortsBytewise) {
   }
 }
 
-TEST(PathTextTest, FoldersAndExtensions) {
-  struct Case {
-    std::string in;
-    std::string fileFolder, memberFolder, extension;
-  };
-  const std::vector<Case> cases = {
-      {"", "", "", ""},
-      {"out", "out/", "out\\", ""},
-      {"out/", "out/", "out\\", ""},
-      {"a/b", "a/b/", "a\\b\\", ""},
-      {"sub\\", "sub\\/", "sub\\", ""},
-      {"/d/x.QxP", "/d/x.QxP/", "\\d\\x.QxP\\", ".QXP"},
-      {"/d.e/x", "/d.e/x/", "\\d.e\\x\\", ""},
-      {"x.", "x./", "x.\\", "."},
-      {"g.tar.qxg", "g.tar.qxg/", "g.tar.qxg\\", ".QXG"},
-      {"caf\xe9.gr\xe9", "caf\xe9.gr\xe9/", "caf\xe9.gr\xe9\\", ".GR\xe9"},  // ASCII letters only
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.in);
-    EXPECT_EQ(CompleteFolder(c.in, '/'), c.fileFolder);
-    EXPECT_EQ(MemberFolder(c.in), c.memberFolder);
-    EXPECT_EQ(UpperExtension(c.in), c.extension);
-  }
-}
-
 class GroupPathTest : public ::testing::Test {
  protected:
   void SetUp() override {

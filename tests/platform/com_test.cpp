@@ -189,44 +189,6 @@ TEST(VariantTest, DecimalText) {
   EXPECT_EQ(wide, INT64_MIN);
 }
 
-TEST(VariantTest, StringConversions) {
-  Bstr text(u"abc");
-  BSTR ref = text.get();
-  VARIANT inner;
-  VariantInit(&inner);
-  inner.vt = VT_BSTR;
-  inner.bstrVal = text.get();
-  struct Case {
-    const char* name;
-    VARTYPE vt;
-    void* payload;
-    HRESULT expected;
-    BSTR value;
-  };
-  const Case cases[] = {
-      {"BSTR", VT_BSTR, text.get(), S_OK, text.get()},
-      {"EMPTY", VT_EMPTY, nullptr, S_OK, nullptr},
-      {"NULL", VT_NULL, nullptr, S_OK, nullptr},
-      {"byref BSTR", VT_BYREF | VT_BSTR, &ref, S_OK, text.get()},
-      {"byref VARIANT", VT_BYREF | VT_VARIANT, &inner, S_OK, text.get()},
-      {"I4", VT_I4, nullptr, DISP_E_TYPEMISMATCH, nullptr},
-      {"byref null", VT_BYREF | VT_BSTR, nullptr, DISP_E_TYPEMISMATCH, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    VARIANT v;
-    VariantInit(&v);
-    v.vt = c.vt;
-    v.byref = c.payload;
-    if (c.vt == VT_BSTR) v.bstrVal = static_cast<BSTR>(c.payload);
-    BSTR out = reinterpret_cast<BSTR>(&ref);
-    EXPECT_EQ(VariantToBstr(v, out), c.expected);
-    if (c.expected == S_OK) {
-      EXPECT_EQ(out, c.value);
-    }
-  }
-}
-
 TEST(GuidTest, TextRoundTrip) {
   EXPECT_EQ(GuidToString(IID_IDispatch), "{00020400-0000-0000-C000-000000000046}");
   EXPECT_EQ(GuidToString(IID_NULL), "{00000000-0000-0000-0000-000000000000}");
