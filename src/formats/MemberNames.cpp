@@ -1,5 +1,6 @@
 #include "formats/MemberNames.h"
 
+#include <algorithm>
 #include <array>
 #include <utility>
 
@@ -89,15 +90,22 @@ struct Named {
   char letter = 0;
 };
 
+// A list's own name: the bytes after the token and its index byte, up to 5, to the first zero.
+//   5D 06 'M' 'Y' 'L' 'S' 'T' 00 => "MYLST"
+std::string OwnListName(const NameField& field) {
+  NameField rest{};
+  std::copy(field.begin() + 2, field.begin() + 7, rest.begin());
+  return WithTheta(NameFieldText(rest));
+}
+
 // KC and KDX names of token form (first byte `token`, second byte `b`); nullopt = no rule.
-// `text` is the whole name text, for list names of their own.
-std::optional<Named> KCTokenName(unsigned char token, unsigned b, std::string_view text) {
+std::optional<Named> KCTokenName(unsigned char token, unsigned b, const NameField& field) {
   switch (token) {
     case 0x5C:  // matrix: [A] ...
       return Named{std::string(1, Ch('A' + b)), 'm'};
     case 0x5D:  // list: L1 - L6, or a list of its own name
       if (b < 6) return Named{std::string("L") + Ch('1' + b), 'l'};
-      return Named{WithTheta(text.substr(std::min<size_t>(2, text.size()), 5)), 'l'};
+      return Named{OwnListName(field), 'l'};
     case 0x5E:  // equation
       if (b < 0x10) return std::nullopt;
       if (b <= 0x1F) return Named{std::string("Y") + (b == 0x19 ? '0' : Ch(b + 0x21)), 'y'};
@@ -117,11 +125,11 @@ std::optional<Named> KCTokenName(unsigned char token, unsigned b, std::string_vi
 }
 
 // KA names of token form.
-std::optional<Named> KATokenName(unsigned char token, unsigned b, std::string_view text) {
+std::optional<Named> KATokenName(unsigned char token, unsigned b, const NameField& field) {
   switch (token) {
     case 0x5D:
       if (b >= 1 && b <= 6) return Named{std::string("L") + Ch('0' + b), 'l'};
-      return Named{WithTheta(text.substr(std::min<size_t>(2, text.size()), 5)), 'l'};
+      return Named{OwnListName(field), 'l'};
     case 0x5E:
       if (b >= 0x10 && b <= 0x1F) return Named{std::string("Y") + Ch('1' + (b & 0x0F)), 'y'};
       if (b >= 0x80 && b <= 0x8F) return Named{std::string("C") + Ch('1' + (b & 0x0F)), 'c'};
@@ -135,7 +143,7 @@ std::optional<Named> KATokenName(unsigned char token, unsigned b, std::string_vi
 
 // A name that is one variable letter: A, theta, ...
 Named LetterName(KCFamily family, std::string_view text, uint8_t type) {
-  const std::string letter = text.substr(0, 1).empty() ? std::string() : std::string(1, text[0]);
+  const std::string letter(text.substr(0, 1));
   if (family == KCFamily::KA) {
     const bool real = type == 0x00 || (type >= 0x14 && type <= 0x17);
     return Named{letter, real ? 'n' : '\0'};
@@ -195,7 +203,7 @@ std::string MemberFileNameKC(const NameField& nameField, uint8_t type, std::stri
   }
   const unsigned b = field[1];
   const std::optional<Named> n =
-      family == KCFamily::KA ? KATokenName(first, b, text) : KCTokenName(first, b, text);
+      family == KCFamily::KA ? KATokenName(first, b, field) : KCTokenName(first, b, field);
   if (!n) return text;
   return withExtension(n->name, n->letter);
 }
