@@ -177,12 +177,13 @@ bool MatchesWildcard(std::string_view name, std::string_view mask) {
   // Greedy match with one backtrack point: linear in practice, never exponential.
   size_t n = 0, m = 0, starM = std::string_view::npos, starN = 0;
   while (n < name.size()) {
-    if (m < mask.size() && (mask[m] == '?' || mask[m] == name[n])) {
-      ++n;
-      ++m;
-    } else if (m < mask.size() && mask[m] == '*') {
+    // A star is always a wildcard, even where the name holds a '*' itself.
+    if (m < mask.size() && mask[m] == '*') {
       starM = m++;
       starN = n;
+    } else if (m < mask.size() && (mask[m] == '?' || mask[m] == name[n])) {
+      ++n;
+      ++m;
     } else if (starM != std::string_view::npos) {
       m = starM + 1;
       n = ++starN;

@@ -79,6 +79,7 @@ TEST(Fs, WildcardMatching) {
       {"x.QXG", "*.qxg", false},  {"a.b.c", "*.c", true},     {"abcbc", "*bc", true},
       {"noext", "*.*", true},     {"noext", "noext.*", true}, {"noext", "*.kdp", false},
       {".", "*.*", true},         {"a.b", "a.*", true},       {"ab", "a.*", false},
+      {"**", "*", true},          {"*x", "*", true},          {"a*b", "a*", true},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.name) + " ~ " + r.mask);
