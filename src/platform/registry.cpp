@@ -437,8 +437,7 @@ LONG Tree::Parse(std::string_view text, std::string* error) {
     if (!TrimLeft(value.substr(pos)).empty()) return fail(lineNo, "text after the value");
     SetValue(keyPath, name, data);
   }
-  if (lineNo > 0 && !headerSeen) return fail(lineNo, "not a registry file");
-  return kErrorSuccess;
+  return kErrorSuccess;  // blank lines and comments alone are an empty store
 }
 
 // ---- The store --------------------------------------------------------------------------------------
