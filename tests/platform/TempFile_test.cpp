@@ -87,15 +87,5 @@ TEST(TempFile, FailuresLeaveNothingBehind) {
   EXPECT_TRUE(GetAttributes(dir / "sub") & kAttrDirectory);
 }
 
-TEST(TempFile, MovedFromDoesNothing) {
-  test::TempDir dir;
-  TempFile a(dir / "g.grp");
-  TempFile b(std::move(a));
-  a.Discard();
-  ASSERT_TRUE(b.IsOpen());
-  EXPECT_TRUE(b.Keep());
-  EXPECT_TRUE(Exists(dir / "g.grp"));
-}
-
 }  // namespace
 }  // namespace qx::fs
