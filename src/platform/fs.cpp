@@ -50,13 +50,15 @@ File& File::operator=(File&& other) noexcept {
 
 File File::OpenRead(const std::string& path) {
   if (path.empty()) return File();
-  std::FILE* fp = std::fopen(ToNative(path).c_str(), "rb");
-  if (fp == nullptr) return File();
+  // Non-blocking open, so a named pipe does not hang the caller before it is refused below.
+  const int fd = ::open(ToNative(path).c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return File();
   struct stat st {};
-  if (::fstat(::fileno(fp), &st) != 0 || !S_ISREG(st.st_mode)) {
-    std::fclose(fp);
-    return File();
-  }
+  std::FILE* fp = nullptr;
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
+      ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0)
+    fp = ::fdopen(fd, "rb");
+  if (fp == nullptr) ::close(fd);
   return File(fp);
 }
 

@@ -4,6 +4,8 @@
 #include <filesystem>
 #include <set>
 
+#include <sys/stat.h>
+
 #include "platform/fs.h"
 #include "support/TempDir.h"
 
@@ -39,6 +41,8 @@ TEST(Fs, OpenReadRefusesFoldersAndMissingFiles) {
   EXPECT_FALSE(File::OpenRead(dir.path()).IsOpen());
   EXPECT_FALSE(File::OpenRead(dir / "none").IsOpen());
   EXPECT_FALSE(File::OpenRead("").IsOpen());
+  ASSERT_EQ(::mkfifo((dir / "pipe").c_str(), 0600), 0);
+  EXPECT_FALSE(File::OpenRead(dir / "pipe").IsOpen());  // refused at once, not waited on
 
   File f = File::OpenRead(file);
   EXPECT_EQ(f.Size(), 5u);
