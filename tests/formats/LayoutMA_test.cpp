@@ -276,9 +276,10 @@ TEST(LayoutMA, SingleVariableFiles) {
   want.Text("**QXNBX*\x08", 10).Text("main", 8).Zeros(40).U16(1);
   Entry(want, 0x52, "prog1", 0x12, 0x07, 0x1234);
   want.U32(0x58).U8(0xA5).U8(0x5A).Text("ABCDEF");
-  const MAWalk w = WalkMAGroup(OneVariableGroup());
+  const Bytes group = OneVariableGroup();
+  const MAWalk w = WalkMAGroup(group);
   ASSERT_EQ(w.members.size(), 1u);
-  const auto block = MABlock(OneVariableGroup(), w.members[0]);
+  const auto block = MABlock(group, w.members[0]);
   ASSERT_TRUE(block);
   EXPECT_EQ(BuildMASingleFile(kSigRa, w.members[0].folder, w.members[0].fields, *block), want.vec());
 
