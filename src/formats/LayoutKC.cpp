@@ -81,6 +81,12 @@ uint32_t KCDataLength(std::span<const unsigned char> file) {
   return KCEffectiveDataLength(ReadLE16(&file[kKCDataLengthOffset]), file.size());
 }
 
+bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> file) {
+  if (file.size() < kKCDataOffset + 4) return false;
+  const uint32_t h = ReadLE16(&file[kKCDataOffset]), x = ReadLE16(&file[kKCDataOffset + 2]);
+  return KCDataLength(file) > h + x + 4;
+}
+
 // ---- Reading ---------------------------------------------------------------------------------
 
 KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature) {

@@ -40,6 +40,11 @@ uint8_t KCReducedType(uint8_t typeByte);
 // more, the file length minus 57. 0 when the file is too short to hold the field.
 uint32_t KCDataLength(std::span<const unsigned char> file);
 
+// The group test of the KC-style layout, before any look at the extension: the data section
+// holds more than its first entry (data length > h + x + 4, with h and x the 16-bit fields at 55
+// and 57). False when the file is too short to hold them.
+bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> file);
+
 // ---- Reading ---------------------------------------------------------------------------------
 
 // One entry as the walk meets it. Type, name and d are read at their fixed places (h = 11, or 13

@@ -182,6 +182,19 @@ TEST(LayoutKC, DamagedFiles) {
   EXPECT_FALSE(g.RemoveEntriesIf(kSigKC, [](const KCEntryView&) { return false; }));
 }
 
+TEST(LayoutKC, GroupTestLooksPastTheFirstEntry) {
+  // x is the first header field after h: for these entries the 2 bytes AB CD = 0xCDAB, so the
+  // first entry "ends" far out and only a long section counts; with x = 0 it is h + 4.
+  Bytes one = Group(kSigKC, {Entry(0, "A", "1")});
+  std::vector<unsigned char> b = one.vec();
+  EXPECT_FALSE(KCSectionHoldsMoreThanFirstEntry(b));
+  b[57] = b[58] = 0;
+  EXPECT_TRUE(KCSectionHoldsMoreThanFirstEntry(b));  // 16 > 11 + 0 + 4
+  b[57] = 1;
+  EXPECT_FALSE(KCSectionHoldsMoreThanFirstEntry(b));  // 16 > 11 + 1 + 4 fails
+  EXPECT_FALSE(KCSectionHoldsMoreThanFirstEntry(std::span(b).first(58)));
+}
+
 TEST(LayoutKC, SingleVariableFile) {
   const Bytes e = Entry(0x24, "N", "abc");
   Bytes want;
