@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 
 #include "platform/fs.h"
 
@@ -79,16 +78,5 @@ std::time_t GetFileTime(const std::string& path) {
   if (::stat(fs::ToNative(path).c_str(), &st) != 0) return -1;
   return st.st_mtime;
 }
-
-std::string DateTimeComment(const SYSTEMTIME& st) {
-  const unsigned hour12 = st.wHour % 12 == 0 ? 12u : st.wHour % 12u;
-  char text[64];
-  std::snprintf(text, sizeof text, "%u/%u/%u, %u:%02u:%02u %s", unsigned{st.wMonth},
-                unsigned{st.wDay}, unsigned{st.wYear}, hour12, unsigned{st.wMinute},
-                unsigned{st.wSecond}, st.wHour < 12 ? "AM" : "PM");
-  return text;
-}
-
-std::string LocalDateTimeComment() { return DateTimeComment(LocalNow()); }
 
 }  // namespace qx::timeutil

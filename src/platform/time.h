@@ -40,12 +40,5 @@ bool SetFileTime(const std::string& path, std::time_t modified);
 // A file's modification time; -1 when there is no such file.
 std::time_t GetFileTime(const std::string& path);
 
-// The date and time text of group comments: the local date and time in the US English default
-// formats "M/d/yyyy" and "h:mm:ss tt", joined by ", ".
-//   2026-11-22 20:41:03 => "11/22/2026, 8:41:03 PM"    2026-01-05 00:07:09 => "1/5/2026, 12:07:09 AM"
-std::string DateTimeComment(const SYSTEMTIME& st);
-// DateTimeComment of the local time now.
-std::string LocalDateTimeComment();
-
 }  // namespace timeutil
 }  // namespace qx

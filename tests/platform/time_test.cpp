@@ -55,21 +55,5 @@ TEST(Time, LocalTimeAndFileTimes) {
   EXPECT_EQ(GetFileTime(dir / "none"), -1);
 }
 
-TEST(Time, CommentText) {
-  const struct {
-    SYSTEMTIME st;
-    const char* text;
-  } rows[] = {
-      {{2026, 11, 0, 22, 20, 41, 3, 0}, "11/22/2026, 8:41:03 PM"},
-      {{2026, 1, 0, 5, 0, 7, 9, 0}, "1/5/2026, 12:07:09 AM"},  // midnight is 12 AM
-      {{2026, 7, 0, 4, 12, 0, 0, 0}, "7/4/2026, 12:00:00 PM"},  // noon is 12 PM
-      {{1999, 12, 0, 31, 11, 59, 59, 0}, "12/31/1999, 11:59:59 AM"},
-  };
-  for (const auto& r : rows) {
-    SCOPED_TRACE(r.text);
-    EXPECT_EQ(DateTimeComment(r.st), r.text);
-  }
-}
-
 }  // namespace
 }  // namespace qx::timeutil
