@@ -296,8 +296,9 @@ bool ConvertCharset(std::string_view from, std::string_view to, std::string_view
   if (!toUtf8.ok() || !fromUtf8.ok()) return false;
   std::string utf8;
   if (!toUtf8.Run(in, utf8)) return false;
+  // The question mark in the target's own encoding (two bytes in UTF-16, say).
   std::string question;
-  if (!fromUtf8.Run("?", question)) question = "?";
+  if (!fromUtf8.Run("?", question)) question.assign(1, '?');
   std::string result;
   if (!fromUtf8.Run(utf8, result, &question)) return false;
   out = std::move(result);
