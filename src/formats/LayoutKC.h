@@ -7,6 +7,12 @@
 //
 // As for the MA-style layout, two views of a file held in memory: WalkKCGroup for listing,
 // finding and extracting, and KCGroup for adding and deleting, written once.
+//
+//   KCGroup g;
+//   if (!KCGroup::Parse(groupBytes, g)) ...
+//   if (auto entries = KCFileEntries(fileBytes)) g.AppendEntries(*entries);
+//   g.RemoveEntriesIf(familySignature, [&](const KCEntryView& e) { return ...; });
+//   std::vector<unsigned char> out = g.Serialize();
 #pragma once
 
 #include <array>

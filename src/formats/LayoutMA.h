@@ -10,6 +10,13 @@
 // - WalkMAGroup: the members as listing, finding and extraction see them, tolerant of damage
 //   (a read past the end ends the walk; the members before it stand).
 // - MAGroup: a parsed table for adding and deleting; mutated in memory and written once.
+//
+//   MAGroup g;
+//   if (!MAGroup::Parse(groupBytes, g)) ...           // refused: damaged or not a group
+//   MASingleFile f;  ParseMASingleFile(fileBytes, f);
+//   g.InsertFirst(i, {f.fields, {f.data.begin(), f.data.end()}});   // or AppendFolder(name, ...)
+//   g.RemoveMembersIf([&](const MAFolder& f, const MAVariable& m) { return ...; });
+//   std::vector<unsigned char> out;  g.Serialize(out);   // then one write through a TempFile
 #pragma once
 
 #include <array>
