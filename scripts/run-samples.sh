@@ -6,5 +6,15 @@ scripts/setup.sh
 cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build build
 qx=build/qxgroup
-echo "\$ qxgroup info samples/*"
-"$qx" info samples/*
+out=$(mktemp -d)
+trap 'rm -rf "$out"' EXIT
+
+show() {
+  echo
+  echo "\$ qxgroup $*"
+  "$qx" "$@" || echo "(exit status $?)"
+}
+show info samples/*
+show flash samples/Hello.kdk -C "$out"
+show call ExpandFlashFile samples/Hello.kdk "$out"
+show call IsGroup samples/prog1.map
