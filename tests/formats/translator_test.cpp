@@ -1,15 +1,13 @@
 #include "formats/NameTranslator.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cctype>
-#include <cstdlib>
-#include <filesystem>
 #include <set>
 
 #include "platform/activation.h"
 #include "platform/registry.h"
+#include "support/ScopedRegistry.h"
 
 namespace qx {
 namespace {
@@ -18,18 +16,7 @@ namespace {
 // running the tests does not answer instead of the built-in one.
 class Translator : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qx-translator-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    ::setenv("QXGROUPMGR_REGISTRY", (dir_ + "/registry.reg").c_str(), 1);
-  }
-  void TearDown() override {
-    ::unsetenv("QXGROUPMGR_REGISTRY");
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
-  std::string dir_;
+  test::ScopedRegistry registry_;
 };
 
 // Turns "%XX" back into the byte, as a user of the file names would.
@@ -165,7 +152,7 @@ TEST_F(Translator, RegisteredTranslatorIsUsedInsteadOfTheBuiltin) {
   // rather than silently naming members differently from the registered one.
   ASSERT_EQ(registry::RegSetValue("CLSID\\" + GuidToString(CLSID_DeviceNameTranslator) +
                                       "\\InprocServer32",
-                                  "", dir_ + "/missing-translator.so"),
+                                  "", registry_.dir() / "missing-translator.so"),
             registry::kErrorSuccess);
   HRESULT status = S_OK;
   EXPECT_EQ(DeviceNameTranslator::Create(&status), nullptr);

@@ -1,16 +1,15 @@
 #include "platform/activation.h"
 
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 
 #include "platform/codepage.h"
 #include "platform/com.h"
 #include "platform/registry.h"
+#include "support/ScopedRegistry.h"
 
 namespace qx {
 namespace {
@@ -56,23 +55,13 @@ class Probe final : public IUnknown {
 
 class Activation : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qx-activation-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    ::setenv("QXGROUPMGR_REGISTRY", (dir_ + "/registry.reg").c_str(), 1);
-    RegisterBuiltinClass(kProbeClsid, &Probe::Create, "QX.Probe");
-  }
-  void TearDown() override {
-    ::unsetenv("QXGROUPMGR_REGISTRY");
-    std::error_code ec;
-    std::filesystem::remove_all(dir_, ec);
-  }
+  void SetUp() override { RegisterBuiltinClass(kProbeClsid, &Probe::Create, "QX.Probe"); }
   static void Register(const CLSID& clsid, const std::string& module) {
     ASSERT_EQ(registry::RegSetValue("CLSID\\" + GuidToString(clsid) + "\\InprocServer32", "", module),
               registry::kErrorSuccess);
   }
-  std::string dir_;
+  test::ScopedRegistry registry_;
+  const std::string dir_ = registry_.dir().path();
 };
 
 #define REQUIRE_MODULE()                                                        \

@@ -8,6 +8,8 @@
 #include <fstream>
 #include <sstream>
 
+#include "support/ScopedRegistry.h"
+
 namespace qx::registry {
 namespace {
 
@@ -17,18 +19,6 @@ namespace stdfs = std::filesystem;
 // the first write also has to create a folder).
 class RegistryStore : public ::testing::Test {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/qx-registry-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    file_ = dir_ + "/conf/registry.reg";
-    ::setenv("QXGROUPMGR_REGISTRY", file_.c_str(), 1);
-  }
-  void TearDown() override {
-    ::unsetenv("QXGROUPMGR_REGISTRY");
-    std::error_code ec;
-    stdfs::remove_all(dir_, ec);
-  }
   std::string ReadFile() const {
     std::ifstream in(file_, std::ios::binary);
     std::ostringstream s;
@@ -40,7 +30,8 @@ class RegistryStore : public ::testing::Test {
     std::ofstream(file_, std::ios::binary | std::ios::trunc) << text;
   }
 
-  std::string dir_, file_;
+  test::ScopedRegistry registry_{"conf/registry.reg"};
+  const std::string dir_ = registry_.dir().path(), file_ = registry_.file();
 };
 
 TEST(RegistryTree, KeyPathsAreCheckedAndComparedWithoutCase) {
