@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 
 #include "frame/FileManager.h"
@@ -10,6 +8,7 @@
 #include "platform/codepage.h"
 #include "platform/ui.h"
 #include "resources/Resources.h"
+#include "support/TempDir.h"
 
 namespace qx::test {
 namespace {
@@ -175,37 +174,29 @@ TEST_F(FileManagerTest, ReadContentsJoinsNames) {
 }
 
 TEST_F(FileManagerTest, CreateGrpFileNotifiesUpdateForAnExistingFile) {
-  const std::filesystem::path existing =
-      std::filesystem::temp_directory_path() / "qx-frame-existing.grp";
-  std::ofstream(existing) << "old";
-  const Bstr group(codepage::Utf8ToWide(existing.string())), files(u"a");
+  TempDir dir;
+  const Bstr group(codepage::Utf8ToWide(dir.Write("existing.grp", "old"))), files(u"a");
   ASSERT_EQ(fm->CreateGrpFile(group.get(), files.get()), S_OK);
   ASSERT_EQ(shellEvents.events.size(), 1u);
   EXPECT_EQ(shellEvents.events[0].eventId, shell::SHCNE_UPDATEDIR);
-  std::filesystem::remove(existing);
 }
 
 // The container class CreateGrpFile picks: the extension first, then the first sorted file's
 // family; anything else is a zip-based group.
 TEST_F(FileManagerTest, CreateGrpFileChoosesContainerKind) {
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-kinds";
-  std::filesystem::create_directories(dir);
-  auto write = [&](const char* name, std::string_view bytes) {
-    std::ofstream(dir / name, std::ios::binary).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return (dir / name).string();
-  };
+  TempDir dir;
   using namespace std::string_view_literals;
-  const std::string ma = write("a.map", "**QXMA**\x01\x00 rest of file"sv);
-  const std::string kc = write("z.kdp", "**QXKC**\x1A\x0A\x00 rest of file"sv);
-  const std::string flash = write("f.app", "**QXFL**\x01\x00 rest"sv);
-  const std::string text = write("t.txt", "plain text"sv);
+  const std::string ma = dir.Write("a.map", "**QXMA**\x01\x00 rest of file"sv);
+  const std::string kc = dir.Write("z.kdp", "**QXKC**\x1A\x0A\x00 rest of file"sv);
+  const std::string flash = dir.Write("f.app", "**QXFL**\x01\x00 rest"sv);
+  const std::string text = dir.Write("t.txt", "plain text"sv);
 
   struct Case {
     std::string group;
     std::string files;
     ContainerKind expected;
   };
-  const std::string d = dir.string() + "/";
+  const std::string d = dir.path() + "/";
   const std::vector<Case> cases = {
       {d + "g.grp", kc + "," + ma, ContainerKind::OldMA},  // a.map sorts first
       {d + "g.qxg", kc + "," + ma, ContainerKind::Zip},
@@ -225,7 +216,6 @@ TEST_F(FileManagerTest, CreateGrpFileChoosesContainerKind) {
     ASSERT_EQ(script.createdKinds.size(), 1u);
     EXPECT_EQ(script.createdKinds[0], c.expected);
   }
-  std::filesystem::remove_all(dir);
 }
 
 TEST_F(FileManagerTest, AddPromptWithoutOwnerWindow) {
@@ -264,16 +254,15 @@ TEST_F(FileManagerTest, AddPromptWithoutOwnerWindow) {
 }
 
 TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-refused";
-  std::filesystem::create_directories(dir);
-  std::ofstream(dir / "app.fla", std::ios::binary) << "**QXFL**" << '\x01' << "data";
-  std::ofstream(dir / "prog.kdp", std::ios::binary) << "**QXKC**\x1A\x0A" << '\0' << "data";
+  TempDir dir;
+  using namespace std::string_view_literals;
+  const std::string app = dir.Write("app.fla", "**QXFL**\x01" "data"sv);
+  const std::string prog = dir.Write("prog.kdp", "**QXKC**\x1A\x0A\0data"sv);
 
   auto host = std::make_shared<ui::FixedAnswerHost>(ui::IDOK);
   HWND owner = ui::BindOwnerWindow(host);
   ASSERT_EQ(fm->put_ShowUI(owner), S_OK);
-  script.prompts = {{(dir / "app.fla").string(), PromptRefused},
-                    {(dir / "prog.kdp").string(), PromptRefused}};
+  script.prompts = {{app, PromptRefused}, {prog, PromptRefused}};
   const Bstr group(u"g"), files(u"f");
   EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), 2);
   ASSERT_EQ(host->Messages().size(), 2u);
@@ -288,20 +277,18 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), 2);
   EXPECT_EQ(host->Messages().size(), 2u);
   ui::ReleaseOwnerWindow(owner);
-  std::filesystem::remove_all(dir);
 }
 
 // With the real factory: no file that is not a group gets a container, whatever the method.
 TEST(FileManagerFilesTest, NonGroupsFailEveryContainerCall) {
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-nongroups";
-  std::filesystem::create_directories(dir);
-  std::ofstream(dir / "t.txt") << "plain text";
-  std::ofstream(dir / "f.app", std::ios::binary) << "**QXFL**" << '\x01' << "data";
+  TempDir dir;
+  dir.Write("t.txt", "plain text");
+  dir.Write("f.app", "**QXFL**\x01" "data");
   IGroupManager2* fm = nullptr;
   ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
   for (const std::string name : {"missing.grp", "t.txt", "f.app"}) {
     SCOPED_TRACE(name);
-    const Bstr group(codepage::Utf8ToWide((dir / name).string())), arg(u"x"), d(u"");
+    const Bstr group(codepage::Utf8ToWide(dir / name)), arg(u"x"), d(u"");
     BSTR out = nullptr;
     EXPECT_EQ(fm->ExpandGrpFile(group.get(), d.get()), E_FAIL);
     EXPECT_EQ(fm->GetFile(group.get(), arg.get(), d.get()), E_FAIL);
@@ -316,13 +303,11 @@ TEST(FileManagerFilesTest, NonGroupsFailEveryContainerCall) {
     EXPECT_EQ(value, 0);
   }
   fm->Release();
-  std::filesystem::remove_all(dir);
 }
 
 TEST(FileManagerFilesTest, ExpandFlashFileReportsWhatItWrote) {
-  const std::filesystem::path dir = std::filesystem::temp_directory_path() / "qx-frame-flash";
-  std::filesystem::remove_all(dir);
-  std::filesystem::create_directories(dir / "out");
+  TempDir dir;
+  std::filesystem::create_directory(dir / "out");
   // Two application records for the KDX family, named One and Two, with 3 data bytes each.
   std::string flash;
   for (const std::string name : {"One", "Two"}) {
@@ -335,24 +320,23 @@ TEST(FileManagerFilesTest, ExpandFlashFileReportsWhatItWrote) {
     header[0x4A] = 3;
     flash += header + "abc";
   }
-  std::ofstream(dir / "two.fla", std::ios::binary) << flash;
+  dir.Write("two.fla", flash);
 
   IGroupManager2* fm = nullptr;
   ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IGroupManager2, reinterpret_cast<void**>(&fm)), S_OK);
-  const std::string out = (dir / "out").string();
-  const Bstr file(codepage::Utf8ToWide((dir / "two.fla").string())), dest(codepage::Utf8ToWide(out));
+  const std::string out = dir / "out";
+  const Bstr file(codepage::Utf8ToWide(dir / "two.fla")), dest(codepage::Utf8ToWide(out));
   Bstr list(u"released by the call");
   ASSERT_EQ(fm->ExpandFlashFile(file.get(), dest.get(), list.address()), S_OK);
   EXPECT_EQ(codepage::WideToUtf8(list.view()), out + "/One.kdk," + out + "/Two.kdk,");
-  EXPECT_TRUE(std::filesystem::exists(dir / "out" / "Two.kdk"));
+  EXPECT_TRUE(std::filesystem::exists(out + "/Two.kdk"));
 
   // A file that cannot be opened leaves the list alone.
-  const Bstr missing(codepage::Utf8ToWide((dir / "missing.fla").string()));
+  const Bstr missing(codepage::Utf8ToWide(dir / "missing.fla"));
   BSTR before = list.get();
   EXPECT_EQ(fm->ExpandFlashFile(missing.get(), dest.get(), list.address()), QX_E_OPEN_FAILED);
   EXPECT_EQ(list.get(), before);
   fm->Release();
-  std::filesystem::remove_all(dir);
 }
 
 }  // namespace
