@@ -48,12 +48,6 @@ TEST(XmlSearch, BreadthFirstOrder) {
   EXPECT_FALSE(doc.FindTag(nullptr, "b "));
 }
 
-TEST(XmlSearch, GrandchildBeforeEarlierGreatGrandchild) {
-  VxXml doc;
-  ASSERT_TRUE(doc.LoadXml("<r><a><b><t>deep</t></b></a><c><t>shallow</t></c></r>"));
-  EXPECT_EQ(ContentOf(*doc.FindTag(nullptr, "t")), "shallow");
-}
-
 TEST(XmlSearch, WildcardPatterns) {
   struct Row {
     const char* pattern;
