@@ -1,12 +1,12 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 
 #include "frame/FileManager.h"
 #include "frame/FrameFixtures.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
+#include "support/TempDir.h"
 
 namespace qx::test {
 namespace {
@@ -37,19 +37,15 @@ TEST(SplitListTest, CutsAndSortsBytewise) {
   }
 }
 
+// <base>/data/grp.qxg exists, so path splitting finds where the file system ends.
 class GroupPathTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    root = std::filesystem::temp_directory_path() / "qx-frame-paths";
-    std::filesystem::remove_all(root);
-    std::filesystem::create_directories(root / "data");
-    std::ofstream(root / "data" / "grp.qxg") << "PK";
-    base = root.string();
+    std::filesystem::create_directory(root / "data");
+    root.Write("data/grp.qxg", "PK");
   }
-  void TearDown() override { std::filesystem::remove_all(root); }
-
-  std::filesystem::path root;
-  std::string base;
+  TempDir root;
+  const std::string base = root.path();
 };
 
 TEST_F(GroupPathTest, SplitGroupPathCutsWhereTheFileSystemEnds) {
