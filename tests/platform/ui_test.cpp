@@ -57,24 +57,15 @@ class AnswerDialog {
       SetWindowTextA(GetDlgItem(dlg, kTextId), self->text_.c_str());
       return 1;
     }
-    if (msg != WM_COMMAND) return 0;
-    if (GetWindowLongPtrA(dlg, DWLP_USER) == 0) return 0;
-    switch (LOWORD(wParam)) {
-      case 3:
-        EndDialog(dlg, 1);
-        return 1;
-      case 4:
-        EndDialog(dlg, 2);
-        return 1;
-      case 5:
-        EndDialog(dlg, 3);
-        return 1;
-      case 2:
-        EndDialog(dlg, 4);
-        return 1;
-      default:
-        return 0;
+    if (msg != WM_COMMAND || GetWindowLongPtrA(dlg, DWLP_USER) == 0) return 0;
+    // Replace, Replace All, Skip and Cancel end the dialog with 1 to 4.
+    const unsigned buttons[] = {3, 4, 5, 2};
+    for (intptr_t answer = 1; answer <= 4; ++answer) {
+      if (LOWORD(wParam) != buttons[answer - 1]) continue;
+      EndDialog(dlg, answer);
+      return 1;
     }
+    return 0;
   }
   std::string text_;
 };

@@ -23,22 +23,13 @@ intptr_t DuplicateProc(ui::DialogHandle dlg, unsigned msg, uintptr_t wParam, int
     return 1;
   }
   if (msg != ui::WM_COMMAND) return 0;
-  switch (ui::LOWORD(wParam)) {
-    case IDC_REPLACE:
-      ui::EndDialog(dlg, 1);
-      return 1;
-    case IDC_REPLACE_ALL:
-      ui::EndDialog(dlg, 2);
-      return 1;
-    case IDC_SKIP:
-      ui::EndDialog(dlg, 3);
-      return 1;
-    case IDC_CANCEL:
-      ui::EndDialog(dlg, 4);
-      return 1;
-    default:
-      return 0;
+  const unsigned buttons[] = {IDC_REPLACE, IDC_REPLACE_ALL, IDC_SKIP, IDC_CANCEL};  // answers 1 to 4
+  for (intptr_t answer = 1; answer <= 4; ++answer) {
+    if (ui::LOWORD(wParam) != buttons[answer - 1]) continue;
+    ui::EndDialog(dlg, answer);
+    return 1;
   }
+  return 0;
 }
 
 TEST(TerminalPrompt, DISABLED_TerminalPromptDriver) {
