@@ -9,24 +9,24 @@
 namespace qx::test {
 namespace {
 
-VARIANT Str(BSTR s) {
+VARIANT Var(VARTYPE vt) {
   VARIANT v;
   VariantInit(&v);
-  v.vt = VT_BSTR;
+  v.vt = vt;
+  return v;
+}
+VARIANT Str(BSTR s) {
+  VARIANT v = Var(VT_BSTR);
   v.bstrVal = s;
   return v;
 }
 VARIANT I4(LONG n) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_I4;
+  VARIANT v = Var(VT_I4);
   v.lVal = n;
   return v;
 }
 VARIANT StrRef(BSTR* p) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = VT_BYREF | VT_BSTR;
+  VARIANT v = Var(VT_BYREF | VT_BSTR);
   v.pbstrVal = p;
   return v;
 }
@@ -84,9 +84,7 @@ TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
 TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
   Bstr other(u"x");
   BSTR out = nullptr;
-  VARIANT dbl;
-  VariantInit(&dbl);
-  dbl.vt = VT_R8;
+  const VARIANT dbl = Var(VT_R8);
   struct Case {
     const char* name;
     const char16_t* member;
@@ -133,9 +131,7 @@ TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
 }
 
 TEST_F(DispatchTest, NamedArgumentsOnlyForPropertyPut) {
-  VARIANT handle;
-  VariantInit(&handle);
-  handle.vt = VT_I8;
+  VARIANT handle = Var(VT_I8);
   handle.llVal = 0x1234;
   DISPID named = DISPID_PROPERTYPUT;
   DISPPARAMS put{&handle, &named, 1, 1};
@@ -158,21 +154,13 @@ TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
   Bstr a(u"b,a");
   BSTR byRef = a.get();
   VARIANT refArg = StrRef(&byRef);
-  VARIANT empty;
-  VariantInit(&empty);
-  VARIANT nullVar;
-  VariantInit(&nullVar);
-  nullVar.vt = VT_NULL;
-  VARIANT shortInt;
-  VariantInit(&shortInt);
-  shortInt.vt = VT_I2;
+  VARIANT shortInt = Var(VT_I2);
   shortInt.iVal = -3;
   Bstr number(u" 42 ");
 
   ASSERT_EQ(Call(u"DeleteFiles", {Str(group.get()), refArg}), S_OK);
-  ASSERT_EQ(Call(u"AddFiles", {Str(group.get()), empty, nullVar}), S_OK);
-  VARIANT result;
-  VariantInit(&result);
+  ASSERT_EQ(Call(u"AddFiles", {Str(group.get()), Var(VT_EMPTY), Var(VT_NULL)}), S_OK);
+  VARIANT result = Var(VT_EMPTY);
   ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), shortInt, Str(nullptr)}, &result), S_OK);
   VariantClear(&result);
   ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), Str(number.get()), Str(nullptr)}, &result),
@@ -191,11 +179,8 @@ TEST_F(DispatchTest, ResultsComeBack) {
   EXPECT_EQ(list.view(), u"A,B");
 
   // [out] string through a by-reference variant that holds nothing yet.
-  VARIANT holder;
-  VariantInit(&holder);
-  VARIANT refVar;
-  VariantInit(&refVar);
-  refVar.vt = VT_BYREF | VT_VARIANT;
+  VARIANT holder = Var(VT_EMPTY);
+  VARIANT refVar = Var(VT_BYREF | VT_VARIANT);
   refVar.pvarVal = &holder;
   ASSERT_EQ(Call(u"ReadContents", {Str(group.get()), refVar}), S_OK);
   EXPECT_EQ(holder.vt, VT_BSTR);
@@ -203,8 +188,7 @@ TEST_F(DispatchTest, ResultsComeBack) {
 
   // [out, retval] string; METHOD|PROPERTYGET as automation clients send it.
   script.xml = "<grp/>";
-  VARIANT result;
-  VariantInit(&result);
+  VARIANT result = Var(VT_EMPTY);
   ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), I4(1), Str(nullptr)}, &result,
                  DISPATCH_METHOD | DISPATCH_PROPERTYGET),
             S_OK);
