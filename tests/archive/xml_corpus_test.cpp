@@ -1,24 +1,16 @@
 // Real IMS manifests written by other tools: parsed, searched breadth-first, serialised.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
 #include <string>
 
 #include "archive/VxXml.h"
+#include "support/TempDir.h"
 
 namespace qx {
 namespace {
 
 std::string CorpusFile(const char* name) {
   return std::string(QX_CORPUS_DIR "/ims/") + name;
-}
-
-std::string Raw(const char* name) {
-  std::ifstream in(CorpusFile(name), std::ios::binary);
-  std::stringstream s;
-  s << in.rdbuf();
-  return s.str();
 }
 
 size_t Occurrences(const std::string& text, const std::string& what) {
@@ -58,7 +50,7 @@ TEST(XmlCorpus, ManifestsParseAndEveryElementIsFound) {
     SCOPED_TRACE(row.file);
     VxXml doc;
     ASSERT_TRUE(doc.LoadXmlFile(CorpusFile(row.file).c_str()));
-    std::string raw = Raw(row.file);
+    std::string raw = test::ReadFileBytes(CorpusFile(row.file));
     size_t expected = Occurrences(raw, std::string("<") + row.tag + ">") +
                       Occurrences(raw, std::string("<") + row.tag + " ") +
                       Occurrences(raw, std::string("<") + row.tag + "\n") +

@@ -6,7 +6,6 @@
 
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "support/ScopedRegistry.h"
 
@@ -19,12 +18,7 @@ namespace stdfs = std::filesystem;
 // the first write also has to create a folder).
 class RegistryStore : public ::testing::Test {
  protected:
-  std::string ReadFile() const {
-    std::ifstream in(file_, std::ios::binary);
-    std::ostringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
+  std::string ReadFile() const { return test::ReadFileBytes(file_); }
   void WriteFile(const std::string& text) const {
     stdfs::create_directories(dir_ + "/conf");
     std::ofstream(file_, std::ios::binary | std::ios::trunc) << text;

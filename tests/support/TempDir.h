@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <sstream>
 #include <string>
 #include <string_view>
 
@@ -40,5 +41,12 @@ class TempDir {
  private:
   std::string path_;
 };
+
+// The whole file as bytes; empty when it cannot be read.
+inline std::string ReadFileBytes(const std::string& path) {
+  std::ostringstream s;
+  s << std::ifstream(path, std::ios::binary).rdbuf();
+  return s.str();
+}
 
 }  // namespace qx::test
