@@ -4,22 +4,18 @@
 #include <string>
 
 #include "archive/VxXml.h"
+#include "archive/XmlHelpers.h"
 
 namespace qx {
 namespace {
 
-std::string DataFile(const char* name) { return std::string(QX_TEST_DATA_DIR "/xml/") + name; }
+using test::Str;
 
-std::string Str(const VxString& s) {
-  return std::string(s.GetString(), static_cast<size_t>(s.GetLength()));
-}
+std::string DataFile(const char* name) { return std::string(QX_TEST_DATA_DIR "/xml/") + name; }
 
 std::string ContentOf(const VxXml& doc, const char* tag) {
   auto e = doc.FindTag(nullptr, tag);
-  if (!e) return "<missing>";
-  VxString s;
-  e->GetContent(s);
-  return Str(s);
+  return e ? test::Content(*e) : "<missing>";
 }
 
 TEST(XmlEncoding, FilesAreReadInTheirCharacterSet) {

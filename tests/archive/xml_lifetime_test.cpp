@@ -5,21 +5,13 @@
 #include <string>
 
 #include "archive/VxXml.h"
+#include "archive/XmlHelpers.h"
 
 namespace qx {
 namespace {
 
-std::string Xml(const VxXml& x) {
-  VxString s;
-  x.GetXml(s);
-  return s.GetString();
-}
-
-std::string Tag(const VxXml& x) {
-  VxString s;
-  x.GetTag(s);
-  return s.GetString();
-}
+using test::Tag;
+using test::Xml;
 
 TEST(XmlLifetime, HandlesKeepTheirDocumentInAnyOrder) {
   std::unique_ptr<VxXml> leaf;

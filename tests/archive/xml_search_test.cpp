@@ -7,22 +7,19 @@
 #include <vector>
 
 #include "archive/VxXml.h"
+#include "archive/XmlHelpers.h"
 
 namespace qx {
 namespace {
 
-std::string ContentOf(const VxXml& x) {
-  VxString s;
-  x.GetContent(s);
-  return s.GetString();
-}
+using test::Content;
 
 // Contents of every match, walking with `after` from the start.
 std::vector<std::string> AllMatches(const VxXml& scope, const char* tag) {
   std::vector<std::string> found;
   std::unique_ptr<VxXml> cursor = scope.FindTag(nullptr, tag);
   while (cursor) {
-    found.push_back(ContentOf(*cursor));
+    found.push_back(Content(*cursor));
     cursor = scope.FindTag(cursor.get(), tag);
   }
   return found;
@@ -37,7 +34,7 @@ TEST(XmlSearch, BreadthFirstOrder) {
   ASSERT_TRUE(c);
   EXPECT_EQ(AllMatches(*c, "x"), (std::vector<std::string>{"2b", "3b"}));
   // The element itself is the first candidate.
-  EXPECT_EQ(ContentOf(*doc.FindTag(nullptr, "x")), "0");
+  EXPECT_EQ(Content(*doc.FindTag(nullptr, "x")), "0");
   // An "after" element outside the scope leaves nothing to find.
   auto one = doc.FindTag(doc.FindTag(nullptr, "x").get(), "x");
   EXPECT_FALSE(c->FindTag(one.get(), "x"));
@@ -92,7 +89,7 @@ TEST(XmlSearch, AttributeSearchTriesEveryPairOfThatName) {
   EXPECT_EQ(v.Compare("a"), 0);  // matched through its second pair
   auto second = doc.FindTagWithAttribute(first.get(), "d", "name", "unit1");
   ASSERT_TRUE(second);
-  EXPECT_EQ(ContentOf(*second), "2");
+  EXPECT_EQ(Content(*second), "2");
   EXPECT_FALSE(doc.FindTagWithAttribute(second.get(), "d", "name", "unit1"));
 }
 

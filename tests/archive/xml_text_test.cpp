@@ -4,21 +4,13 @@
 #include <string>
 
 #include "archive/VxXml.h"
+#include "archive/XmlHelpers.h"
 
 namespace qx {
 namespace {
 
-std::string Xml(const VxXml& x) {
-  VxString s;
-  EXPECT_TRUE(x.GetXml(s));
-  return std::string(s.GetString(), static_cast<size_t>(s.GetLength()));
-}
-
-std::string Content(const VxXml& x) {
-  VxString s;
-  EXPECT_TRUE(x.GetContent(s));
-  return std::string(s.GetString(), static_cast<size_t>(s.GetLength()));
-}
+using test::Content;
+using test::Xml;
 
 struct RoundTrip {
   const char* name;
