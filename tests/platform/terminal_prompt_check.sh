@@ -28,23 +28,17 @@ sock="qxprompt$$"
 failures=0
 trap 'tmux -L "$sock" kill-server 2>/dev/null; rm -rf "$work"' EXIT INT TERM
 
-# Waits up to 5 s for a file to exist.
-wait_file() {
+# Runs a check until it holds, for up to 5 s.
+wait_until() {
   i=0
-  while [ ! -e "$1" ] && [ $i -lt 50 ]; do sleep 0.1; i=$((i + 1)); done
-  [ -e "$1" ]
-}
-
-# Waits up to 5 s for text on the session's screen.
-wait_screen() {
-  i=0
-  while [ $i -lt 50 ]; do
-    if tmux -L "$sock" capture-pane -p -t "$1" 2>/dev/null | grep -qF -- "$2"; then return 0; fi
+  until "$@"; do
+    [ $i -ge 50 ] && return 1
     sleep 0.1
     i=$((i + 1))
   done
-  return 1
 }
+
+screen_shows() { tmux -L "$sock" capture-pane -p -t "$1" 2>/dev/null | grep -qF -- "$2"; }
 
 fail() {
   echo "FAIL $1: $2"
@@ -65,7 +59,7 @@ run_case() {
      --gtest_filter='*TerminalPromptDriver*' >'$dir/out' 2>&1; stty -a >'$dir/stty'; \
      touch '$dir/done'; sleep 60"
   if [ "$mode" = message ]; then marker="<OK>"; else marker="Cancel"; fi
-  if ! wait_screen "$session" "$marker"; then
+  if ! wait_until screen_shows "$session" "$marker"; then
     tmux -L "$sock" capture-pane -p -t "$session" >"$dir/screen" 2>/dev/null
     fail "$name" "prompt did not appear" "$dir/screen"
     tmux -L "$sock" kill-session -t "$session" 2>/dev/null
@@ -78,7 +72,7 @@ run_case() {
     # shellcheck disable=SC2086
     tmux -L "$sock" send-keys -t "$session" $keys
   fi
-  if ! wait_file "$dir/done"; then
+  if ! wait_until [ -e "$dir/done" ]; then
     fail "$name" "no answer after the keys" "$dir/screen"
     tmux -L "$sock" kill-session -t "$session" 2>/dev/null
     return
