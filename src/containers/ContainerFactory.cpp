@@ -1,5 +1,7 @@
 #include "containers/ContainerFactory.h"
 
+#include "containers/OldGroupContainerKC.h"
+#include "containers/OldGroupContainerMA.h"
 #include "formats/DeviceFamily.h"
 
 namespace qx {
@@ -33,12 +35,10 @@ std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std
                                                    ContainerFactory* factory) {
   // One line per container class once it is built, e.g.
   //   case ContainerKind::Zip: return std::make_unique<ZipGroupContainer>(path, factory);
-  (void)path;
-  (void)factory;
   switch (kind) {
+    case ContainerKind::OldKC: return std::make_unique<OldGroupContainerKC>(path, factory);
+    case ContainerKind::OldMA: return std::make_unique<OldGroupContainerMA>(path, factory);
     case ContainerKind::Zip:
-    case ContainerKind::OldKC:
-    case ContainerKind::OldMA:
     case ContainerKind::None:
       return nullptr;
   }

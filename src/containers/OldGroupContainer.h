@@ -1,0 +1,92 @@
+// What the two old-style group containers share: reading the group once per operation, the
+// member lookups built on a listing, creating a group, and the adding loop with its prompt
+// state and the checks made before a file goes in.
+//
+// A change (add, delete) reads the group once into the class's in-memory model, applies every
+// file or name of the call there and writes the result once, through a temporary file beside the
+// group that is renamed over it. A call that fails before anything changed leaves the group as
+// it was; files added before a refused one stay added, as they would after one write per file.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "containers/GroupContainer.h"
+
+namespace qx {
+
+// Case-insensitive equality in the 1252 code page (letters of both cases, accented ones too).
+bool EqualsNoCase1252(std::string_view a, std::string_view b);
+// Lower case in the 1252 code page.
+std::string ToLower1252(std::string_view text);
+
+class OldGroupContainer : public GroupContainer {
+ public:
+  OldGroupContainer(std::string path, ContainerFactory* factory);
+
+  int32_t SetPath(const std::string& path) override;
+  int32_t AddMembers(const StringList& files, const std::string& destFolder,
+                     int32_t* promptState, AddPromptFn prompt, void* context) override;
+  int32_t DeleteMembers(const StringList& names) override;
+  int32_t ExtractMember(const std::string& name, const std::string& destFolder) override;
+  int32_t CreateWithMembers(const StringList& files, const std::string& destFolder) override;
+  int32_t ExtractAllMembers(const std::string& destFolder) override;
+  int32_t ContainsMember(const std::string& name) override;
+  // The index-th member, counting from 0.
+  int32_t GetMemberName(int32_t index, std::string& name) override;
+  int32_t GetMemberCount() override;
+  int32_t ListMembers(StringList& names) override;
+  int32_t WriteContentsXml(std::string& xml, int32_t includeMetaInfo,
+                           std::string subGroupPattern) override;
+
+  // The family signature the container works with.
+  const std::string& Family() const { return family_; }
+
+ protected:
+  // The members as the cursor meets them, read from the group's bytes.
+  struct Listing {
+    std::vector<unsigned char> file;
+    size_t count = 0;               // members the cursor reaches
+    StringList names;               // names of the first members, in order
+    std::vector<uint32_t> sizes;    // their sizes, as the contents listing reports them
+    bool namesComplete = true;      // false when a name could not be read (names stop there)
+  };
+
+  // Reads the group file and lists it. False when the file cannot be read.
+  bool ReadListing(Listing& out);
+  virtual void ListBytes(Listing& out) const = 0;
+  // Writes the index-th member as a single-variable file.
+  virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
+  // The bytes of a new empty group of the family, with the comment given.
+  virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
+
+  // ---- Changing the group in memory ----------------------------------------------------------
+  // Parses the group file into the model; false when it cannot be read or is refused.
+  virtual bool BeginEdit() = 0;
+  virtual int32_t EditMemberCount() const = 0;
+  virtual bool EditContains(const std::string& name) const = 0;
+  // Deletes in the model with the rules of DeleteMembers; false (model unchanged) on refusal.
+  virtual bool EditDelete(const StringList& names) = 0;
+  // Runs the checks for one file and inserts what it holds; the per-file result.
+  virtual int32_t EditAddFile(const std::string& file, const std::string& destFolder,
+                              int32_t& state, AddPromptFn prompt, void* context) = 0;
+  // The model's bytes; false when they would not fit the layout's fields.
+  virtual bool SerializeEdit(std::vector<unsigned char>& out) const = 0;
+
+  enum class AddCheck { Insert, Skip, Refuse };
+  // The checks shared by both layouts for a variable of family `fileFamily` named `memberName`:
+  // a refused family prompts and refuses; a duplicate asks (or replaces without a prompt) and
+  // deletes the old member from the model when it is to be replaced.
+  AddCheck CheckBeforeAdding(const std::string& filePath, std::string_view fileFamily,
+                             const std::string& memberName, int32_t& state, AddPromptFn prompt,
+                             void* context);
+  // Writes bytes in place of the group through a temporary file beside it.
+  bool CommitBytes(const std::vector<unsigned char>& bytes);
+
+  std::string family_;
+  bool editChanged_ = false;  // the model differs from the file
+};
+
+}  // namespace qx

@@ -1,0 +1,116 @@
+#include "containers/OldGroupContainerKC.h"
+
+#include "formats/DeviceFamily.h"
+#include "formats/GroupKind.h"
+#include "formats/MemberNames.h"
+#include "platform/fs.h"
+
+namespace qx {
+
+namespace {
+
+bool TakesKCGroups(std::string_view family) {
+  return family == kSigKA || family == kSigKB || family == kSigKC || family == kSigKDX ||
+         family == kSigKF || family == kSigHWL;
+}
+
+}  // namespace
+
+OldGroupContainerKC::OldGroupContainerKC(std::string path, ContainerFactory* factory)
+    : OldGroupContainer(std::move(path), factory) {}
+
+int32_t OldGroupContainerKC::IsValid() {
+  if (!TakesKCGroups(family_)) return 0;
+  std::vector<unsigned char> file;
+  if (!fs::ReadWholeFile(path_, file)) return 0;
+  if (KCSectionHoldsMoreThanFirstEntry(file)) return 1;
+  return HasKCGroupExtension(path_) ? 1 : 0;
+}
+
+void OldGroupContainerKC::ListBytes(Listing& out) const {
+  const KCWalk walk = WalkKCGroup(out.file, family_);
+  out.count = walk.entries.size();
+  for (const KCEntryView& e : walk.entries) {
+    out.names.push_back(MemberFileNameKC(e.name, e.type, family_));
+    out.sizes.push_back(static_cast<uint16_t>(e.Size()));
+  }
+}
+
+bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index,
+                                      const std::string& outPath) {
+  const KCWalk walk = WalkKCGroup(listing.file, family_);
+  if (index >= walk.entries.size()) return false;
+  const auto entry = KCEntryBytes(listing.file, walk.entries[index]);
+  if (!entry) return false;
+  const std::vector<unsigned char> bytes = BuildKCSingleFile(family_, *entry);
+  fs::File out = fs::File::CreateWrite(outPath);
+  return out.IsOpen() && out.Write(bytes.data(), bytes.size()) && out.Close();
+}
+
+std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string& comment) const {
+  return KCGroup::NewEmpty(family_, comment).Serialize();
+}
+
+// ---- Changing --------------------------------------------------------------------------------
+
+bool OldGroupContainerKC::BeginEdit() {
+  std::vector<unsigned char> file;
+  if (!fs::ReadWholeFile(path_, file)) return false;
+  edit_ = KCGroup{};
+  return static_cast<bool>(KCGroup::Parse(file, edit_));
+}
+
+int32_t OldGroupContainerKC::EditMemberCount() const {
+  const size_t n = edit_.Entries(family_).size();
+  return n == 0 ? -1 : static_cast<int32_t>(n);
+}
+
+bool OldGroupContainerKC::EditContains(const std::string& name) const {
+  for (const KCEntryView& e : edit_.Entries(family_))
+    if (EqualsNoCase1252(MemberFileNameKC(e.name, e.type, family_), name)) return true;
+  return false;
+}
+
+bool OldGroupContainerKC::EditDelete(const StringList& names) {
+  // A group is never emptied by deleting; names that match nothing are ignored.
+  if (static_cast<int64_t>(names.size()) >= EditMemberCount()) return false;
+  const auto dropped = edit_.RemoveEntriesIf(family_, [&](const KCEntryView& e) {
+    const std::string member = MemberFileNameKC(e.name, e.type, family_);
+    for (const std::string& n : names)
+      if (EqualsNoCase1252(member, n)) return true;
+    return false;
+  });
+  return dropped.has_value();
+}
+
+int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::string&,
+                                         int32_t& state, AddPromptFn prompt, void* context) {
+  const std::string fileFamily = DetectFileSignature(file);
+  std::vector<unsigned char> bytes;
+  const bool readable = fs::ReadWholeFile(file, bytes);
+  // The first member's name; empty for a file without one, and the checks go on.
+  std::string name;
+  if (readable) {
+    const KCWalk walk = WalkKCGroup(bytes, fileFamily);
+    if (!walk.entries.empty())
+      name = MemberFileNameKC(walk.entries.front().name, walk.entries.front().type, fileFamily);
+  }
+  switch (CheckBeforeAdding(file, fileFamily, name, state, prompt, context)) {
+    case AddCheck::Refuse: return 0;
+    case AddCheck::Skip: return 1;
+    case AddCheck::Insert: break;
+  }
+  if (!readable) return 0;
+  const auto entries = KCFileEntries(bytes);
+  if (!entries) return 0;
+  edit_.AppendEntries(*entries);
+  editChanged_ = true;
+  return 1;
+}
+
+bool OldGroupContainerKC::SerializeEdit(std::vector<unsigned char>& out) const {
+  out = edit_.Serialize();
+  return true;
+}
+
+}  // namespace qx

@@ -1,0 +1,45 @@
+// Old-style groups of the MA, NA, NBX and ra families: variables in named folders, their names
+// made file-name safe by the device name translator.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include "containers/OldGroupContainer.h"
+#include "formats/LayoutMA.h"
+#include "formats/NameTranslator.h"
+
+namespace qx {
+
+class OldGroupContainerMA final : public OldGroupContainer {
+ public:
+  // Activates the device name translator; without one, nothing that needs a member name works.
+  OldGroupContainerMA(std::string path, ContainerFactory* factory);
+  ~OldGroupContainerMA() override;
+
+  int32_t IsValid() override;
+
+ private:
+  void ListBytes(Listing& out) const override;
+  bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) override;
+  std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
+
+  bool BeginEdit() override;
+  int32_t EditMemberCount() const override;
+  bool EditContains(const std::string& name) const override;
+  bool EditDelete(const StringList& names) override;
+  int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
+                      AddPromptFn prompt, void* context) override;
+  bool SerializeEdit(std::vector<unsigned char>& out) const override;
+
+  // "folder.name.ext" for a variable of `family`; false when the translator gives no name.
+  bool MemberName(const NameField& folder, const MAEntryFields& fields, std::string_view family,
+                  std::string& out) const;
+  // Every member of the model has a type letter in the group's family (or the family has none).
+  bool ModelTypesHaveExtensions() const;
+
+  std::unique_ptr<DeviceNameTranslator> translator_;
+  MAGroup edit_;
+};
+
+}  // namespace qx

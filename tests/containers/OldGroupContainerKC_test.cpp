@@ -1,0 +1,286 @@
+// KC-style groups through their container. Expected files are assembled here from the field
+// layout (header, entries, checksum), not from the container's own output.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "containers/ContainerFactory.h"
+#include "containers/OldGroupContainerKC.h"
+#include "support/TempDir.h"
+
+namespace qx {
+namespace {
+
+using test::TempDir;
+
+std::string Le16(unsigned v) { return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8 & 0xFF)}; }
+
+std::string Padded(std::string_view text, size_t n) {
+  std::string s(text);
+  s.resize(n, '\0');
+  return s;
+}
+
+// One entry with h = 11: x (= d), type, name field, d, data.
+std::string Entry(uint8_t type, std::string_view name, std::string_view data) {
+  return Le16(11) + Le16(static_cast<unsigned>(data.size())) + std::string(1, static_cast<char>(type)) +
+         Padded(name, 8) + Le16(static_cast<unsigned>(data.size())) + std::string(data);
+}
+
+unsigned Sum(std::string_view bytes) {
+  unsigned s = 0;
+  for (unsigned char c : bytes) s += c;
+  return s & 0xFFFF;
+}
+
+const std::string kKC = Padded("**QXKC**\x1A\x0A", 11);
+const std::string kKDX = Padded("**QXKDX*\x1A\x0A", 11);
+
+std::string KCFile(const std::string& sig, std::string_view comment, std::string_view section) {
+  return sig + Padded(comment, 42) + Le16(static_cast<unsigned>(section.size())) +
+         std::string(section) + Le16(Sum(section));
+}
+
+std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
+
+struct Prompts {
+  std::vector<PromptReason> asked;
+  PromptResult answer = PromptSkip;
+  static PromptResult Ask(const std::string&, PromptReason r, GroupContainer*, void* ctx) {
+    auto* self = static_cast<Prompts*>(ctx);
+    self->asked.push_back(r);
+    return self->answer;
+  }
+};
+
+class KCGroupTest : public ::testing::Test {
+ protected:
+  // A group of three programs A, B, C named g.kcg.
+  std::string ThreeMemberGroup() {
+    return dir_.Write("g.kcg", KCFile(kKC, "c", Entry(5, "A", "aa") + Entry(5, "B", "bbb") +
+                                                  Entry(5, "C", "c")));
+  }
+  TempDir dir_;
+};
+
+TEST_F(KCGroupTest, CreateWithOneFileWritesHeaderEntryAndChecksum) {
+  const std::string entry = Entry(5, "PROG", std::string("\x01\x02\x03\x04\x05", 5));
+  ASSERT_EQ(entry.size(), 20u);
+  const std::string single = dir_.Write("p.kcp", KCFile(kKC, "", entry));
+  const std::string group = dir_ / "new.kcg";
+  OldGroupContainerKC c(group, nullptr);
+  ASSERT_EQ(c.CreateWithMembers({single}, ""), 1);
+  const std::string bytes = Read(group);
+  ASSERT_EQ(bytes.size(), 77u);
+  EXPECT_EQ(bytes.substr(0, 11), kKC);
+  EXPECT_EQ(bytes.substr(11, 18).size(), 18u);
+  EXPECT_EQ(bytes[11 + 2], '/');  // "MM/DD/YY, hh:mm:ss"
+  EXPECT_EQ(bytes.substr(29, 24), std::string(24, '\0'));
+  EXPECT_EQ(bytes.substr(53, 2), Le16(20));
+  EXPECT_EQ(bytes.substr(55, 20), entry);
+  EXPECT_EQ(bytes.substr(75, 2), Le16(Sum(entry)));
+  StringList names;
+  EXPECT_EQ(c.ListMembers(names), 1);
+  EXPECT_EQ(names, StringList{"PROG.kcp"});
+}
+
+TEST_F(KCGroupTest, CreateWithoutFilesNeedsAKnownFamily) {
+  OldGroupContainerKC fresh(dir_ / "none.kcg", nullptr);
+  EXPECT_EQ(fresh.CreateWithMembers({}, ""), 0);
+  const std::string group = ThreeMemberGroup();
+  OldGroupContainerKC c(group, nullptr);
+  ASSERT_EQ(c.CreateWithMembers({}, ""), 1);
+  const std::string bytes = Read(group);
+  ASSERT_EQ(bytes.size(), 57u);
+  EXPECT_EQ(bytes.substr(53), std::string(4, '\0'));
+}
+
+TEST_F(KCGroupTest, AddingAGroupFileAddsAllItsVariablesInOneWrite) {
+  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "keep", Entry(5, "A", "aa") + Entry(5, "Z", "z")));
+  const std::string other = dir_.Write("o.kcg", KCFile(kKC, "", Entry(5, "X", "1") + Entry(5, "Y", "22") +
+                                                                 Entry(5, "W", "333")));
+  const std::string one = dir_.Write("v.kcp", KCFile(kKC, "", Entry(5, "V", "4")));
+  OldGroupContainerKC c(group, nullptr);
+  int32_t state = 0;
+  ASSERT_EQ(c.AddMembers({other, one}, "", &state, nullptr, nullptr), 1);
+  const std::string section = Entry(5, "A", "aa") + Entry(5, "Z", "z") + Entry(5, "X", "1") +
+                              Entry(5, "Y", "22") + Entry(5, "W", "333") + Entry(5, "V", "4");
+  EXPECT_EQ(Read(group), KCFile(kKC, "keep", section));
+  EXPECT_EQ(c.GetMemberCount(), 6);
+}
+
+TEST_F(KCGroupTest, RefusedFamiliesPromptAndLeaveTheGroup) {
+  const struct {
+    const char* name;
+    std::string sig;
+  } rows[] = {{"kdx into kc", kKDX}, {"kb into kc", Padded("**QXKB**\x1A\x0A", 11)},
+              {"ma into kc", Padded("**QXMA**\x01", 10)}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = ThreeMemberGroup();
+    const std::string before = Read(group);
+    const std::string file = dir_.Write("f.kcp", KCFile(row.sig, "", Entry(5, "Q", "q")));
+    const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", Entry(5, "K", "k")));
+    OldGroupContainerKC c(group, nullptr);
+    Prompts p;
+    p.answer = PromptReplace;
+    int32_t state = 0;
+    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &Prompts::Ask, &p), 0);
+    EXPECT_EQ(p.asked, std::vector<PromptReason>{PromptRefused});
+    EXPECT_EQ(Read(group), before);
+  }
+}
+
+TEST_F(KCGroupTest, FilesBeforeARefusedOneStayAdded) {
+  const std::string group = ThreeMemberGroup();
+  const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", Entry(5, "K", "k")));
+  const std::string bad = dir_.Write("bad.kdp", KCFile(kKDX, "", Entry(5, "Q", "q")));
+  OldGroupContainerKC c(group, nullptr);
+  int32_t state = 0;
+  EXPECT_EQ(c.AddMembers({ok, bad}, "", &state, nullptr, nullptr), 0);
+  EXPECT_EQ(c.ContainsMember("k.KCP"), 1);
+  EXPECT_EQ(c.GetMemberCount(), 4);
+}
+
+TEST_F(KCGroupTest, DuplicateAnswers) {
+  const struct {
+    const char* name;
+    PromptResult answer;
+    bool withPrompt;
+    std::string expectedSection;
+    int32_t expectedState;
+  } rows[] = {
+      {"skip, the next file still goes in", PromptSkip, true,
+       Entry(5, "A", "aa") + Entry(5, "B", "bbb") + Entry(5, "C", "c") + Entry(5, "N", "n"), 0},
+      {"cancel stops the list", PromptCancel, true,
+       Entry(5, "A", "aa") + Entry(5, "B", "bbb") + Entry(5, "C", "c"), PromptCancel},
+      {"replace", PromptReplace, true,
+       Entry(5, "A", "aa") + Entry(5, "C", "c") + Entry(5, "B", "new") + Entry(5, "N", "n"), 0},
+      {"no prompt replaces", PromptSkip, false,
+       Entry(5, "A", "aa") + Entry(5, "C", "c") + Entry(5, "B", "new") + Entry(5, "N", "n"), 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = ThreeMemberGroup();
+    const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", Entry(5, "B", "new")));
+    const std::string fresh = dir_.Write("n.kcp", KCFile(kKC, "", Entry(5, "N", "n")));
+    OldGroupContainerKC c(group, nullptr);
+    Prompts p;
+    p.answer = row.answer;
+    int32_t state = 0;
+    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &Prompts::Ask : nullptr, &p), 1);
+    EXPECT_EQ(Read(group), KCFile(kKC, "c", row.expectedSection));
+    EXPECT_EQ(state, row.expectedState);
+  }
+}
+
+TEST_F(KCGroupTest, Deleting) {
+  const struct {
+    const char* name;
+    StringList names;
+    int32_t result;
+    std::string section;  // empty: unchanged
+  } rows[] = {
+      {"unknown name ignored", {"nothere.kcp", "b.KCP"}, 1, Entry(5, "A", "aa") + Entry(5, "C", "c")},
+      {"two at once", {"A.kcp", "C.kcp"}, 1, Entry(5, "B", "bbb")},
+      {"all refused", {"A.kcp", "B.kcp", "C.kcp"}, 0, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = ThreeMemberGroup();
+    const std::string before = Read(group);
+    OldGroupContainerKC c(group, nullptr);
+    EXPECT_EQ(c.DeleteMembers(row.names), row.result);
+    EXPECT_EQ(Read(group), row.section.empty() ? before : KCFile(kKC, "c", row.section));
+  }
+}
+
+TEST_F(KCGroupTest, LargeSectionStoresZeroLengthAndReadsBack) {
+  const std::string big(65000, '\x07');
+  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "", Entry(5, "A", big)));
+  const std::string file = dir_.Write("b.kcp", KCFile(kKC, "", Entry(5, "B", std::string(1000, '\x09'))));
+  OldGroupContainerKC c(group, nullptr);
+  int32_t state = 0;
+  ASSERT_EQ(c.AddMembers({file}, "", &state, nullptr, nullptr), 1);
+  const std::string bytes = Read(group);
+  const size_t length = 2 * (15 + 0) + 65000 + 1000;
+  ASSERT_EQ(bytes.size(), 57 + length);
+  EXPECT_EQ(bytes.substr(53, 2), Le16(0));
+  EXPECT_EQ(bytes.substr(bytes.size() - 2), Le16(Sum(bytes.substr(55, length))));
+  StringList names;
+  EXPECT_EQ(c.ListMembers(names), 1);
+  EXPECT_EQ(names, (StringList{"A.kcp", "B.kcp"}));
+}
+
+TEST_F(KCGroupTest, ValidityByContentsOrExtension) {
+  const std::string one = KCFile(kKC, "", Entry(5, "A", "aa"));
+  const struct {
+    const char* file;
+    std::string bytes;
+    int32_t valid;
+  } rows[] = {
+      {"one.kcg", one, 1},
+      {"one.KCG", one, 1},
+      {"one.kcp", one, 0},
+      {"two.kcp", KCFile(kKC, "", Entry(5, "A", "aa") + Entry(5, "B", "b")), 1},
+      {"short.kcg", kKC.substr(0, 9), 0},
+      {"ma.kcg", Padded("**QXMA**\x01", 10) + std::string(60, '\0'), 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.file);
+    OldGroupContainerKC c(dir_.Write(row.file, row.bytes), nullptr);
+    EXPECT_EQ(c.IsValid(), row.valid);
+  }
+}
+
+TEST_F(KCGroupTest, FactoryPicksTheKCClass) {
+  ContainerFactory factory;
+  EXPECT_NE(factory.CreateContainer(ThreeMemberGroup()), nullptr);
+  EXPECT_EQ(factory.CreateContainer(dir_.Write("x.kcp", KCFile(kKC, "", Entry(5, "A", "a")))), nullptr);
+}
+
+TEST_F(KCGroupTest, ExtractWritesASingleVariableFile) {
+  const std::string group = ThreeMemberGroup();
+  OldGroupContainerKC c(group, nullptr);
+  const std::string out = dir_.path() + "/";
+  ASSERT_EQ(c.ExtractMember("b.kcp", out), 1);
+  EXPECT_EQ(Read(out + "B.kcp"), KCFile(kKC, "", Entry(5, "B", "bbb")));
+  EXPECT_EQ(c.ExtractMember("nothere.kcp", out), 0);
+  EXPECT_EQ(c.ExtractMember("b.kcp", out + "missing/"), 0);
+  ASSERT_EQ(c.ExtractAllMembers(out), 1);
+  EXPECT_EQ(Read(out + "C.kcp"), KCFile(kKC, "", Entry(5, "C", "c")));
+}
+
+TEST_F(KCGroupTest, ContentsListingOfAKdxList) {
+  // KDX headers are 13 bytes: two more after the name field.
+  const std::string data(14, 'd');
+  const std::string entry = Le16(13) + Le16(14) + std::string(1, '\x01') + Padded("\x5D\x00", 8) +
+                            std::string(2, '\0') + Le16(14) + data;
+  const std::string group = dir_.Write("set.kdg", KCFile(kKDX, "", entry));
+  OldGroupContainerKC c(group, nullptr);
+  std::string xml;
+  ASSERT_EQ(c.WriteContentsXml(xml, 1, "*"), 1);
+  EXPECT_NE(xml.find("<group name=\"set.kdg\">"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<file Size=\"31\">L1.kdl</file>"), std::string::npos) << xml;
+}
+
+TEST_F(KCGroupTest, DamagedGroupsNeverReadPastTheirBytes) {
+  const std::string whole = KCFile(kKC, "", Entry(5, "A", "aaaa") + Entry(5, "B", "bb"));
+  for (size_t cut : {size_t{10}, size_t{54}, size_t{56}, size_t{60}, size_t{72}, whole.size() - 3}) {
+    SCOPED_TRACE(cut);
+    const std::string group = dir_.Write("cut.kcg", whole.substr(0, cut));
+    OldGroupContainerKC c(group, nullptr);
+    StringList names;
+    c.ListMembers(names);
+    c.ExtractAllMembers(dir_.path() + "/");
+    const std::string file = dir_.Write("n.kcp", KCFile(kKC, "", Entry(5, "N", "n")));
+    int32_t state = 0;
+    if (c.AddMembers({file}, "", &state, nullptr, nullptr) == 0) {
+      EXPECT_EQ(Read(group), whole.substr(0, cut));
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qx

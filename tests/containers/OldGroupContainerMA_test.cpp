@@ -1,0 +1,339 @@
+// MA-style groups through their container. Expected files are assembled here from the field
+// layout (header, 16-byte entries, file size, marker, data), not from the container's output.
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "containers/ContainerFactory.h"
+#include "containers/OldGroupContainerMA.h"
+#include "support/ScopedRegistry.h"
+#include "support/TempDir.h"
+
+namespace qx {
+namespace {
+
+std::string Le16(unsigned v) { return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8 & 0xFF)}; }
+std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+std::string Padded(std::string_view text, size_t n) {
+  std::string s(text);
+  s.resize(n, '\0');
+  return s;
+}
+
+const std::string kMA = "**QXMA**\x01";
+const std::string kNBX = "**QXNBX*\x01";
+const std::string kNA = "**QXNA**\x01";
+const std::string kGroupMarker = "\x5A\xA5";
+const std::string kSingleMarker = "\xA5\x5A";
+
+struct Var {
+  std::string name;
+  uint8_t type;
+  std::string data;
+};
+struct Folder {
+  std::string name;
+  std::vector<Var> members;
+};
+
+std::string VarEntry(uint32_t offset, const Var& v) {
+  return Le32(offset) + Padded(v.name, 8) + std::string(1, static_cast<char>(v.type)) + std::string(3, '\0');
+}
+
+// A group file: every folder entry points at its first member's data, or at what follows.
+std::string MAGroupFile(const std::string& sig, const std::vector<Folder>& folders,
+                        const std::string& comment = "", const std::string& marker = kGroupMarker) {
+  size_t count = 0;
+  for (const Folder& f : folders) count += 1 + f.members.size();
+  uint32_t offset = static_cast<uint32_t>(66 + 16 * count);
+  std::string table, data;
+  for (const Folder& f : folders) {
+    table += Le32(offset) + Padded(f.name, 8) + "\x1F" + std::string(1, '\0') +
+             Le16(static_cast<unsigned>(f.members.size()));
+    for (const Var& v : f.members) {
+      table += VarEntry(offset, v);
+      offset += static_cast<uint32_t>(v.data.size());
+      data += v.data;
+    }
+  }
+  return Padded(sig, 10) + std::string(8, '\0') + Padded(comment, 40) +
+         Le16(static_cast<unsigned>(count)) + table + Le32(offset) + marker + data;
+}
+
+std::string MASingleFile(const std::string& sig, const std::string& folder, const Var& v) {
+  return Padded(sig, 10) + Padded(folder, 8) + std::string(40, '\0') + Le16(1) + VarEntry(0x52, v) +
+         Le32(static_cast<uint32_t>(0x52 + v.data.size())) + kSingleMarker + v.data;
+}
+
+std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
+
+struct Prompts {
+  std::vector<PromptReason> asked;
+  PromptResult answer = PromptSkip;
+  static PromptResult Ask(const std::string&, PromptReason r, GroupContainer*, void* ctx) {
+    auto* self = static_cast<Prompts*>(ctx);
+    self->asked.push_back(r);
+    return self->answer;
+  }
+};
+
+class MAGroupTest : public ::testing::Test {
+ protected:
+  std::string Group(const std::vector<Folder>& folders, const std::string& name = "g.mag") {
+    return dir_.Write(name, MAGroupFile(kMA, folders, "c"));
+  }
+  std::string Single(const std::string& file, const std::string& folder, const Var& v,
+                     const std::string& sig = kMA) {
+    return dir_.Write(file, MASingleFile(sig, folder, v));
+  }
+  size_t FilesInDir() const {
+    size_t n = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir_.path())) ++n;
+    return n;
+  }
+  test::ScopedRegistry registry_;
+  const test::TempDir& dir_ = registry_.dir();
+};
+
+const Var kA{"A", 0x12, "aaaa"};
+const Var kB{"B", 0x12, "bb"};
+const Var kC{"C", 0x0C, "ccc"};
+
+TEST_F(MAGroupTest, NewEmptyGroupIs0x52Bytes) {
+  const std::string group = Group({{"main", {kA}}});
+  OldGroupContainerMA c(group, nullptr);
+  ASSERT_EQ(c.CreateWithMembers({}, ""), 1);
+  const std::string bytes = Read(group);
+  ASSERT_EQ(bytes.size(), 0x52u);
+  EXPECT_EQ(bytes.substr(0, 18), Padded(kMA, 10) + std::string(8, '\0'));
+  EXPECT_EQ(bytes.substr(18 + 18), std::string(22, '\0') + Le16(1) + Le32(0x52) + Padded("main", 8) +
+                                       "\x1F" + std::string(3, '\0') + Le32(0x52) + kGroupMarker);
+  EXPECT_EQ(c.GetMemberCount(), -1);
+}
+
+TEST_F(MAGroupTest, OneVariableGroupIs0x68Bytes) {
+  const std::string file = Single("v.map", "main", {"V", 0x12, "123456"});
+  const std::string group = dir_ / "new.mag";
+  OldGroupContainerMA c(group, nullptr);
+  ASSERT_EQ(c.CreateWithMembers({file}, ""), 1);
+  const std::string bytes = Read(group);
+  ASSERT_EQ(bytes.size(), 0x68u);
+  EXPECT_EQ(bytes.substr(58, 2), Le16(2));
+  EXPECT_EQ(bytes.substr(60, 4), Le32(0x62));
+  EXPECT_EQ(bytes.substr(74, 2), Le16(1));
+  EXPECT_EQ(bytes.substr(76, 4), Le32(0x62));
+  EXPECT_EQ(bytes.substr(0x5C, 4), Le32(0x68));
+  EXPECT_EQ(bytes.substr(0x60, 2), kGroupMarker);
+  EXPECT_EQ(bytes.substr(0x62), "123456");
+}
+
+TEST_F(MAGroupTest, EachNewMemberGoesFirstInItsFolder) {
+  const std::string a = Single("a.map", "main", {"a", 0x12, "A"});
+  const std::string b = Single("b.map", "main", {"b", 0x12, "BB"});
+  const std::string group = dir_ / "new.mag";
+  OldGroupContainerMA c(group, nullptr);
+  ASSERT_EQ(c.CreateWithMembers({a, b}, ""), 1);
+  StringList names;
+  ASSERT_EQ(c.ListMembers(names), 1);
+  EXPECT_EQ(names, (StringList{"main.b.map", "main.a.map"}));
+  const std::string bytes = Read(group);
+  EXPECT_EQ(bytes.substr(18 + 40), MAGroupFile(kMA, {{"main", {{"b", 0x12, "BB"}, {"a", 0x12, "A"}}}}).substr(58));
+}
+
+TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
+  const struct {
+    const char* name;
+    std::string fileFolder;
+    std::string destFolder;
+    std::vector<Folder> expected;
+  } rows[] = {
+      {"first in an existing folder", "MAIN", "", {{"main", {kC, kA}}, {"x", {kB}}}},
+      {"the file's folder names the target", "x", "", {{"main", {kA}}, {"x", {kC, kB}}}},
+      {"new folder goes last", "new", "", {{"main", {kA}}, {"x", {kB}}, {"new", {kC}}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = Group({{"main", {kA}}, {"x", {kB}}});
+    const std::string file = Single("c.mas", row.fileFolder, kC);
+    OldGroupContainerMA c(group, nullptr);
+    int32_t state = 0;
+    ASSERT_EQ(c.AddMembers({file}, row.destFolder, &state, nullptr, nullptr), 1);
+    EXPECT_EQ(Read(group), MAGroupFile(kMA, row.expected, "c"));
+  }
+}
+
+TEST_F(MAGroupTest, NewFolderGrowsEarlierOffsetsBy32) {
+  const std::string group = Group({{"main", {kA}}});
+  const std::string before = Read(group);
+  OldGroupContainerMA c(group, nullptr);
+  int32_t state = 0;
+  ASSERT_EQ(c.AddMembers({Single("c.mas", "other", kC)}, "", &state, nullptr, nullptr), 1);
+  const std::string after = Read(group);
+  EXPECT_EQ(after.substr(60, 4), Le32(0x62 + 32));
+  EXPECT_EQ(after.substr(76, 4), Le32(0x62 + 32));
+  EXPECT_EQ(after.substr(58, 2), Le16(4));
+}
+
+TEST_F(MAGroupTest, Deleting) {
+  const std::vector<Folder> start = {{"main", {kA, kB}}, {"x", {kC}}, {"empty", {}}};
+  const struct {
+    const char* name;
+    StringList names;
+    int32_t result;
+    std::vector<Folder> expected;  // empty: unchanged
+  } rows[] = {
+      {"one of two", {"main.b.map"}, 1, {{"main", {kA}}, {"x", {kC}}, {"empty", {}}}},
+      {"a folder's last member takes the folder", {"x.c.mas"}, 1, {{"main", {kA, kB}}, {"empty", {}}}},
+      {"names in any case", {"MAIN.A.MAP"}, 1, {{"main", {kB}}, {"x", {kC}}, {"empty", {}}}},
+      {"unknown name refuses", {"main.a.map", "main.zz.map"}, 0, {}},
+      {"repeated name refuses", {"main.a.map", "main.a.map"}, 0, {}},
+      {"every member refuses", {"main.a.map", "main.b.map", "x.c.mas"}, 0, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = Group(start);
+    const std::string before = Read(group);
+    const size_t files = FilesInDir();
+    OldGroupContainerMA c(group, nullptr);
+    EXPECT_EQ(c.DeleteMembers(row.names), row.result);
+    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(kMA, row.expected, "c"));
+    EXPECT_EQ(FilesInDir(), files);  // no temporary file left behind
+  }
+}
+
+TEST_F(MAGroupTest, FamiliesAndDuplicates) {
+  const struct {
+    const char* name;
+    std::string fileSig;
+    Var var;
+    PromptResult answer;
+    int32_t result;
+    std::vector<PromptReason> asked;
+    std::vector<Folder> expected;  // empty: unchanged
+  } rows[] = {
+      {"nbx renamed to ma, duplicate", kNBX, {"A", 0x12, "new"}, PromptReplace, 1, {PromptDuplicate},
+       {{"main", {{"A", 0x12, "new"}, kB}}}},
+      {"nbx renamed, new name", kNBX, {"Q", 0x12, "q"}, PromptReplace, 1, {}, {{"main", {{"Q", 0x12, "q"}, kA, kB}}}},
+      {"na refused", kNA, {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
+      {"skip", kMA, {"a", 0x12, "new"}, PromptSkip, 1, {PromptDuplicate}, {}},
+      {"cancel", kMA, {"a", 0x12, "new"}, PromptCancel, 1, {PromptDuplicate}, {}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = Group({{"main", {kA, kB}}});
+    const std::string before = Read(group);
+    OldGroupContainerMA c(group, nullptr);
+    Prompts p;
+    p.answer = row.answer;
+    int32_t state = 0;
+    const std::string file = Single("f.nbp", "main", row.var, row.fileSig);
+    EXPECT_EQ(c.AddMembers({file}, "", &state, &Prompts::Ask, &p), row.result);
+    EXPECT_EQ(p.asked, row.asked);
+    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(kMA, row.expected, "c"));
+  }
+}
+
+TEST_F(MAGroupTest, AddingAGroupMergesMemberByMember) {
+  const std::string group = Group({{"main", {kA}}});
+  const std::string other = dir_.Write("o.mag", MAGroupFile(kMA, {{"main", {kB}}, {"x", {kC}}}));
+  OldGroupContainerMA c(group, nullptr);
+  int32_t state = 0;
+  ASSERT_EQ(c.AddMembers({other}, "", &state, nullptr, nullptr), 1);
+  EXPECT_EQ(Read(group), MAGroupFile(kMA, {{"main", {kB, kA}}, {"x", {kC}}}, "c"));
+}
+
+TEST_F(MAGroupTest, ContentsListingAndExtraction) {
+  const std::string group = Group({{"main", {{"P", 0x12, "0123456789"}}}, {"x", {kC}}});
+  OldGroupContainerMA c(group, nullptr);
+  std::string xml;
+  ASSERT_EQ(c.WriteContentsXml(xml, 0, ""), 1);
+  EXPECT_NE(xml.find("<group name=\"g.mag\">"), std::string::npos) << xml;
+  EXPECT_NE(xml.find("<file Size=\"10\">main.P.map</file>"), std::string::npos) << xml;
+  const std::string out = dir_.path() + "/";
+  ASSERT_EQ(c.ExtractMember("X.C.MAS", out), 1);
+  EXPECT_EQ(Read(out + "x.C.mas"), MASingleFile(kMA, "x", kC));
+  EXPECT_EQ(c.ContainsMember("main.p.MAP"), 1);
+  EXPECT_EQ(c.ContainsMember("main.p"), 0);
+  std::string name;
+  EXPECT_EQ(c.GetMemberName(1, name), 1);
+  EXPECT_EQ(name, "x.C.mas");
+  EXPECT_EQ(c.GetMemberName(2, name), 0);
+}
+
+TEST_F(MAGroupTest, TypeWithoutLetterListsBareAndRefusesChanges) {
+  const std::string group = Group({{"main", {{"Z", 0x05, "z"}, kA}}});
+  const std::string before = Read(group);
+  OldGroupContainerMA c(group, nullptr);
+  StringList names;
+  EXPECT_EQ(c.ListMembers(names), 1);
+  EXPECT_EQ(names, (StringList{"main.Z", "main.A.map"}));
+  EXPECT_EQ(c.DeleteMembers({"main.a.map"}), 0);
+  int32_t state = 0;
+  EXPECT_EQ(c.AddMembers({Single("b.map", "main", kB)}, "", &state, nullptr, nullptr), 0);
+  EXPECT_EQ(Read(group), before);
+}
+
+TEST_F(MAGroupTest, Validity) {
+  const struct {
+    const char* name;
+    std::string bytes;
+    int32_t valid;
+  } rows[] = {
+      {"group", MAGroupFile(kMA, {{"main", {kA}}}), 1},
+      {"nbx group", MAGroupFile(kNBX, {{"main", {kA}}}), 1},
+      {"single file", MASingleFile(kMA, "main", kA), 0},
+      {"hwl group", MAGroupFile("**QXHWL*", {{"main", {kA}}}), 0},
+      {"short", kMA, 0},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    OldGroupContainerMA c(dir_.Write("v.mag", row.bytes), nullptr);
+    EXPECT_EQ(c.IsValid(), row.valid);
+  }
+}
+
+// Damaged tables: reading never runs past the bytes, and a change is refused without touching
+// the file.
+TEST_F(MAGroupTest, DamagedGroupsFailCleanly) {
+  const std::string good = MAGroupFile(kMA, {{"main", {kA, kB}}});
+  std::string countPastEnd = good;
+  countPastEnd.replace(58, 2, Le16(900));
+  std::string offsetPastEnd = good;
+  offsetPastEnd.replace(60, 4, Le32(100000));
+  std::string folderOverrun = good;
+  folderOverrun.replace(74, 2, Le16(7));
+  std::string variableFirst = good;
+  variableFirst[72] = 0x12;
+  std::string sizePastEnd = good;
+  sizePastEnd.replace(60 + 48, 4, Le32(5000));
+  const struct {
+    const char* name;
+    std::string bytes;
+  } rows[] = {
+      {"truncated header", good.substr(0, 40)},   {"truncated table", good.substr(0, 80)},
+      {"truncated data", good.substr(0, good.size() - 3)}, {"count past end", countPastEnd},
+      {"offset past end", offsetPastEnd},         {"folder count overrun", folderOverrun},
+      {"table starts with a variable", variableFirst}, {"file size past end", sizePastEnd},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = dir_.Write("bad.mag", row.bytes);
+    OldGroupContainerMA c(group, nullptr);
+    StringList names;
+    c.ListMembers(names);
+    std::string xml;
+    c.WriteContentsXml(xml, 0, "");
+    c.ExtractAllMembers(dir_.path() + "/");
+    const int32_t deleted = c.DeleteMembers({"main.a.map"});
+    int32_t state = 0;
+    const int32_t added = c.AddMembers({Single("n.map", "main", kC)}, "", &state, nullptr, nullptr);
+    if (deleted == 0 && added == 0) {
+      EXPECT_EQ(Read(group), row.bytes);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace qx
