@@ -22,6 +22,12 @@ unsigned char Lower1252(unsigned char c) {
   }
 }
 
+// A member name becomes a file name inside the destination folder; one that would name a folder
+// or step out of it is not written.
+bool IsPlainFileName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
+}
+
 }  // namespace
 
 bool EqualsNoCase1252(std::string_view a, std::string_view b) {
@@ -104,7 +110,10 @@ int32_t OldGroupContainer::ExtractMember(const std::string& name, const std::str
   if (!ReadListing(listing)) return 0;
   for (size_t i = 0; i < listing.names.size(); ++i)
     if (EqualsNoCase1252(listing.names[i], name))
-      return WriteMember(listing, i, destFolder + listing.names[i]) ? 1 : 0;
+      return IsPlainFileName(listing.names[i]) &&
+                     WriteMember(listing, i, destFolder + listing.names[i])
+                 ? 1
+                 : 0;
   return 0;
 }
 
@@ -112,7 +121,9 @@ int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
   Listing listing;
   if (!ReadListing(listing) || listing.count == 0) return 0;
   for (size_t i = 0; i < listing.names.size(); ++i)
-    if (!WriteMember(listing, i, destFolder + listing.names[i])) return 0;
+    if (!IsPlainFileName(listing.names[i]) ||
+        !WriteMember(listing, i, destFolder + listing.names[i]))
+      return 0;
   return listing.namesComplete ? 1 : 0;
 }
 

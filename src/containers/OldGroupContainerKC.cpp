@@ -57,7 +57,15 @@ bool OldGroupContainerKC::BeginEdit() {
   std::vector<unsigned char> file;
   if (!fs::ReadWholeFile(path_, file)) return false;
   edit_ = KCGroup{};
-  return static_cast<bool>(KCGroup::Parse(file, edit_));
+  if (!KCGroup::Parse(file, edit_)) return false;
+  IndexModel();
+  return true;
+}
+
+void OldGroupContainerKC::IndexModel() {
+  names_.clear();
+  for (const KCEntryView& e : edit_.Entries(family_))
+    ++names_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))];
 }
 
 int32_t OldGroupContainerKC::EditMemberCount() const {
@@ -66,9 +74,8 @@ int32_t OldGroupContainerKC::EditMemberCount() const {
 }
 
 bool OldGroupContainerKC::EditContains(const std::string& name) const {
-  for (const KCEntryView& e : edit_.Entries(family_))
-    if (EqualsNoCase1252(MemberFileNameKC(e.name, e.type, family_), name)) return true;
-  return false;
+  const auto it = names_.find(ToLower1252(name));
+  return it != names_.end() && it->second > 0;
 }
 
 bool OldGroupContainerKC::EditDelete(const StringList& names) {
@@ -80,7 +87,9 @@ bool OldGroupContainerKC::EditDelete(const StringList& names) {
       if (EqualsNoCase1252(member, n)) return true;
     return false;
   });
-  return dropped.has_value();
+  if (!dropped) return false;
+  IndexModel();
+  return true;
 }
 
 int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::string&,
@@ -105,6 +114,11 @@ int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::str
   if (!entries) return 0;
   edit_.AppendEntries(*entries);
   editChanged_ = true;
+  // The appended entries, as the group will read them.
+  const KCWalk added = WalkKCGroup(bytes, family_);
+  for (const KCEntryView& e : added.entries)
+    if (e.offset - kKCDataOffset + e.Size() <= entries->size())
+      ++names_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))];
   return 1;
 }
 

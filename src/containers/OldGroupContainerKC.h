@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <unordered_map>
 
 #include "containers/OldGroupContainer.h"
 #include "formats/LayoutKC.h"
@@ -28,7 +29,11 @@ class OldGroupContainerKC final : public OldGroupContainer {
                       AddPromptFn prompt, void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
 
+  void IndexModel();
+
   KCGroup edit_;
+  // Lower-case member names of the model, so that duplicate checks stay cheap.
+  std::unordered_map<std::string, size_t> names_;
 };
 
 }  // namespace qx

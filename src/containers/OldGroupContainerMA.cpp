@@ -1,5 +1,6 @@
 #include "containers/OldGroupContainerMA.h"
 
+#include <optional>
 #include <unordered_map>
 
 #include "formats/DeviceFamily.h"
@@ -79,7 +80,26 @@ bool OldGroupContainerMA::BeginEdit() {
   std::vector<unsigned char> file;
   if (!fs::ReadWholeFile(path_, file)) return false;
   edit_ = MAGroup{};
-  return static_cast<bool>(MAGroup::Parse(file, edit_));
+  if (!MAGroup::Parse(file, edit_)) return false;
+  IndexModel();
+  return true;
+}
+
+void OldGroupContainerMA::IndexModel() {
+  names_.clear();
+  namesIndexed_ = true;
+  typesHaveExtensions_ = ModelTypesHaveExtensions();
+  for (const MAFolder& f : edit_.folders())
+    for (const MAVariable& v : f.members) IndexMember(f.name, v.fields);
+}
+
+void OldGroupContainerMA::IndexMember(const NameField& folder, const MAEntryFields& fields) {
+  std::string name;
+  if (!namesIndexed_ || !MemberName(folder, fields, family_, name)) {
+    namesIndexed_ = false;
+    return;
+  }
+  ++names_[ToLower1252(name)];
 }
 
 int32_t OldGroupContainerMA::EditMemberCount() const {
@@ -88,6 +108,10 @@ int32_t OldGroupContainerMA::EditMemberCount() const {
 }
 
 bool OldGroupContainerMA::EditContains(const std::string& name) const {
+  if (namesIndexed_) {
+    const auto it = names_.find(ToLower1252(name));
+    return it != names_.end() && it->second > 0;
+  }
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members) {
       std::string member;
@@ -97,18 +121,21 @@ bool OldGroupContainerMA::EditContains(const std::string& name) const {
   return false;
 }
 
+bool OldGroupContainerMA::HasExtension(uint8_t type) const {
+  return family_ == kSigHWL || TypeExtensionMA(type, family_).has_value();
+}
+
 bool OldGroupContainerMA::ModelTypesHaveExtensions() const {
-  if (family_ == kSigHWL) return true;
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members)
-      if (!TypeExtensionMA(v.fields.type, family_)) return false;
+      if (!HasExtension(v.fields.type)) return false;
   return true;
 }
 
 bool OldGroupContainerMA::EditDelete(const StringList& names) {
   // Unsigned, so a group without a first member does not fail here but below.
   if (names.size() >= static_cast<uint32_t>(EditMemberCount())) return false;
-  if (edit_.EntryCount() < 2 || !ModelTypesHaveExtensions()) return false;
+  if (edit_.EntryCount() < 2 || !typesHaveExtensions_) return false;
   std::unordered_map<std::string, size_t> wanted;
   for (const std::string& n : names) ++wanted[ToLower1252(n)];
   // Decide first, so that a refusal leaves the model as it was.
@@ -131,6 +158,7 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
   if (dropped != names.size()) return false;
   size_t i = 0;
   edit_.RemoveMembersIf([&](const MAFolder&, const MAVariable&) { return drop[i++]; });
+  IndexModel();
   return true;
 }
 
@@ -144,21 +172,24 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
 
   // A single-variable file gives one variable; a group file gives each of its members, each
   // to its own folder with its own duplicate check.
+  // The data is looked for only once the checks let the variable in, so a file that is not
+  // a variable at all (a flash file) is still refused with a prompt.
   struct Candidate {
-    NameField folder;
-    MAVariable variable;
+    const MAMemberView* member;
+    std::optional<MAVariable> variable;
   };
   std::vector<Candidate> candidates;
   if (MAIsGroup(bytes).value_or(false)) {
     for (const MAMemberView& m : walk.members) {
       const auto block = MABlock(bytes, m);
-      if (!block) return 0;
-      candidates.push_back({m.folder, {m.fields, {block->begin(), block->end()}}});
+      candidates.push_back({&m, std::nullopt});
+      if (block) candidates.back().variable = MAVariable{m.fields, {block->begin(), block->end()}};
     }
   } else {
     MASingleFile single;
-    if (!ParseMASingleFile(bytes, single)) return 0;
-    candidates.push_back({single.folder, {single.fields, {single.data.begin(), single.data.end()}}});
+    candidates.push_back({&walk.members.front(), std::nullopt});
+    if (ParseMASingleFile(bytes, single))
+      candidates.back().variable = MAVariable{single.fields, {single.data.begin(), single.data.end()}};
   }
 
   for (size_t c = 0; c < candidates.size(); ++c) {
@@ -168,7 +199,7 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
       if (state != PromptReplaceAll) state = 0;
     }
     std::string name;
-    if (!MemberName(cand.folder, cand.variable.fields, fileFamily, name)) return 0;
+    if (!MemberName(cand.member->folder, cand.member->fields, fileFamily, name)) return 0;
     std::string_view family = fileFamily;
     if (fileFamily != family_ && AreFamiliesCompatible(fileFamily, family_)) {
       family = family_;
@@ -179,21 +210,23 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
       case AddCheck::Skip: continue;
       case AddCheck::Insert: break;
     }
-    if (!ModelTypesHaveExtensions()) return 0;
+    if (!cand.variable) return 0;
+    if (!typesHaveExtensions_) return 0;
     std::string target = destFolder.empty() ? std::string("main") : destFolder;
-    if (cand.folder[0] != 0) target = NameFieldText(cand.folder);
+    if (cand.member->folder[0] != 0) target = NameFieldText(cand.member->folder);
     target = ToLower1252(target);
-    bool inserted = false;
-    bool found = false;
+    const MAEntryFields fields = cand.variable->fields;
     auto& folders = edit_.folders();
-    for (size_t i = 0; i < folders.size() && !found; ++i) {
-      if (ToLower1252(NameFieldText(folders[i].name)) != target) continue;
-      found = true;
-      inserted = edit_.InsertFirst(i, std::move(cand.variable));
-    }
-    if (!found) inserted = edit_.AppendFolder(MakeNameField(target), std::move(cand.variable));
+    size_t at = 0;
+    while (at < folders.size() && ToLower1252(NameFieldText(folders[at].name)) != target) ++at;
+    const NameField folderName = at < folders.size() ? folders[at].name : MakeNameField(target);
+    const bool inserted = at < folders.size()
+                              ? edit_.InsertFirst(at, std::move(*cand.variable))
+                              : edit_.AppendFolder(folderName, std::move(*cand.variable));
     if (!inserted) return 0;
     editChanged_ = true;
+    IndexMember(folderName, fields);
+    typesHaveExtensions_ = typesHaveExtensions_ && HasExtension(fields.type);
   }
   return 1;
 }

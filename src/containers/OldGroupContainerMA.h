@@ -4,6 +4,7 @@
 
 #include <memory>
 #include <string>
+#include <unordered_map>
 
 #include "containers/OldGroupContainer.h"
 #include "formats/LayoutMA.h"
@@ -37,9 +38,18 @@ class OldGroupContainerMA final : public OldGroupContainer {
                   std::string& out) const;
   // Every member of the model has a type letter in the group's family (or the family has none).
   bool ModelTypesHaveExtensions() const;
+  bool HasExtension(uint8_t type) const;
+  // Rebuilds the name index and the type check from the model.
+  void IndexModel();
+  void IndexMember(const NameField& folder, const MAEntryFields& fields);
 
   std::unique_ptr<DeviceNameTranslator> translator_;
   MAGroup edit_;
+  // Lower-case member names of the model, so that duplicate checks stay cheap as a call adds
+  // thousands of files. Not usable when a name could not be read.
+  std::unordered_map<std::string, size_t> names_;
+  bool namesIndexed_ = false;
+  bool typesHaveExtensions_ = true;
 };
 
 }  // namespace qx

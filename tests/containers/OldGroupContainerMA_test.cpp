@@ -217,6 +217,7 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
        {{"main", {{"A", 0x12, "new"}, kB}}}},
       {"nbx renamed, new name", kNBX, {"Q", 0x12, "q"}, PromptReplace, 1, {}, {{"main", {{"Q", 0x12, "q"}, kA, kB}}}},
       {"na refused", kNA, {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
+      {"flash refused", "**QXFL**", {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
       {"skip", kMA, {"a", 0x12, "new"}, PromptSkip, 1, {PromptDuplicate}, {}},
       {"cancel", kMA, {"a", 0x12, "new"}, PromptCancel, 1, {PromptDuplicate}, {}},
   };
