@@ -6,21 +6,19 @@
 #include <vector>
 
 #include "containers/ContainerFactory.h"
+#include "containers/OldGroupBytes.h"
 #include "containers/OldGroupContainerKC.h"
 #include "support/TempDir.h"
 
 namespace qx {
 namespace {
 
+using test::Le16;
+using test::Padded;
+
 using test::TempDir;
 
-std::string Le16(unsigned v) { return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8 & 0xFF)}; }
 
-std::string Padded(std::string_view text, size_t n) {
-  std::string s(text);
-  s.resize(n, '\0');
-  return s;
-}
 
 // One entry with h = 11: x (= d), type, name field, d, data.
 std::string Entry(uint8_t type, std::string_view name, std::string_view data) {
@@ -43,16 +41,6 @@ std::string KCFile(const std::string& sig, std::string_view comment, std::string
 }
 
 std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
-
-struct Prompts {
-  std::vector<PromptReason> asked;
-  PromptResult answer = PromptSkip;
-  static PromptResult Ask(const std::string&, PromptReason r, GroupContainer*, void* ctx) {
-    auto* self = static_cast<Prompts*>(ctx);
-    self->asked.push_back(r);
-    return self->answer;
-  }
-};
 
 class KCGroupTest : public ::testing::Test {
  protected:
@@ -123,10 +111,10 @@ TEST_F(KCGroupTest, RefusedFamiliesPromptAndLeaveTheGroup) {
     const std::string file = dir_.Write("f.kcp", KCFile(row.sig, "", Entry(5, "Q", "q")));
     const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", Entry(5, "K", "k")));
     OldGroupContainerKC c(group, nullptr);
-    Prompts p;
+    test::RecordingPrompt p;
     p.answer = PromptReplace;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &Prompts::Ask, &p), 0);
+    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &test::RecordingPrompt::Ask, &p), 0);
     EXPECT_EQ(p.asked, std::vector<PromptReason>{PromptRefused});
     EXPECT_EQ(Read(group), before);
   }
@@ -166,10 +154,10 @@ TEST_F(KCGroupTest, DuplicateAnswers) {
     const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", Entry(5, "B", "new")));
     const std::string fresh = dir_.Write("n.kcp", KCFile(kKC, "", Entry(5, "N", "n")));
     OldGroupContainerKC c(group, nullptr);
-    Prompts p;
+    test::RecordingPrompt p;
     p.answer = row.answer;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &Prompts::Ask : nullptr, &p), 1);
+    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &test::RecordingPrompt::Ask : nullptr, &p), 1);
     EXPECT_EQ(Read(group), KCFile(kKC, "c", row.expectedSection));
     EXPECT_EQ(state, row.expectedState);
   }

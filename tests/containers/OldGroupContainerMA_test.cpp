@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "containers/ContainerFactory.h"
+#include "containers/OldGroupBytes.h"
 #include "containers/OldGroupContainerMA.h"
 #include "support/ScopedRegistry.h"
 #include "support/TempDir.h"
@@ -14,13 +15,10 @@
 namespace qx {
 namespace {
 
-std::string Le16(unsigned v) { return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8 & 0xFF)}; }
-std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
-std::string Padded(std::string_view text, size_t n) {
-  std::string s(text);
-  s.resize(n, '\0');
-  return s;
-}
+using test::Le16;
+using test::Le32;
+using test::Padded;
+
 
 const std::string kMA = "**QXMA**\x01";
 const std::string kNBX = "**QXNBX*\x01";
@@ -68,16 +66,6 @@ std::string MASingleFile(const std::string& sig, const std::string& folder, cons
 }
 
 std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
-
-struct Prompts {
-  std::vector<PromptReason> asked;
-  PromptResult answer = PromptSkip;
-  static PromptResult Ask(const std::string&, PromptReason r, GroupContainer*, void* ctx) {
-    auto* self = static_cast<Prompts*>(ctx);
-    self->asked.push_back(r);
-    return self->answer;
-  }
-};
 
 class MAGroupTest : public ::testing::Test {
  protected:
@@ -164,18 +152,6 @@ TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
   }
 }
 
-TEST_F(MAGroupTest, NewFolderGrowsEarlierOffsetsBy32) {
-  const std::string group = Group({{"main", {kA}}});
-  const std::string before = Read(group);
-  OldGroupContainerMA c(group, nullptr);
-  int32_t state = 0;
-  ASSERT_EQ(c.AddMembers({Single("c.mas", "other", kC)}, "", &state, nullptr, nullptr), 1);
-  const std::string after = Read(group);
-  EXPECT_EQ(after.substr(60, 4), Le32(0x62 + 32));
-  EXPECT_EQ(after.substr(76, 4), Le32(0x62 + 32));
-  EXPECT_EQ(after.substr(58, 2), Le16(4));
-}
-
 TEST_F(MAGroupTest, Deleting) {
   const std::vector<Folder> start = {{"main", {kA, kB}}, {"x", {kC}}, {"empty", {}}};
   const struct {
@@ -226,11 +202,11 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
     const std::string group = Group({{"main", {kA, kB}}});
     const std::string before = Read(group);
     OldGroupContainerMA c(group, nullptr);
-    Prompts p;
+    test::RecordingPrompt p;
     p.answer = row.answer;
     int32_t state = 0;
     const std::string file = Single("f.nbp", "main", row.var, row.fileSig);
-    EXPECT_EQ(c.AddMembers({file}, "", &state, &Prompts::Ask, &p), row.result);
+    EXPECT_EQ(c.AddMembers({file}, "", &state, &test::RecordingPrompt::Ask, &p), row.result);
     EXPECT_EQ(p.asked, row.asked);
     EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(kMA, row.expected, "c"));
   }
