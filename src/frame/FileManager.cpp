@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "containers/DuplicateFileDialog.h"
 #include "formats/DeviceFamily.h"
 #include "formats/FlashFile.h"
 #include "frame/Module.h"
@@ -313,9 +314,11 @@ PromptResult FileManager::OnAddPrompt(const std::string& filePath, PromptReason 
     return PromptCancel;
   }
   // A duplicate without an owner window is replaced without a question.
-  // TODO(duplicate prompt): with an owner window, show the duplicate-file dialog for `fileName`
-  // and return its answer, setting filesSkipped_ for Skip and Cancel.
-  return PromptReplace;
+  if (owner_ == nullptr) return PromptReplace;
+  DuplicateFileDialog dialog(fileName);
+  const intptr_t answer = dialog.DoModal(owner_);
+  if (answer == PromptSkip || answer == PromptCancel) filesSkipped_ = 1;
+  return static_cast<PromptResult>(answer);
 }
 
 HRESULT FileManager::DeleteFiles(BSTR grpfile, BSTR indfiles) {

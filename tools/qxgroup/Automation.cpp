@@ -97,6 +97,49 @@ std::string WhyNotAGroup(const std::string& utf8Path) {
   return "a single-variable file, not a group";
 }
 
+OwnerWindow::OwnerWindow(IGroupManager2* fm, std::shared_ptr<ui::Host> host) : fm_(fm) {
+  if (host == nullptr) return;
+  window_ = ui::BindOwnerWindow(std::move(host));
+  fm_->put_ShowUI(window_);
+}
+
+OwnerWindow::~OwnerWindow() {
+  if (window_ == nullptr) return;
+  fm_->put_ShowUI(nullptr);
+  ui::ReleaseOwnerWindow(window_);
+}
+
+std::string WhyNotAddable(const std::string& utf8Group, const std::string& utf8File) {
+  const std::string groupSig = DetectFileSignature(codepage::Utf8ToAnsi(utf8Group));
+  const std::string fileSig = DetectFileSignature(codepage::Utf8ToAnsi(utf8File));
+  const ContainerKind kind = ContainerKindForSignature(groupSig);
+  if (kind == ContainerKind::None || groupSig == kSigZip) return {};
+  if (fileSig == kSigFlash) return "old-style groups cannot hold flash applications";
+  if (fileSig == kSigUnknown) return "not a calculator file";
+  if (AreFamiliesCompatible(groupSig, fileSig)) return {};
+  const FamilyInfo* groupFamily = FindFamilyBySignature(groupSig);
+  const FamilyInfo* fileFamily = FindFamilyBySignature(fileSig);
+  if (groupFamily == nullptr) return {};
+  const std::string fileWhat =
+      fileFamily != nullptr ? "a " + std::string(fileFamily->name) + "-family file"
+                            : "a file of an unknown device family";
+  return fileWhat + "; the group holds " + std::string(groupFamily->name) + "-family files";
+}
+
+intptr_t RecordingHost::RunModal(const ui::DialogTemplate& tmpl, ui::DialogState& state) {
+  const intptr_t result = inner_->RunModal(tmpl, state);
+  std::string text;
+  for (const ui::DialogControl& c : state.Controls())
+    if (c.kind == ui::DialogItem::Static) text += c.text;
+  answers_.push_back({std::move(text), state.Ended() ? state.Result() : result});
+  return result;
+}
+
+int RecordingHost::MessageBox(const std::string& text, const std::string& caption,
+                              unsigned type) {
+  return inner_->MessageBox(text, caption, type);
+}
+
 NotificationEcho::NotificationEcho(bool enabled) {
   if (!enabled) return;
   token_ = shell::AddObserver([](const shell::ChangeEvent& e) {

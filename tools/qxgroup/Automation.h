@@ -3,11 +3,13 @@
 // made on arguments before anything is touched.
 #pragma once
 
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "platform/com.h"
+#include "platform/ui.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
 namespace qx::cli {
@@ -38,6 +40,23 @@ class FileManagerSession {
   std::string error_;
 };
 
+// AddFiles' success status when it left files out.
+inline constexpr HRESULT kAddedWithFilesLeftOut = 2;
+
+// Gives the FileManager an owner window bound to `host` for as long as this lives; with a
+// null host it gives none, and the component asks nothing.
+class OwnerWindow {
+ public:
+  OwnerWindow(IGroupManager2* fm, std::shared_ptr<ui::Host> host);
+  ~OwnerWindow();
+  OwnerWindow(const OwnerWindow&) = delete;
+  OwnerWindow& operator=(const OwnerWindow&) = delete;
+
+ private:
+  IGroupManager2* fm_;
+  HWND window_ = nullptr;
+};
+
 // Command-line text (UTF-8) <-> automation strings.
 Bstr ToBstr(std::string_view utf8);
 std::string FromBstr(BSTR text);
@@ -64,6 +83,29 @@ std::string HexStatus(HRESULT hr);
 // "no such file", "is a folder", "unknown signature", "a single-variable file", ...
 // Empty when the file looks like a group this build can open.
 std::string WhyNotAGroup(const std::string& utf8Path);
+
+// Why `file` cannot go into `group` in words ("old-style groups cannot hold flash
+// applications", "a KC-family file; the group holds MA-family files"), or "" when nothing
+// about the two files stands in the way.
+std::string WhyNotAddable(const std::string& utf8Group, const std::string& utf8File);
+
+// Shows dialogs through another host and remembers, for each one, the text of its message and
+// the answer given, so that a command can say afterwards what the user chose.
+class RecordingHost : public ui::Host {
+ public:
+  struct Answer {
+    std::string text;  // the dialog's message, as shown
+    intptr_t result = 0;
+  };
+  explicit RecordingHost(std::shared_ptr<ui::Host> inner) : inner_(std::move(inner)) {}
+  intptr_t RunModal(const ui::DialogTemplate& tmpl, ui::DialogState& state) override;
+  int MessageBox(const std::string& text, const std::string& caption, unsigned type) override;
+  const std::vector<Answer>& Answers() const { return answers_; }
+
+ private:
+  std::shared_ptr<ui::Host> inner_;
+  std::vector<Answer> answers_;
+};
 
 // Prints the shell change notifications of this process on stderr while it lives (--verbose).
 class NotificationEcho {

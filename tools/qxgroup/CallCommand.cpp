@@ -86,19 +86,12 @@ int RunCall(const std::string& uiMode, const std::string& memberName,
   FileManagerSession fm;
   if (fm.get() == nullptr) throw Failure{fm.Error()};
 
-  HWND owner = nullptr;
+  std::shared_ptr<ui::Host> host;
   if (uiMode != "none") {
-    std::shared_ptr<ui::Host> host = HostFor(uiMode);
+    host = HostFor(uiMode);
     if (!host) throw UsageError{"--ui takes none, tty, replace, all, skip or cancel"};
-    owner = ui::BindOwnerWindow(host);
-    fm->put_ShowUI(owner);
   }
-  struct OwnerRelease {
-    HWND h;
-    ~OwnerRelease() {
-      if (h != nullptr) ui::ReleaseOwnerWindow(h);
-    }
-  } ownerRelease{owner};
+  OwnerWindow owner(fm.get(), std::move(host));
 
   Slots slots;
   slots.strings.reserve(member->params.size());

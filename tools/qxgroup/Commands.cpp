@@ -1,11 +1,18 @@
 // The friendly subcommands: each one FileManager method, with its failures put into words.
 #include "qxgroup/Commands.h"
 
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
+#include "resources/Resources.h"
+#include "containers/GroupContainer.h"
 
 namespace qx::cli {
 
@@ -38,6 +45,17 @@ void RequireFolder(const std::string& dir) {
   throw Failure{otherwise};
 }
 
+// Adding failed: name the file the group would not take and why, else say why the group
+// could not be used.
+[[noreturn]] void AddFailure(const std::string& group, const std::vector<std::string>& files,
+                             const std::string& otherwise) {
+  for (const std::string& f : files) {
+    const std::string why = WhyNotAddable(group, f);
+    if (!why.empty()) throw Failure{"cannot add " + f + " to " + group + ": " + why};
+  }
+  GroupFailure(group, otherwise);
+}
+
 FileManagerSession& Session() {
   static FileManagerSession session;
   if (session.get() == nullptr) throw Failure{session.Error()};
@@ -61,21 +79,82 @@ int CmdCreate(const std::string& group, const std::vector<std::string>& files) {
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
   const HRESULT hr = Session()->CreateGrpFile(ToBstr(group).get(), ToBstr(list).get());
-  if (FAILED(hr)) throw Failure{"cannot create group " + group + ": the files could not be stored"};
+  if (FAILED(hr)) AddFailure(group, files, "cannot create group " + group + ": it cannot be written");
   return kExitOk;
 }
 
+namespace {
+
+// The owner window an add runs with: none for "replace" (the component then replaces
+// duplicates without asking), else one whose host answers or asks.
+std::shared_ptr<ui::Host> DuplicateHost(const std::string& onDuplicate) {
+  if (onDuplicate == "replace") return nullptr;
+  if (onDuplicate == "skip") return std::make_shared<ui::FixedAnswerHost>(IDC_SKIP);
+  if (onDuplicate == "cancel") return std::make_shared<ui::FixedAnswerHost>(IDC_CANCEL);
+  if (onDuplicate == "ask") {
+    const int tty = ::open("/dev/tty", O_RDWR | O_NOCTTY | O_CLOEXEC);
+    if (tty < 0)
+      throw UsageError{"--on-duplicate=ask needs a terminal to ask on, and there is none; "
+                       "use replace, skip or cancel"};
+    ::close(tty);
+    return std::make_shared<ui::TerminalHost>();
+  }
+  throw UsageError{"--on-duplicate takes replace, ask, skip or cancel, not \"" + onDuplicate +
+                   "\""};
+}
+
+// What the answers left out, in the order the component met the files (sorted, as it sorts
+// them): a skipped file, or a cancelled one and every file after it.
+std::vector<std::string> LeftOut(std::vector<std::string> files,
+                                 const std::vector<RecordingHost::Answer>& answers) {
+  std::sort(files.begin(), files.end(),
+            [](const std::string& a, const std::string& b) { return Ansi(a) < Ansi(b); });
+  const std::string_view suffix = " already exists in this group file.";
+  std::vector<std::string> out;
+  size_t next = 0;
+  for (const RecordingHost::Answer& a : answers) {
+    const size_t end = a.text.find(suffix);
+    const std::string name = codepage::AnsiToUtf8(a.text.substr(0, end));
+    size_t at = next;
+    while (at < files.size() && files[at].substr(files[at].rfind('/') + 1) != name) ++at;
+    if (a.result != PromptSkip && a.result != PromptCancel) {
+      if (at < files.size()) next = at;
+      continue;
+    }
+    // A member of a group being merged in is named by itself; it is not one of the files.
+    out.push_back(at < files.size() ? files[at] : name);
+    if (at < files.size()) next = at + 1;
+    if (a.result == PromptCancel) {
+      out.insert(out.end(), files.begin() + static_cast<std::ptrdiff_t>(next), files.end());
+      break;
+    }
+  }
+  return out;
+}
+
+}  // namespace
+
 int CmdAdd(const std::string& group, const std::vector<std::string>& files,
-           const std::string& folder) {
+           const std::string& folder, const std::string& onDuplicate) {
   CheckRepresentable(group, "group file name");
   CheckRepresentable(folder, "folder name");
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
+  std::shared_ptr<RecordingHost> host;
+  if (std::shared_ptr<ui::Host> inner = DuplicateHost(onDuplicate))
+    host = std::make_shared<RecordingHost>(std::move(inner));
+  OwnerWindow owner(Session().get(), host);
+
   const HRESULT hr = Session()->AddFiles(ToBstr(group).get(), ToBstr(list).get(),
                                          ToBstr(folder).get());
-  if (FAILED(hr)) GroupFailure(group, "cannot add to " + group + ": the files could not be stored");
-  if (hr == 2) {
-    std::fprintf(stderr, "qxgroup: warning: some files were not added to %s\n", group.c_str());
+  if (FAILED(hr)) AddFailure(group, files, "cannot add to " + group + ": it cannot be rewritten");
+  if (hr == kAddedWithFilesLeftOut) {
+    std::string names;
+    const std::vector<RecordingHost::Answer> none;
+    for (const std::string& f : LeftOut(files, host ? host->Answers() : none))
+      names += (names.empty() ? "" : ", ") + f;
+    std::fprintf(stderr, "qxgroup: warning: not added to %s (already there): %s\n", group.c_str(),
+                 names.empty() ? "some files" : names.c_str());
     return kExitPartial;
   }
   return kExitOk;

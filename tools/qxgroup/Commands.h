@@ -8,8 +8,9 @@
 namespace qx::cli {
 
 int CmdCreate(const std::string& group, const std::vector<std::string>& files);
+// `onDuplicate`: replace, ask, skip or cancel.
 int CmdAdd(const std::string& group, const std::vector<std::string>& files,
-           const std::string& folder);
+           const std::string& folder, const std::string& onDuplicate);
 int CmdDelete(const std::string& group, const std::vector<std::string>& members);
 int CmdList(const std::string& group);
 int CmdXml(const std::string& group, bool meta, const std::string& pattern);

@@ -30,6 +30,7 @@ struct Options {
   bool meta = false;
   std::vector<std::string> items;
   std::string uiMode = "none";
+  std::string onDuplicate = "replace";
   std::string member;
   std::vector<std::string> args;
 };
@@ -72,7 +73,11 @@ int main(int argc, char** argv) {
   add->add_option("group", o.group, "Group file")->required();
   add->add_option("files", o.items, "Files to add")->required();
   add->add_option("--to", o.folder, "Folder inside the group to add to");
-  commands.emplace_back(add, [&] { return CmdAdd(o.group, o.items, o.folder); });
+  add->add_option("--on-duplicate", o.onDuplicate,
+                  "When a member of that name is there: replace (default), ask on the terminal, "
+                  "skip the file, or cancel the rest")
+      ->check(CLI::IsMember({"replace", "ask", "skip", "cancel"}));
+  commands.emplace_back(add, [&] { return CmdAdd(o.group, o.items, o.folder, o.onDuplicate); });
 
   CLI::App* del = Sub(app, "delete", "Delete members from a group",
                       "qxgroup delete school.mag main.PROG1.map");
