@@ -159,6 +159,17 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
   for (const std::string& file : files) {
     if (state == PromptCancel) break;
     if (state != PromptReplaceAll) state = 0;
+    // A calculator file of a family the group cannot hold (a flash application included) is
+    // refused with the question before its table is read: read with this group's layout its
+    // header may name no variable, and the refusal must not depend on bytes that mean
+    // something else there.
+    const std::string fileFamily = DetectFileSignature(file);
+    if (fileFamily != kSigUnknown && fileFamily != family_ &&
+        !AreFamiliesCompatible(fileFamily, family_)) {
+      if (prompt != nullptr) prompt(file, PromptRefused, this, context);
+      result = 0;
+      break;
+    }
     result = EditAddFile(file, destFolder, state, prompt, context);
     if (result == 0) break;
   }
