@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <memory>
+#include <unordered_set>
 
 #include "platform/codepage.h"
 #include "platform/fs.h"
@@ -39,9 +42,13 @@ void RequireFolder(const std::string& dir) {
 }
 
 // A group operation failed: say why in words, naming the group.
-[[noreturn]] void GroupFailure(const std::string& group, const std::string& otherwise) {
+void GroupFailureIfNotAGroup(const std::string& group) {
   const std::string why = WhyNotAGroup(group);
   if (!why.empty()) throw Failure{"not a group file: " + group + " (" + why + ")"};
+}
+
+[[noreturn]] void GroupFailure(const std::string& group, const std::string& otherwise) {
+  GroupFailureIfNotAGroup(group);
   throw Failure{otherwise};
 }
 
@@ -60,6 +67,57 @@ FileManagerSession& Session() {
   static FileManagerSession session;
   if (session.get() == nullptr) throw Failure{session.Error()};
   return session;
+}
+
+// The folder a file is in, "" for the current one.
+std::string FolderOf(const std::string& path) {
+  const size_t slash = path.rfind('/');
+  return slash == std::string::npos ? std::string() : path.substr(0, slash == 0 ? 1 : slash);
+}
+
+std::string Lower(std::string text) {
+  for (char& c : text)
+    if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+  return text;
+}
+
+// The given members that the group does not list (names compare without regard to case, as
+// the containers find them). Empty when the group cannot be listed.
+std::vector<std::string> Missing(const std::string& group, const std::vector<std::string>& wanted) {
+  Bstr names;
+  if (Session()->ReadContents(ToBstr(group).get(), names.receive()) != S_OK) return {};
+  std::unordered_set<std::string> listed;
+  const std::string all = FromBstr(names.get());
+  for (size_t start = 0; start < all.size();) {
+    size_t comma = all.find(',', start);
+    if (comma == std::string::npos) comma = all.size();
+    listed.insert(Lower(all.substr(start, comma - start)));
+    start = comma + 1;
+  }
+  std::vector<std::string> missing;
+  for (const std::string& w : wanted) {
+    std::string name = w;
+    std::replace(name.begin(), name.end(), '/', '\\');
+    if (!listed.contains(Lower(name))) missing.push_back(w);
+  }
+  return missing;
+}
+
+// A member operation failed: name the members that are not there, else the folder that
+// cannot be written, else fall back on `otherwise`.
+[[noreturn]] void MemberFailure(const std::string& group, const std::vector<std::string>& members,
+                                const std::string& dest, const std::string& otherwise) {
+  GroupFailureIfNotAGroup(group);
+  const std::vector<std::string> missing = Missing(group, members);
+  if (!missing.empty()) {
+    std::string names;
+    for (const std::string& m : missing) names += (names.empty() ? "" : ", ") + m;
+    throw Failure{"no such member in " + group + ": " + names};
+  }
+  const std::string folder = dest.empty() ? "." : dest;
+  if (::access(Ansi(folder).c_str(), W_OK) != 0)
+    throw Failure{"cannot write into " + folder + ": " + std::strerror(errno)};
+  throw Failure{otherwise};
 }
 
 void PrintList(const std::string& utf8List) {
@@ -165,8 +223,9 @@ int CmdDelete(const std::string& group, const std::vector<std::string>& members)
   const std::string list = JoinList(members, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr))
-    GroupFailure(group, "cannot delete from " + group +
-                            ": a member is not in the group, or the group cannot be rewritten");
+    MemberFailure(group, members, FolderOf(group),
+                  "cannot delete from " + group +
+                      ": it cannot be rewritten, or every member was named (a group keeps one)");
   return kExitOk;
 }
 
@@ -201,8 +260,8 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
     const HRESULT hr = move ? Session()->ExtractFile(g.get(), name.get(), d.get())
                             : Session()->GetFile(g.get(), name.get(), d.get());
     if (FAILED(hr))
-      GroupFailure(group, "cannot " + std::string(move ? "extract " : "get ") + m + " from " +
-                              group + ": no such member, or it cannot be written");
+      MemberFailure(group, {m}, dest,
+                    "cannot " + std::string(move ? "extract " : "get ") + m + " from " + group);
   }
   return kExitOk;
 }
@@ -212,7 +271,7 @@ int CmdExpand(const std::string& group, const std::string& dest) {
   RequireFolder(dest);
   const HRESULT hr = Session()->ExpandGrpFile(ToBstr(group).get(), ToBstr(dest).get());
   if (FAILED(hr))
-    GroupFailure(group, "cannot expand " + group + ": a member could not be written");
+    MemberFailure(group, {}, dest, "cannot expand " + group + ": a member could not be written");
   return kExitOk;
 }
 
