@@ -15,6 +15,25 @@ show() {
   "$qx" "$@" || echo "(exit status $?)"
 }
 show info samples/*
+# An MA-style group made from two variables, a third added, listed, as XML, then taken apart.
+show create "$out/class.mag" samples/prog1.map samples/greeting.mas
+show add "$out/class.mag" samples/area.rap
+show list "$out/class.mag"
+show xml "$out/class.mag"
+show add "$out/class.mag" samples/Hello.kdk
+show get "$out/class.mag" main.AREA.map -C "$out"
+show extract "$out/class.mag" main.PROG1.map -C "$out"
+show list "$out/class.mag"
+# A KC-style group: made from another group's variables, one replaced, listed, expanded.
+show create "$out/lesson.kdg" samples/math.kdg
+show add "$out/lesson.kdg" samples/PROG.kdp
+show list "$out/lesson.kdg"
+show xml "$out/lesson.kdg"
+mkdir -p "$out/lesson"
+show expand "$out/lesson.kdg" -C "$out/lesson"
+# A flash file split into its records.
 show flash samples/Hello.kdk -C "$out"
-show call ExpandFlashFile samples/Hello.kdk "$out"
 show call IsGroup samples/prog1.map
+echo
+echo "Files written (in a temporary folder, removed on exit):"
+(cd "$out" && find . -type f | sort | sed 's|^\./|  |')

@@ -245,8 +245,9 @@ int CmdXml(const std::string& group, bool meta, const std::string& pattern) {
   const HRESULT hr = Session()->ReadContentsXml(ToBstr(group).get(), meta ? 1 : 0,
                                                 ToBstr(pattern).get(), xml.receive());
   if (FAILED(hr)) GroupFailure(group, "cannot list " + group + " as XML");
-  std::fputs(FromBstr(xml.get()).c_str(), stdout);
-  std::fputs("\n", stdout);
+  const std::string text = FromBstr(xml.get());
+  std::fputs(text.c_str(), stdout);
+  if (text.empty() || text.back() != '\n') std::fputs("\n", stdout);
   return kExitOk;
 }
 
