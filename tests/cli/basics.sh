@@ -78,6 +78,27 @@ expect "list of a flash file" 1 '' '\(a flash file\)' -- "$qx" list Hello.kdk
 expect "get into a missing folder" 1 '' 'no such folder: nowhere' -- \
   "$qx" get school.mag main.PROG1.map -C nowhere
 
+# Group work: statuses and the one line that says what went wrong.
+expect "create" 0 '^$' '^$' -- "$qx" create class.mag prog1.map greeting.mas
+expect "list" 0 '^main\.PROG1\.map$' '' -- "$qx" list class.mag
+expect "duplicate skipped" 3 '^$' 'not added to class.mag \(already there\): prog1.map' -- \
+  "$qx" add class.mag prog1.map --on-duplicate=skip
+expect "duplicate cancelled with the rest" 3 '' 'already there\): greeting.mas, prog1.map' -- \
+  "$qx" add class.mag prog1.map greeting.mas --on-duplicate=cancel
+expect "ask without a terminal" 2 '' 'needs a terminal' -- \
+  setsid "$qx" add class.mag prog1.map --on-duplicate=ask
+expect "flash file refused" 1 '' 'cannot add Hello.kdk to class.mag: old-style groups cannot hold flash' -- \
+  "$qx" add class.mag Hello.kdk
+expect "other family refused" 1 '' 'PROG.kdp to class.mag: a KDX-family file; the group holds MA-family' -- \
+  "$qx" add class.mag PROG.kdp
+expect "no such member" 1 '' 'no such member in class.mag: main.NOPE.map' -- \
+  "$qx" get class.mag main.NOPE.map
+expect "delete names the unknown member" 1 '' 'no such member in class.mag: main.NOPE.map' -- \
+  "$qx" delete class.mag main.PROG1.map main.NOPE.map
+expect "extract moves out" 0 '' '^$' -- "$qx" extract class.mag main.GREETING.mas -C folder
+expect "what is left" 0 '^main\.PROG1\.map$' '' -- "$qx" list class.mag
+[ -s folder/main.GREETING.mas ] || { echo "FAIL extract wrote nothing"; failures=$((failures + 1)); }
+
 # Help and version.
 expect "help lists subcommands" 0 'create' '' -- "$qx" --help
 expect "call help lists members" 0 'ReadContentsXml' '' -- "$qx" call --help
