@@ -279,6 +279,44 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   ui::ReleaseOwnerWindow(owner);
 }
 
+// With an owner window a duplicate is asked about: each button's answer reaches the container,
+// Skip and Cancel make the call report files left out, and the question names the file as is.
+TEST_F(FileManagerTest, DuplicateQuestionOverOwnerWindow) {
+  const struct {
+    int button;
+    PromptResult answer;
+    HRESULT status;
+  } cases[] = {
+      {IDC_REPLACE, PromptReplace, S_OK},
+      {IDC_REPLACE_ALL, PromptReplaceAll, S_OK},
+      {IDC_SKIP, PromptSkip, 2},
+      {IDC_CANCEL, PromptCancel, 2},
+  };
+  auto host = std::make_shared<ui::FixedAnswerHost>(IDC_REPLACE);
+  HWND owner = ui::BindOwnerWindow(host);
+  ASSERT_EQ(fm->put_ShowUI(owner), S_OK);
+  const Bstr group(u"g"), files(u"f");
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.button);
+    host->SetCommand(c.button);
+    host->Clear();
+    script.prompts = {{"/data/50%s.kdp", PromptDuplicate}};
+    script.answers.clear();
+    EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), c.status);
+    EXPECT_EQ(script.answers, std::vector<PromptResult>{c.answer});
+    ASSERT_EQ(host->Dialogs().size(), 1u);
+    EXPECT_EQ(host->Dialogs()[0].caption, "Duplicate File Found");
+    EXPECT_EQ(host->Dialogs()[0].TextOf(IDC_DUPLICATE_TEXT),
+              "50%s.kdp already exists in this group file.  What would you like to do?");
+  }
+  // A window that is gone cannot show the dialog: its failure result goes to the container.
+  ui::ReleaseOwnerWindow(owner);
+  script.answers.clear();
+  EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), S_OK);
+  EXPECT_EQ(script.answers, std::vector<PromptResult>{static_cast<PromptResult>(0)});
+  fm->put_ShowUI(nullptr);
+}
+
 // With the real factory: no file that is not a group gets a container, whatever the method.
 TEST(FileManagerFilesTest, NonGroupsFailEveryContainerCall) {
   TempDir dir;
