@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "formats/ByteOrder.h"
+#include "platform/ByteOrder.h"
 #include "formats/DeviceFamily.h"
 #include "formats/LayoutKC.h"
 #include "formats/LayoutMA.h"

@@ -4,7 +4,7 @@
 #include <array>
 #include <vector>
 
-#include "formats/ByteOrder.h"
+#include "platform/ByteOrder.h"
 #include "formats/DeviceFamily.h"
 
 namespace qx {

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "formats/ByteOrder.h"
+#include "platform/ByteOrder.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
 

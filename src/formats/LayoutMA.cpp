@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "formats/ByteOrder.h"
+#include "platform/ByteOrder.h"
 
 namespace qx {
 

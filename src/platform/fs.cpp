@@ -128,6 +128,27 @@ bool CreateFolder(const std::string& path) {
   return attrs != kInvalidAttributes && (attrs & kAttrDirectory) != 0;
 }
 
+bool CreateFolders(const std::string& path) {
+  if (path.empty()) return false;
+  for (size_t slash = path.find('/', 1); slash != std::string::npos;
+       slash = path.find('/', slash + 1)) {
+    if (path[slash - 1] != '/') CreateFolder(path.substr(0, slash));
+  }
+  return CreateFolder(path);
+}
+
+bool SetAttributes(const std::string& path, uint32_t attributes) {
+  struct stat st {};
+  const std::string native = ToNative(path);
+  if (::stat(native.c_str(), &st) != 0) return false;
+  mode_t mode = st.st_mode & 07777;
+  if (attributes & kAttrReadOnly)
+    mode &= static_cast<mode_t>(~(S_IWUSR | S_IWGRP | S_IWOTH));
+  else
+    mode |= S_IWUSR;
+  return ::chmod(native.c_str(), mode) == 0;
+}
+
 bool RemoveFolder(const std::string& path) {
   return !path.empty() && ::rmdir(ToNative(path).c_str()) == 0;
 }

@@ -80,6 +80,11 @@ namespace qx::fs {
 
 // Creates one folder; true when it exists afterwards.
 bool CreateFolder(const std::string& path);
+// Creates a folder and its missing parents ("a/b/c"); true when it exists afterwards.
+bool CreateFolders(const std::string& path);
+// Sets the platform attributes a file can carry here: read-only clears every write
+// permission, anything else gives the owner write permission back.
+bool SetAttributes(const std::string& path, uint32_t attributes);
 // Removes an empty folder.
 bool RemoveFolder(const std::string& path);
 bool DeleteFile(const std::string& path);

@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-#include "formats/ByteOrder.h"
+#include "platform/ByteOrder.h"
 #include "formats/FlashFile.h"
 #include "support/TempDir.h"
 
