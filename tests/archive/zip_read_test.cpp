@@ -1,0 +1,157 @@
+// Opening archives made by hand: what opens, what is refused and with which message, and
+// that damaged sizes are caught before they are believed.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "archive/VxZip.h"
+#include "archive/ZipBytes.h"
+#include "support/TempDir.h"
+
+namespace qx {
+namespace {
+
+using test::TempDir;
+using namespace ziptest;
+
+bool Logged(const VxZip& zip, const std::string& message) {
+  for (const std::string& m : zip.Log())
+    if (m == message) return true;
+  return false;
+}
+
+Member Described(Member m, bool signature = true) {
+  m.descriptor = true;
+  m.descriptorSignature = signature;
+  return m;
+}
+
+std::string Cut(std::string s, size_t keep) { return s.substr(0, keep); }
+
+struct OpenRow {
+  const char* label;
+  std::string bytes;
+  int entries;          // -1: refused
+  std::string message;  // logged by a refusal ("" when any message will do)
+};
+
+std::vector<OpenRow> OpenRows() {
+  const Member a{"a.kdp", "first member"}, b{"sub/b.kdp", std::string(3000, 'b')};
+  const std::string good = BuildZip({a, b});
+  Member wide{"w", "x"};
+  wide.uncompressedSize = 0xFFFFFFFF;
+  Member longer{"a.kdp", "x"};
+  longer.compressedSize = 0x7FFFFFF0;
+  Member differs{"a.kdp", "abc"};
+  differs.centralCompressedSize = 1;
+  std::string hugeName = good;
+  hugeName[good.find("PK\x01\x02") + 28] = '\xFF';  // name length 0xFF.. past the end
+  hugeName[good.find("PK\x01\x02") + 29] = '\xFF';
+  return {
+      {"two members", good, 2, ""},
+      {"only the end record", BuildZip({}), 0, ""},
+      {"end record and comment", BuildZip({}, Comment("c")), 0, ""},
+      {"four bytes before the first header", BuildZip({a, b}, Prefix("abcd")), 2, ""},
+      {"eight bytes before the first header", BuildZip({a, b}, Prefix("abcdefgh")), -1,
+       "Not a Zip archive"},
+      {"(DWF header of 12 bytes", BuildZip({a}, Prefix("(DWF V06.00)")), 1, ""},
+      {"(DWF header and four more", BuildZip({a}, Prefix("(DWF V06.00)xxxx")), 1, ""},
+      {"stored members", BuildZip({{"s1", "stored one", 0}, {"s2", "stored two", 0}}), 2, ""},
+      {"sizes in data descriptors", BuildZip({Described(a), Described(b)}), 2, ""},
+      {"data descriptor without its signature", BuildZip({Described(a, false), b}), 2, ""},
+      {"empty file", "", -1, "Zip signature is not valid (1)"},
+      {"three bytes", "PK\x03", -1, "Not a Zip archive"},
+      {"text file", "just some text, not an archive at all", -1, "Not a Zip archive"},
+      {"no end record", BuildZip({a, b}, NoEndRecord()), -1, "End of Dir signature is wrong."},
+      {"end record cut short", Cut(good, good.size() - 5), -1, "End of Dir signature is wrong."},
+      {"cut inside member data", Cut(good, 50), -1, ""},
+      {"cut inside a local header", Cut(good, 20), -1, ""},
+      {"cut inside the directory", Cut(good, good.find("PK\x01\x02") + 20), -1, ""},
+      {"local size past the end of the file", BuildZip({longer}), -1, ""},
+      {"central size differs from the local one", BuildZip({differs, b}), -1, ""},
+      {"name length past the end of the file", hugeName, -1, ""},
+      {"fewer directory headers than members", BuildZip({a, b}, DropCentral(1)), -1, ""},
+      {"ZIP64 size marker", BuildZip({wide}), -1, "Zip64 archives are not supported"},
+      {"descriptor never followed by a header", Cut(BuildZip({Described(a)}), 60), -1, ""},
+  };
+}
+
+TEST(ZipRead, OpensWellFormedArchivesAndRefusesDamagedOnes) {
+  for (const OpenRow& row : OpenRows()) {
+    SCOPED_TRACE(row.label);
+    TempDir dir;
+    const std::string path = dir.Write("t.zip", row.bytes);
+    VxZip zip;
+    const bool opened = zip.OpenZip(path.c_str());
+    EXPECT_EQ(opened, row.entries >= 0);
+    EXPECT_EQ(zip.EntryCount(), row.entries >= 0 ? row.entries : 0);
+    if (!opened) {
+      EXPECT_FALSE(zip.Log().empty());
+      if (!row.message.empty()) {
+        EXPECT_TRUE(Logged(zip, row.message));
+      }
+      // A refused archive has no list: entry operations fail as before any open.
+      EXPECT_EQ(zip.FirstEntry(), nullptr);
+      EXPECT_TRUE(Logged(zip, "No zip file has been opened."));
+    }
+  }
+}
+
+TEST(ZipRead, BothSignatureMessagesForAnUnknownStart) {
+  TempDir dir;
+  VxZip zip;
+  EXPECT_FALSE(zip.OpenZip(dir.Write("t.zip", "12345678PK\x03\x04").c_str()));
+  const std::vector<std::string> expected = {"Zip signature is not valid (1)", "Not a Zip archive"};
+  EXPECT_EQ(zip.Log(), expected);
+}
+
+TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
+  TempDir dir;
+  const std::string data = std::string(2000, 'z') + "end";
+  // A deflated member's bytes may contain "PK"; the scan must stop only at a real header.
+  const std::string path =
+      dir.Write("d.zip", BuildZip({Described({"d.txt", data}), {"after.txt", "after", 0}}));
+  VxZip zip;
+  ASSERT_TRUE(zip.OpenZip(path.c_str()));
+  auto e = zip.FirstEntry();
+  ASSERT_NE(e, nullptr);
+  EXPECT_EQ(e->GetUncompressedSize(), data.size());
+  EXPECT_EQ(e->GetCompressedSize(), Deflate(data).size());
+  ASSERT_TRUE(zip.Extract((dir / "out").c_str()));
+  EXPECT_EQ(test::ReadFileBytes(dir / "out/d.txt"), data);
+  EXPECT_EQ(test::ReadFileBytes(dir / "out/after.txt"), "after");
+}
+
+TEST(ZipRead, EntryFieldsComeFromTheDirectory) {
+  TempDir dir;
+  Member folder{"sub/", "", 0};
+  folder.externalAttributes = 0x10;
+  Member m{"sub/b.kdp", std::string(100, 'b')};
+  m.date = 0x5D76;  // 2026-11-22
+  m.time = 0xA52F;  // 20:41:30
+  const std::string path = dir.Write("f.zip", BuildZip({folder, m}));
+  VxZip zip;
+  ASSERT_TRUE(zip.OpenZip(path.c_str()));
+  auto d = zip.GetEntryByIndex(0);
+  auto f = zip.GetEntryByIndex(1);
+  ASSERT_NE(d, nullptr);
+  ASSERT_NE(f, nullptr);
+  EXPECT_TRUE(d->IsDirectory());
+  EXPECT_FALSE(f->IsDirectory());
+  VxString name;
+  ASSERT_TRUE(f->GetFileName(name));
+  EXPECT_STREQ(name.GetString(), "sub\\b.kdp");
+  EXPECT_EQ(f->GetUncompressedSize(), 100u);
+  SYSTEMTIME t{};
+  f->GetFileTime(t);
+  EXPECT_EQ(t.wYear, 2026);
+  EXPECT_EQ(t.wMonth, 11);
+  EXPECT_EQ(t.wDay, 22);
+  EXPECT_EQ(t.wHour, 20);
+  EXPECT_EQ(t.wMinute, 41);
+  EXPECT_EQ(t.wSecond, 30);
+}
+
+}  // namespace
+}  // namespace qx
