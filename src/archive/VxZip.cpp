@@ -39,12 +39,16 @@ bool ReadAt(fs::File& file, uint64_t offset, void* buffer, size_t size) {
 }
 
 // The offset of the next local or central header signature at or after `from`, or `size`
-// when there is none. Reads in chunks; a signature may straddle two of them.
+// when there is none. Reads in chunks that start small and double, so a short member costs a
+// short read; a signature may straddle two chunks.
 uint64_t FindNextHeader(fs::File& file, uint64_t from, uint64_t size) {
-  std::vector<unsigned char> buf(kChunk + 3);
+  std::vector<unsigned char> buf;
+  size_t chunk = 1024;
   uint64_t pos = from;
   while (pos + 4 <= size) {
-    const size_t want = static_cast<size_t>(std::min<uint64_t>(buf.size(), size - pos));
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk + 3, size - pos));
+    chunk = std::min(chunk * 2, kChunk);
+    buf.resize(want);
     if (!ReadAt(file, pos, buf.data(), want)) return size;
     for (size_t i = 0; i + 4 <= want; ++i) {
       if (buf[i] != 'P' || buf[i + 1] != 'K') continue;
@@ -117,6 +121,10 @@ bool ParseArchive(ArchiveState& s) {
       e.header.crc = ReadLE32(d);
       e.header.compressedSize = ReadLE32(d + 4);
       e.header.uncompressedSize = ReadLE32(d + 8);
+      if (e.header.compressedSize == kSizeLimit || e.header.uncompressedSize == kSizeLimit) {
+        s.Log("Zip64 archives are not supported");
+        return false;
+      }
       if (e.dataOffset + e.header.compressedSize > next - 12) {
         s.Log("Data descriptor does not match the member's data");
         return false;
@@ -145,6 +153,11 @@ bool ParseArchive(ArchiveState& s) {
       return false;
     }
     zip::ParseCentral(fixed, c);
+    if (c.compressedSize == kSizeLimit || c.uncompressedSize == kSizeLimit ||
+        c.localOffset == kSizeLimit) {
+      s.Log("Zip64 archives are not supported");
+      return false;
+    }
     const uint64_t end = pos + zip::kCentralSize + c.nameLength + c.extraLength + c.commentLength;
     if (end > size) {
       s.Log("Zip file is truncated in the central directory");
@@ -339,6 +352,7 @@ bool Decompress(ArchiveState& s, const Record& r, const Sink& sink) {
 // The entry's path below an extraction folder ("" for the folder itself), or nothing when it
 // would leave that folder: absolute names, ".." parts and NUL bytes.
 std::optional<std::string> SafeRelativePath(const Record& r) {
+  if (r.name.find('\0') != std::string::npos) return std::nullopt;
   std::string name = zip::DisplayName(r);
   if (name.find('\0') != std::string::npos) return std::nullopt;
   std::replace(name.begin(), name.end(), '\\', '/');
@@ -495,7 +509,10 @@ bool VxZip::WriteZip() {
     bool ok = r.fromArchive || PrepareAppended(r);
     if (ok) {
       const std::vector<unsigned char> header = zip::LocalHeaderBytes(r);
-      ok = put(header.data(), header.size());
+      // A record that would pass the format's 4 GB offsets is left out before any of it is
+      // written, so no partial record stays behind in the file.
+      ok = offset + header.size() + r.compressedSize <= kSizeLimit &&
+           put(header.data(), header.size());
       if (ok && r.fromArchive) {
         ok = CopyStoredBytes(s, r, [&](const unsigned char* p, size_t n) { return put(p, n); });
       } else if (ok) {
@@ -601,12 +618,12 @@ std::unique_ptr<VxZipEntry> VxZip::GetEntryByIndex(int index) {
     state_->Log("No zip file has been opened.");
     return nullptr;
   }
-  const auto& positions = state_->Positions();
-  if (index < 0 || static_cast<size_t>(index) >= positions.size()) {
+  const Record* r = index < 0 ? nullptr : state_->AtIndex(static_cast<size_t>(index));
+  if (r == nullptr) {
     state_->Log("No zip entry found at the given index");
     return nullptr;
   }
-  return std::make_unique<VxZipEntry>(state_, positions[static_cast<size_t>(index)]->serial);
+  return std::make_unique<VxZipEntry>(state_, r->serial);
 }
 
 std::unique_ptr<VxZipEntry> VxZip::GetEntryByName(const char* name) {
@@ -750,7 +767,8 @@ bool VxZipEntry::ExtractInto(const char* destFolder) {
   std::string name = zip::DisplayName(*r);
   std::replace(name.begin(), name.end(), '\\', '/');
   const std::string last = name.substr(name.rfind('/') + 1);
-  if (last.empty() || last == "." || last == ".." || last.find('\0') != std::string::npos) {
+  if (last.empty() || last == "." || last == ".." || last.find('\0') != std::string::npos ||
+      r->name.find('\0') != std::string::npos) {
     s->Log("Entry name leaves the destination folder");
     return false;
   }

@@ -126,12 +126,20 @@ Record* ArchiveState::Find(uint64_t serial) {
 
 void ArchiveState::Add(Record record) {
   const uint64_t serial = record.serial;
+  record.slot = slots.size();
   byNormalName[NormalNameOfStored(record)].insert(serial);
   byStoredName[record.name].insert(serial);
   records.push_back(std::move(record));
   const auto it = std::prev(records.end());
   bySerial.emplace(serial, it);
-  if (positionsValid) positions.push_back(it);
+  slots.push_back(it);
+  // A new last node covers the slots (i - lowbit(i), i]: its own 1 plus the live count of
+  // the nodes below it.
+  const size_t i = slots.size();
+  uint32_t covered = 1;
+  for (size_t j = i - 1, stop = i - (i & (~i + 1)); j > stop; j -= j & (~j + 1))
+    covered += liveTree[j - 1];
+  liveTree.push_back(covered);
 }
 
 void ArchiveState::Remove(uint64_t serial) {
@@ -147,9 +155,9 @@ void ArchiveState::Remove(uint64_t serial) {
   };
   forget(byNormalName, NormalNameOfStored(r));
   forget(byStoredName, r.name);
+  for (size_t i = r.slot + 1; i <= liveTree.size(); i += i & (~i + 1)) --liveTree[i - 1];
   records.erase(found->second);
   bySerial.erase(found);
-  positionsValid = false;
 }
 
 void ArchiveState::Drop() {
@@ -157,21 +165,27 @@ void ArchiveState::Drop() {
   bySerial.clear();
   byNormalName.clear();
   byStoredName.clear();
-  positions.clear();
-  positionsValid = false;
+  slots.clear();
+  liveTree.clear();
   comment.clear();
   file.Close();
   hasList = false;
 }
 
-const std::vector<std::list<Record>::iterator>& ArchiveState::Positions() {
-  if (!positionsValid) {
-    positions.clear();
-    positions.reserve(records.size());
-    for (auto it = records.begin(); it != records.end(); ++it) positions.push_back(it);
-    positionsValid = true;
+Record* ArchiveState::AtIndex(size_t index) {
+  if (index >= records.size()) return nullptr;
+  // Descends the tree to the first slot with index + 1 live slots up to it.
+  size_t pos = 0;
+  size_t rest = index + 1;
+  size_t step = 1;
+  while (step * 2 <= liveTree.size()) step *= 2;
+  for (; step > 0; step /= 2) {
+    if (pos + step <= liveTree.size() && liveTree[pos + step - 1] < rest) {
+      pos += step;
+      rest -= liveTree[pos - 1];
+    }
   }
-  return positions;
+  return pos < slots.size() ? &*slots[pos] : nullptr;
 }
 
 // ---- Names ------------------------------------------------------------------------------------

@@ -61,6 +61,7 @@ struct Record {
   uint32_t externalAttributes = 0;
   std::string comment;
   uint64_t serial = 0;
+  size_t slot = 0;  // see ArchiveState::slots
   // From the opened archive: where its compressed bytes start in the file.
   bool fromArchive = false;
   uint64_t dataOffset = 0;
@@ -94,16 +95,19 @@ struct ArchiveState {
   // Name lookups: serials by normalised and by stored name. List order is serial order
   // (records are only appended or removed), so the smallest serial is the first match.
   std::map<std::string, std::set<uint64_t>> byNormalName, byStoredName;
-  // Position lookups, rebuilt after a deletion.
-  std::vector<std::list<Record>::iterator> positions;
-  bool positionsValid = false;
+  // Position lookups that survive deletions: every record added since the list was made
+  // keeps a slot (in list order), and a Fenwick tree over the slots counts the live ones, so
+  // the n-th entry is found in O(log n) however entries were deleted in between.
+  std::vector<std::list<Record>::iterator> slots;
+  std::vector<uint32_t> liveTree;  // 1-based Fenwick tree of 0/1 per slot
 
   void Log(std::string message) { log.push_back(std::move(message)); }
   Record* Find(uint64_t serial);
   void Add(Record record);
   void Remove(uint64_t serial);
   void Drop();
-  const std::vector<std::list<Record>::iterator>& Positions();
+  // The record at a 0-based position in list order, or null.
+  Record* AtIndex(size_t index);
 };
 
 // The name as a caller sees it: ANSI, "\" separators.

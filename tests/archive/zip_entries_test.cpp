@@ -143,6 +143,34 @@ TEST(ZipEntries, HandlesFollowTheirRecordThroughOtherDeletions) {
   EXPECT_EQ(NameOf(*zip.GetEntryByIndex(0)), "5");
 }
 
+// Positions after any mix of appends and deletions, against a plain vector of names.
+TEST(ZipEntries, IndexesFollowAppendsAndDeletions) {
+  TempDir dir;
+  VxZip zip;
+  ASSERT_TRUE(zip.NewZip((dir / "i.zip").c_str()));
+  std::vector<std::string> model;
+  unsigned seed = 12345;
+  const auto next = [&seed] { return seed = seed * 1103515245u + 12345u, (seed >> 16) & 0x7FFF; };
+  for (int step = 0; step < 600; ++step) {
+    if (model.empty() || next() % 3 != 0) {
+      const std::string name = "m" + std::to_string(step);
+      ASSERT_NE(zip.AppendData(name.c_str(), Bytes(name)), nullptr);
+      model.push_back(name);
+    } else {
+      const size_t at = next() % model.size();
+      auto e = zip.GetEntryByIndex(static_cast<int>(at));
+      ASSERT_NE(e, nullptr);
+      ASSERT_EQ(NameOf(*e), model[at]);
+      ASSERT_TRUE(zip.DeleteEntry(e.get()));
+      model.erase(model.begin() + static_cast<std::ptrdiff_t>(at));
+    }
+    ASSERT_EQ(zip.EntryCount(), static_cast<int>(model.size()));
+  }
+  for (size_t i = 0; i < model.size(); ++i)
+    ASSERT_EQ(NameOf(*zip.GetEntryByIndex(static_cast<int>(i))), model[i]) << i;
+  EXPECT_EQ(zip.GetEntryByIndex(static_cast<int>(model.size())), nullptr);
+}
+
 TEST(ZipEntries, EveryHandleIsEmptyAfterWriteZip) {
   TempDir dir;
   VxZip zip;

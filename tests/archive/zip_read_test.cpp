@@ -41,6 +41,10 @@ std::vector<OpenRow> OpenRows() {
   const std::string good = BuildZip({a, b});
   Member wide{"w", "x"};
   wide.uncompressedSize = 0xFFFFFFFF;
+  Member wideCentral{"w", "x"};
+  wideCentral.centralCompressedSize = 0xFFFFFFFF;
+  Member wideDescribed = Described({"w", "x"});
+  wideDescribed.compressedSize = 0xFFFFFFFF;
   Member longer{"a.kdp", "x"};
   longer.compressedSize = 0x7FFFFFF0;
   Member differs{"a.kdp", "abc"};
@@ -73,6 +77,10 @@ std::vector<OpenRow> OpenRows() {
       {"name length past the end of the file", hugeName, -1, ""},
       {"fewer directory headers than members", BuildZip({a, b}, DropCentral(1)), -1, ""},
       {"ZIP64 size marker", BuildZip({wide}), -1, "Zip64 archives are not supported"},
+      {"ZIP64 marker in the directory only", BuildZip({wideCentral}), -1,
+       "Zip64 archives are not supported"},
+      {"ZIP64 marker in a data descriptor", BuildZip({wideDescribed}), -1,
+       "Zip64 archives are not supported"},
       {"descriptor never followed by a header", Cut(BuildZip({Described(a)}), 60), -1, ""},
   };
 }
