@@ -2,7 +2,8 @@
 # Runs bench_zip (ours and the peers in the same run, N repetitions each) and prints the best
 # wall-clock time of each with the ratio ours / peer; below 1.00 we are faster.
 #   bench/run-zip-bench.sh [BUILD_DIR] [REPETITIONS]
-# BUILD_DIR must be configured with -DQX_BUILD_BENCH=ON, preferably Release.
+# BUILD_DIR must be configured with -DQX_BUILD_BENCH=ON, preferably Release. The files live on
+# /dev/shm when it is writable (QX_BENCH_DIR overrides).
 set -euo pipefail
 
 build=${1:-build-bench}

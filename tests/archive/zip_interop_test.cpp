@@ -2,10 +2,14 @@
 // and Python's zipfile; archives written by zip, 7-Zip, bsdtar and Python must open, list and
 // extract through VxZip. Python's zipfile is the independent lister for both directions.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
+#include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
+#include <ctime>
 #include <filesystem>
 #include <map>
 #include <memory>
@@ -71,10 +75,11 @@ z = zipfile.ZipFile(sys.argv[1])
 for n, i in enumerate(z.infolist()):
     raw = i.filename.encode('utf-8' if i.flag_bits & 0x800 else 'cp437')
     print('n' + raw.hex(), i.file_size, i.compress_size, i.external_attr, i.compress_type,
-          1 if i.flag_bits & 0x800 else 0)
+          1 if i.flag_bits & 0x800 else 0, *i.date_time)
     if len(sys.argv) > 2:
         with open(os.path.join(sys.argv[2], str(n)), 'wb') as f:
             f.write(z.read(i))
+print('comment', 'x' + z.comment.hex())
 bad = z.testzip()
 print('testzip', 'ok' if bad is None else 'bad')
 )PY";
@@ -100,12 +105,27 @@ struct Listed {
   uint32_t externalAttributes = 0;
   int method = 0;
   bool utf8 = false;  // the archive marks the name as UTF-8
+  int dateTime[6] = {};  // year, month, day, hour, minute, second as stored (local time)
 };
 
 struct Listing {
   std::vector<Listed> members;
+  std::string comment;
   bool crcsOk = false;
 };
+
+// The stored date and time as a POSIX time, taking it as local time.
+std::time_t LocalTimeOf(const Listed& m) {
+  std::tm tm{};
+  tm.tm_year = m.dateTime[0] - 1900;
+  tm.tm_mon = m.dateTime[1] - 1;
+  tm.tm_mday = m.dateTime[2];
+  tm.tm_hour = m.dateTime[3];
+  tm.tm_min = m.dateTime[4];
+  tm.tm_sec = m.dateTime[5];
+  tm.tm_isdst = -1;
+  return std::mktime(&tm);
+}
 
 std::string FromHex(const std::string& hex) {
   std::string out;
@@ -128,6 +148,11 @@ bool ListWithPython(const TempDir& dir, const std::string& archive, Listing& lis
   std::istringstream lines(r.output);
   std::string hex;
   while (lines >> hex) {
+    if (hex == "comment") {
+      lines >> hex;
+      listing.comment = FromHex(hex.substr(1));
+      continue;
+    }
     if (hex == "testzip") {
       std::string verdict;
       lines >> verdict;
@@ -136,6 +161,7 @@ bool ListWithPython(const TempDir& dir, const std::string& archive, Listing& lis
     }
     Listed m;
     lines >> m.size >> m.compressedSize >> m.externalAttributes >> m.method >> m.utf8;
+    for (int& field : m.dateTime) lines >> field;
     m.name = FromHex(hex.substr(1));
     listing.members.push_back(m);
   }
@@ -362,6 +388,8 @@ TEST_P(WrittenByUs, PeerAccepts) {
           EXPECT_EQ(l.members[i].compressedSize, m.bytes.size());
         }
         EXPECT_EQ(ReadFileBytes(out + "/" + std::to_string(i)), m.bytes);
+        // Stamped with the local time of AppendData, a few seconds ago.
+        EXPECT_LE(std::abs(std::difftime(LocalTimeOf(l.members[i]), std::time(nullptr))), 300.0);
       }
     } else if (checker == "zipinfo") {
       // zipinfo -l: perms, version, host, size, type, compressed size, method, date, time, name.
@@ -411,6 +439,7 @@ const PeerRow kPeers[] = {
     {"zip_no_dir_entries", "zip", "zip -q -r -D \"$OUT\" ."},
     {"zip_stored", "zip", "zip -q -r -0 \"$OUT\" ."},
     {"zip_streamed", "zip", "zip -q -r - . | cat > \"$OUT\""},  // data descriptors
+    {"zip_with_comment", "zip", "echo 'Lesson 4: quadratics' | zip -q -r -z \"$OUT\" ."},
     {"sevenzip", "7z", "\"$Z\" a -tzip \"$OUT\" . >/dev/null"},
     {"sevenzip_stored", "7z", "\"$Z\" a -tzip -mx=0 \"$OUT\" . >/dev/null"},
     {"bsdtar", "bsdtar", "bsdtar --format zip -cf \"$OUT\" *"},
@@ -483,6 +512,10 @@ TEST_P(WrittenByPeer, OpensListsAndExtracts) {
     EXPECT_EQ(e->GetUncompressedSize(), m.size);
     EXPECT_EQ(e->GetCompressedSize(), m.compressedSize);
     EXPECT_EQ(e->IsDirectory(), (m.externalAttributes & 0x10) != 0);
+    SYSTEMTIME t{};
+    e->GetFileTime(t);
+    const int fields[6] = {t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond};
+    EXPECT_TRUE(std::equal(fields, fields + 6, m.dateTime));
     auto byName = zip.GetEntryByName(m.name.c_str());
     ASSERT_TRUE(byName);
     EXPECT_EQ(byName->GetUncompressedSize(), m.size);
@@ -496,6 +529,13 @@ TEST_P(WrittenByPeer, OpensListsAndExtracts) {
   EXPECT_EQ(got.files.size(), want.files.size());
   for (const auto& f : want.files) {
     EXPECT_EQ(got.files.count(f), 1u) << "missing or different after extraction: " << f.first;
+  }
+  // Extracted files carry the stored date and time, read as local time.
+  for (const Listed& m : listing.members) {
+    if (m.name.back() == '/' || !IsAscii(m.name)) continue;
+    struct stat st {};
+    ASSERT_EQ(::stat((out + "/" + m.name).c_str(), &st), 0) << m.name;
+    EXPECT_EQ(st.st_mtime, LocalTimeOf(m)) << m.name;
   }
 }
 
@@ -551,6 +591,7 @@ TEST_P(WrittenByPeer, RewrittenByUsStillReads) {
     ++j;
   }
   EXPECT_EQ(after.members.back().name, added.stored);
+  EXPECT_EQ(after.comment, before.comment);
   EXPECT_EQ(ReadFileBytes(contents + "/" + std::to_string(after.members.size() - 1)), added.bytes);
 
   if (Have("unzip")) {
