@@ -239,8 +239,8 @@ Tree ReadTree(const std::string& root) {
   return t;
 }
 
-// The source tree the peers archive: text that deflates, noise that does not, folders two deep,
-// an empty folder, UTF-8 names (é, ï, à) whose bytes all lie outside 128-159; on request a zip
+// The source tree the peers archive: text that deflates, noise that does not, an empty file,
+// folders two deep, an empty folder, UTF-8 names (é, ï, à) whose bytes all lie outside 128-159; on request a zip
 // inside, which zip stores as it is, so a streamed archive holds header signatures in a
 // member's data, right where a reader looking for the end of data-descriptor members scans.
 void MakeSourceTree(const std::string& root, bool nestedZip) {
@@ -258,6 +258,7 @@ void MakeSourceTree(const std::string& root, bool nestedZip) {
       {"d\xC3\xA9j\xC3\xA0/x.txt", 300, true},
   };
   stdfs::create_directories(root + "/empty");
+  std::ofstream(root + "/zero.kdp", std::ios::binary);  // a member with no data at all
   uint32_t seed = 1;
   for (const auto& f : files) {
     const std::string full = root + "/" + f.path;
@@ -631,6 +632,25 @@ TEST_P(WrittenByPeer, RewrittenByUsStillReads) {
     EXPECT_EQ(ReadFileBytes(into + "/" + stdfs::path(m.name).filename().string()),
               ReadFileBytes(contents + "/" + std::to_string(i)));
   }
+}
+
+// Encryption is not read: members zip encrypted must not come out as plaintext-looking garbage.
+// Extraction fails for them and leaves no file behind.
+TEST(ZipInteropEncrypted, EncryptedMembersAreNotExtracted) {
+  if (!Have("zip")) GTEST_SKIP() << "zip is not installed";
+  TempDir dir;
+  dir.Write("secret.kdp", Bytes(3000, 11, true));
+  dir.Write("short.kdp", "x");
+  const std::string archive = dir / "locked.zip";
+  RunResult made = Shell("cd " + Q(dir.path()) + " && zip -q -P pw " + Q(archive) + " secret.kdp short.kdp");
+  ASSERT_EQ(made.status, 0) << made.output;
+
+  VxZip zip;
+  if (!zip.OpenZip(archive.c_str())) return;  // refusing the whole archive is fine too
+  const std::string out = dir / "out";
+  EXPECT_FALSE(zip.Extract(out.c_str()));
+  EXPECT_FALSE(stdfs::exists(out + "/secret.kdp"));
+  EXPECT_FALSE(stdfs::exists(out + "/short.kdp"));
 }
 
 }  // namespace
