@@ -33,6 +33,7 @@ uint64_t NewSerial() { return g_nextSerial.fetch_add(1, std::memory_order_relaxe
 
 constexpr size_t kChunk = 1 << 16;
 constexpr uint32_t kSizeLimit = std::numeric_limits<uint32_t>::max();
+constexpr uint32_t kDescriptorSig = 0x08074b50;  // optional, before a data descriptor
 
 bool ReadAt(fs::File& file, uint64_t offset, void* buffer, size_t size) {
   return file.Seek(offset) && file.Read(buffer, size) == size;
@@ -109,32 +110,41 @@ bool ParseArchive(ArchiveState& s) {
       s.Log("Zip file is truncated in a local header");
       return false;
     }
+    if (e.header.compressedSize == kSizeLimit || e.header.uncompressedSize == kSizeLimit) {
+      s.Log("Zip64 archives are not supported");
+      return false;
+    }
     if (e.header.flags & zip::kFlagDescriptor) {
       // The sizes follow the data: the data ends where the next header begins, and the
-      // twelve bytes before that header are its CRC and sizes.
-      const uint64_t next = FindNextHeader(f, e.dataOffset, size);
-      unsigned char d[12];
-      if (next == size || next < e.dataOffset + 12 || !ReadAt(f, next - 12, d, 12)) {
+      // twelve bytes before that header are its CRC and sizes. The member's own bytes may
+      // hold a header signature too (a stored zip inside a streamed one), so a signature
+      // counts only where the compressed size before it puts the descriptor right in front.
+      uint64_t next = size;
+      unsigned char d[16];
+      for (uint64_t from = e.dataOffset; next == size;) {
+        const uint64_t at = FindNextHeader(f, from, size);
+        if (at == size) break;
+        from = at + 1;
+        if (at < e.dataOffset + 12) continue;
+        const size_t have = at >= e.dataOffset + 16 ? 16 : 12;
+        if (!ReadAt(f, at - have, d + 16 - have, have)) break;
+        const uint64_t dataEnd = e.dataOffset + ReadLE32(d + 8);
+        if (dataEnd == at - 12 || (have == 16 && ReadLE32(d) == kDescriptorSig && dataEnd == at - 16))
+          next = at;
+      }
+      if (next == size) {
         s.Log("Zip file is truncated in a member's data");
         return false;
       }
-      e.header.crc = ReadLE32(d);
-      e.header.compressedSize = ReadLE32(d + 4);
-      e.header.uncompressedSize = ReadLE32(d + 8);
+      e.header.crc = ReadLE32(d + 4);
+      e.header.compressedSize = ReadLE32(d + 8);
+      e.header.uncompressedSize = ReadLE32(d + 12);
       if (e.header.compressedSize == kSizeLimit || e.header.uncompressedSize == kSizeLimit) {
         s.Log("Zip64 archives are not supported");
-        return false;
-      }
-      if (e.dataOffset + e.header.compressedSize > next - 12) {
-        s.Log("Data descriptor does not match the member's data");
         return false;
       }
       pos = next;
     } else {
-      if (e.header.compressedSize == kSizeLimit || e.header.uncompressedSize == kSizeLimit) {
-        s.Log("Zip64 archives are not supported");
-        return false;
-      }
       if (e.dataOffset + e.header.compressedSize > size) {
         s.Log("Zip file is truncated in a member's data");
         return false;

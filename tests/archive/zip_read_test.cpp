@@ -44,7 +44,7 @@ std::vector<OpenRow> OpenRows() {
   Member wideCentral{"w", "x"};
   wideCentral.centralCompressedSize = 0xFFFFFFFF;
   Member wideDescribed = Described({"w", "x"});
-  wideDescribed.compressedSize = 0xFFFFFFFF;
+  wideDescribed.uncompressedSize = 0xFFFFFFFF;
   Member longer{"a.kdp", "x"};
   longer.compressedSize = 0x7FFFFFF0;
   Member differs{"a.kdp", "abc"};
@@ -114,21 +114,37 @@ TEST(ZipRead, BothSignatureMessagesForAnUnknownStart) {
   EXPECT_EQ(zip.Log(), expected);
 }
 
+// The end of a streamed member is the header signature that its descriptor stands right in
+// front of; signatures inside the member's own bytes (a stored zip, here) do not end it.
 TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
-  TempDir dir;
-  const std::string data = std::string(2000, 'z') + "end";
-  // A deflated member's bytes may contain "PK"; the scan must stop only at a real header.
-  const std::string path =
-      dir.Write("d.zip", BuildZip({Described({"d.txt", data}), {"after.txt", "after", 0}}));
-  VxZip zip;
-  ASSERT_TRUE(zip.OpenZip(path.c_str()));
-  auto e = zip.FirstEntry();
-  ASSERT_NE(e, nullptr);
-  EXPECT_EQ(e->GetUncompressedSize(), data.size());
-  EXPECT_EQ(e->GetCompressedSize(), Deflate(data).size());
-  ASSERT_TRUE(zip.Extract((dir / "out").c_str()));
-  EXPECT_EQ(test::ReadFileBytes(dir / "out/d.txt"), data);
-  EXPECT_EQ(test::ReadFileBytes(dir / "out/after.txt"), "after");
+  const std::string inner = BuildZip({{"in1.txt", "one", 0}, {"in2.txt", "two", 0}});
+  struct Row {
+    const char* label;
+    Member member;
+    bool signature;
+  };
+  const std::vector<Row> rows = {
+      {"deflated", {"d.txt", std::string(2000, 'z') + "end"}, true},
+      {"deflated, no descriptor signature", {"d.txt", std::string(2000, 'z') + "end"}, false},
+      {"stored zip inside", {"inner.zip", inner, 0}, true},
+      {"stored zip inside, no descriptor signature", {"inner.zip", inner, 0}, false},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.label);
+    TempDir dir;
+    const Member streamed = Described(row.member, row.signature);
+    const std::string path = dir.Write(
+        "d.zip", BuildZip({streamed, Described({"after.txt", "after", 0}, row.signature)}));
+    VxZip zip;
+    ASSERT_TRUE(zip.OpenZip(path.c_str()));
+    ASSERT_EQ(zip.EntryCount(), 2);
+    auto e = zip.FirstEntry();
+    EXPECT_EQ(e->GetUncompressedSize(), row.member.data.size());
+    EXPECT_EQ(e->GetCompressedSize(), Payload(row.member).size());
+    ASSERT_TRUE(zip.Extract((dir / "out").c_str()));
+    EXPECT_EQ(test::ReadFileBytes(dir / ("out/" + row.member.name)), row.member.data);
+    EXPECT_EQ(test::ReadFileBytes(dir / "out/after.txt"), "after");
+  }
 }
 
 TEST(ZipRead, EntryFieldsComeFromTheDirectory) {
