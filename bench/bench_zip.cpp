@@ -194,6 +194,8 @@ void WriteOurs(benchmark::State& state, const std::string& folder, const std::ve
     }
     if (!ok || !zip.WriteZip()) state.SkipWithError("writing failed");
   }
+  // A fast archive that unzip cannot read would be no result.
+  if (!Sh("unzip -tqq " + Q(out))) state.SkipWithError("unzip -t refuses the archive written");
   Fresh(out);
 }
 
