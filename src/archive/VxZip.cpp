@@ -39,28 +39,49 @@ bool ReadAt(fs::File& file, uint64_t offset, void* buffer, size_t size) {
   return file.Seek(offset) && file.Read(buffer, size) == size;
 }
 
-// The offset of the next local or central header signature at or after `from`, or `size`
-// when there is none. Reads in chunks that start small and double, so a short member costs a
-// short read; a signature may straddle two chunks.
-uint64_t FindNextHeader(fs::File& file, uint64_t from, uint64_t size) {
-  std::vector<unsigned char> buf;
-  size_t chunk = 1024;
-  uint64_t pos = from;
-  while (pos + 4 <= size) {
-    const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk + 3, size - pos));
-    chunk = std::min(chunk * 2, kChunk);
-    buf.resize(want);
-    if (!ReadAt(file, pos, buf.data(), want)) return size;
-    for (size_t i = 0; i + 4 <= want; ++i) {
-      if (buf[i] != 'P' || buf[i + 1] != 'K') continue;
-      const uint32_t sig = ReadLE32(&buf[i]);
-      if (sig == zip::kLocalSig || sig == zip::kCentralSig) return pos + i;
+// Finds local and central header signatures going forward through the file. Reads in chunks
+// that start small and double, so a short member costs a short read, and keeps the last
+// chunk, so looking again just after a signature found in it reads nothing new.
+class HeaderScanner {
+ public:
+  HeaderScanner(fs::File& file, uint64_t size) : file_(file), size_(size) {}
+
+  // The offset of the next signature at or after `from`, or the file size when there is none.
+  uint64_t Next(uint64_t from) {
+    while (from + 4 <= size_) {
+      if (from < start_ || from + 4 > start_ + buf_.size()) {
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk_ + 3, size_ - from));
+        chunk_ = std::min(chunk_ * 2, kChunk);
+        buf_.resize(want);
+        start_ = from;
+        if (!ReadAt(file_, from, buf_.data(), want)) return size_;
+      }
+      for (size_t i = static_cast<size_t>(from - start_); i + 4 <= buf_.size(); ++i) {
+        if (buf_[i] != 'P' || buf_[i + 1] != 'K') continue;
+        const uint32_t sig = ReadLE32(&buf_[i]);
+        if (sig == zip::kLocalSig || sig == zip::kCentralSig) return start_ + i;
+      }
+      from = start_ + buf_.size() - 3;  // a signature may straddle two chunks
     }
-    if (want < 4) break;
-    pos += want - 3;
+    return size_;
   }
-  return size;
-}
+
+  // Bytes before a signature Next found: from the kept chunk when it holds them.
+  bool Read(uint64_t at, unsigned char* out, size_t n) {
+    if (at >= start_ && at + n <= start_ + buf_.size()) {
+      std::memcpy(out, &buf_[static_cast<size_t>(at - start_)], n);
+      return true;
+    }
+    return ReadAt(file_, at, out, n);
+  }
+
+ private:
+  fs::File& file_;
+  uint64_t size_;
+  std::vector<unsigned char> buf_;
+  uint64_t start_ = 0;
+  size_t chunk_ = 1024;
+};
 
 struct LocalEntry {
   zip::LocalHeader header;
@@ -121,13 +142,14 @@ bool ParseArchive(ArchiveState& s) {
       // counts only where the compressed size before it puts the descriptor right in front.
       uint64_t next = size;
       unsigned char d[16];
+      HeaderScanner scanner(f, size);
       for (uint64_t from = e.dataOffset; next == size;) {
-        const uint64_t at = FindNextHeader(f, from, size);
+        const uint64_t at = scanner.Next(from);
         if (at == size) break;
         from = at + 1;
         if (at < e.dataOffset + 12) continue;
         const size_t have = at >= e.dataOffset + 16 ? 16 : 12;
-        if (!ReadAt(f, at - have, d + 16 - have, have)) break;
+        if (!scanner.Read(at - have, d + 16 - have, have)) break;
         const uint64_t dataEnd = e.dataOffset + ReadLE32(d + 8);
         if (dataEnd == at - 12 || (have == 16 && ReadLE32(d) == kDescriptorSig && dataEnd == at - 16))
           next = at;

@@ -123,14 +123,18 @@ TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
     Member member;
     bool signature;
   };
-  const std::vector<Row> rows = {
+  std::vector<Row> rows = {
       {"deflated", {"d.txt", std::string(2000, 'z') + "end"}, true},
       {"deflated, no descriptor signature", {"d.txt", std::string(2000, 'z') + "end"}, false},
       {"stored zip inside", {"inner.zip", inner, 0}, true},
       {"stored zip inside, no descriptor signature", {"inner.zip", inner, 0}, false},
   };
+  // The file is searched in chunks; put signatures across the first chunk boundaries.
+  for (size_t filler = 780; filler < 1030; ++filler)
+    rows.push_back({"signatures across a chunk boundary", {"f.bin", std::string(filler, 'f') + inner, 0},
+                    filler % 2 == 0});
   for (const Row& row : rows) {
-    SCOPED_TRACE(row.label);
+    SCOPED_TRACE(std::string(row.label) + ", " + std::to_string(row.member.data.size()) + " bytes");
     TempDir dir;
     const Member streamed = Described(row.member, row.signature);
     const std::string path = dir.Write(
