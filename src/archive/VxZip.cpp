@@ -215,7 +215,7 @@ bool ParseArchive(ArchiveState& s) {
     r.method = c.method;
     r.dosDate = c.date;
     r.dosTime = c.time;
-    r.flags = c.flags & zip::kFlagUtf8;
+    r.flags = c.flags & static_cast<uint16_t>(~zip::kFlagDescriptor);
     r.madeBy = c.madeBy;
     r.internalAttributes = c.internalAttributes;
     r.externalAttributes = c.externalAttributes;
@@ -320,6 +320,10 @@ bool Decompress(ArchiveState& s, const Record& r, const Sink& sink) {
   if (!r.fromArchive) {
     const std::vector<unsigned char>& d = *r.data;
     return sink(d.data(), d.size());
+  }
+  if (r.flags & zip::kFlagEncrypted) {
+    s.Log("Encrypted members are not supported");
+    return false;
   }
   uLong crc = crc32(0, nullptr, 0);
   uint64_t produced = 0;

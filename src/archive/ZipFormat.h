@@ -24,6 +24,7 @@ inline constexpr size_t kLocalSize = 30;
 inline constexpr size_t kCentralSize = 46;
 inline constexpr size_t kEndSize = 22;
 
+inline constexpr uint16_t kFlagEncrypted = 0x0001;
 inline constexpr uint16_t kFlagDescriptor = 0x0008;  // sizes follow the data
 inline constexpr uint16_t kFlagUtf8 = 0x0800;        // the name is UTF-8
 inline constexpr uint16_t kVersion = 20;
@@ -54,7 +55,9 @@ struct Record {
   uint16_t method = kMethodDeflate;
   int level = 6;
   uint16_t dosDate = 0, dosTime = 0;
-  uint16_t flags = 0;  // only the UTF-8 name flag is kept
+  // As read, less the data-descriptor bit: a rewrite puts the sizes in the header, and an
+  // encrypted member stays marked so while its bytes are copied.
+  uint16_t flags = 0;
   uint16_t madeBy = kMadeBy;
   uint16_t internalAttributes = 0;
   uint32_t crc = 0, compressedSize = 0, uncompressedSize = 0;

@@ -55,6 +55,7 @@ struct Member {
   std::string name;
   std::string data;  // uncompressed
   uint16_t method = 8;
+  uint16_t flags = 0;  // besides the descriptor bit
   int level = 6;
   bool descriptor = false;           // flag bit 3: zero sizes in the local header, sizes after the data
   bool descriptorSignature = true;  // the optional 0x08074b50 before the descriptor
@@ -109,7 +110,7 @@ inline std::string BuildZip(const std::vector<Member>& members, const Options& o
     offsets.push_back(static_cast<uint32_t>(out.size() - o.prefix.size()));
     Put32(out, 0x04034b50);
     Put16(out, 20);
-    Put16(out, m.descriptor ? 8 : 0);
+    Put16(out, m.flags | (m.descriptor ? 8 : 0));
     Put16(out, m.method);
     Put16(out, m.time);
     Put16(out, m.date);
@@ -134,7 +135,7 @@ inline std::string BuildZip(const std::vector<Member>& members, const Options& o
     Put32(out, 0x02014b50);
     Put16(out, 20 | 11 << 8);
     Put16(out, 20);
-    Put16(out, m.descriptor ? 8 : 0);
+    Put16(out, m.flags | (m.descriptor ? 8 : 0));
     Put16(out, m.method);
     Put16(out, m.time);
     Put16(out, m.date);

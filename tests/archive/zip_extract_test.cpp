@@ -57,6 +57,10 @@ std::vector<ExtractRow> ExtractRows() {
   garbage.payload = "\xFF\xFF\xFF\xFF not a deflate stream";
   Member folder{"dir/", "", 0};
   folder.externalAttributes = 0x10;
+  // Traditional encryption: 12 bytes of encryption header, then the (here unencrypted) data.
+  Member encrypted{"enc.txt", "secret", 0};
+  encrypted.flags = 1;
+  encrypted.payload = std::string(12, '\x5A') + "secret";
   Member bzip{"b.bz2", "data", 12};
   bzip.payload = "BZh91AY&SY";
   return {
@@ -77,6 +81,7 @@ std::vector<ExtractRow> ExtractRows() {
       {"data shorter than stated", shortData, false, {}},
       {"not a deflate stream", garbage, false, {}},
       {"method 12", bzip, false, {}},
+      {"encrypted", encrypted, false, {}},
   };
 }
 

@@ -178,7 +178,10 @@ TEST(ZipWrite, MembersOfTheOpenedArchiveAreCopiedNotRecompressed) {
   fast.localExtra = std::string("\x99\x99\x02\x00zz", 6);
   Member odd{"odd.bin", "whatever", 12};
   odd.payload = "not really bzip2";
-  dir.Write("old.zip", BuildZip({fast, odd}, Comment("kept comment")));
+  odd.flags = 1;  // encrypted: must stay marked so
+  Member streamed{"streamed.txt", "sizes after the data"};
+  streamed.descriptor = true;
+  dir.Write("old.zip", BuildZip({fast, odd, streamed}, Comment("kept comment")));
 
   VxZip zip;
   ASSERT_TRUE(zip.OpenZip(path.c_str()));
@@ -186,16 +189,22 @@ TEST(ZipWrite, MembersOfTheOpenedArchiveAreCopiedNotRecompressed) {
   ASSERT_TRUE(zip.WriteZip());
   const Parsed p = ParseZip(ReadFileBytes(path));
   ASSERT_EQ(p.error, "");
-  ASSERT_EQ(p.locals.size(), 3u);
+  ASSERT_EQ(p.locals.size(), 4u);
   EXPECT_EQ(p.locals[0].payload, Deflate(fast.data, 1));
   EXPECT_EQ(p.locals[0].crc, Crc(fast.data));
   EXPECT_EQ(p.locals[0].extraLength, 0u);  // extra fields are not carried over
   EXPECT_EQ(p.locals[1].method, 12u);
   EXPECT_EQ(p.locals[1].payload, "not really bzip2");
+  EXPECT_EQ(p.locals[1].flags, 1u);
+  EXPECT_EQ(p.centrals[1].flags, 1u);
+  // Sizes go into the header; the data descriptor is not copied.
+  EXPECT_EQ(p.locals[2].flags, 0u);
+  EXPECT_EQ(p.locals[2].compressedSize, Deflate(streamed.data).size());
+  EXPECT_EQ(p.locals[2].payload, Deflate(streamed.data));
   EXPECT_EQ(p.centrals[0].date, 0x5D76u);
   EXPECT_EQ(p.centrals[0].time, 0xA52Fu);
   EXPECT_EQ(p.centrals[0].externalAttributes, 0x20u);
-  EXPECT_EQ(p.centrals[2].name, "new.txt");
+  EXPECT_EQ(p.centrals[3].name, "new.txt");
   EXPECT_EQ(p.comment, "kept comment");
   // The reopened archive reads its own output.
   auto e = zip.GetEntryByName("fast.txt");
