@@ -38,6 +38,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
   char tmpl[] = "/tmp/fuzz-zip-open-XXXXXX";
   if (::mkdtemp(tmpl) == nullptr) std::abort();
   g_dir = tmpl;
+  // libFuzzer ends with exit(); the working folder goes with the process.
+  std::atexit([] { Clear(g_dir); });
   return 0;
 }
 
