@@ -31,6 +31,9 @@ inline constexpr uint16_t kVersion = 20;
 inline constexpr uint16_t kMadeBy = 20 | (11 << 8);  // version 2.0, NTFS host
 inline constexpr uint32_t kAttrFolder = 0x10;
 inline constexpr uint32_t kAttrNormal = 0x80;
+// Sizes and offsets are 32 bits; all ones marks a ZIP64 archive, which is not read.
+inline constexpr uint32_t kSizeLimit = 0xFFFFFFFF;
+inline constexpr size_t kChunk = 1 << 16;  // buffer for streaming member data
 inline constexpr uint16_t kMethodStored = 0;
 inline constexpr uint16_t kMethodDeflate = 8;
 
@@ -112,6 +115,12 @@ struct ArchiveState {
   // The record at a 0-based position in list order, or null.
   Record* AtIndex(size_t index);
 };
+
+// A number no other entry of the process has had.
+uint64_t NewSerial();
+// Opens `path` and reads its headers into the list (any list is dropped first by the caller);
+// on failure the state is left without a list, with the reason logged.
+bool OpenArchive(ArchiveState& s);
 
 // The name as a caller sees it: ANSI, "\" separators.
 std::string DisplayName(const Record& r);
