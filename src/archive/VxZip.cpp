@@ -8,6 +8,7 @@
 #include <new>
 #include <optional>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "archive/VxXml.h"
 #include "archive/ZipFormat.h"
@@ -361,6 +362,15 @@ bool VxZip::Extract(const char* destFolder) {
     s.Log("Cannot set current directory");
     return false;
   }
+  // Folders made (or found) during this call, so that thousands of members in a few folders
+  // do not ask the file system for every part of every path again.
+  std::unordered_set<std::string> made;
+  const auto ensureFolder = [&made](const std::string& folder) {
+    if (made.contains(folder)) return true;
+    if (!fs::CreateFolders(folder)) return false;
+    made.insert(folder);
+    return true;
+  };
   bool all = true;
   for (const Record& r : s.records) {
     const std::optional<std::string> rel = SafeRelativePath(r);
@@ -379,7 +389,7 @@ bool VxZip::Extract(const char* destFolder) {
     }
     const std::string path = prefix + *rel;
     if (folder) {
-      if (!fs::CreateFolders(path)) {
+      if (!ensureFolder(path)) {
         s.Log("Failed to create file");
         all = false;
       } else {
@@ -388,7 +398,7 @@ bool VxZip::Extract(const char* destFolder) {
       continue;
     }
     const std::string parent(path::ParentFolder(path));
-    if (!parent.empty()) fs::CreateFolders(parent);
+    if (!parent.empty()) ensureFolder(parent);
     if (!WriteRecordFile(s, r, path)) all = false;
   }
   if (!all) s.Log("Not all files extracted successfully.");
@@ -425,12 +435,13 @@ std::unique_ptr<VxZipEntry> VxZip::GetEntryByName(const char* name) {
     state_->Log("null parameter");
     return nullptr;
   }
+  state_->IndexNames();
   std::string given(name, strnlen(name, 259));
   std::replace(given.begin(), given.end(), '\\', '/');
   for (const auto* index : {&state_->byNormalName, &state_->byStoredName}) {
     const std::string key = index == &state_->byNormalName ? zip::NormalNameOfGiven(given) : given;
     const auto found = index->find(key);
-    if (found != index->end()) return std::make_unique<VxZipEntry>(state_, *found->second.begin());
+    if (found != index->end()) return std::make_unique<VxZipEntry>(state_, found->second.front());
   }
   state_->Log("File not found in zip archive");
   return nullptr;

@@ -127,8 +127,10 @@ Record* ArchiveState::Find(uint64_t serial) {
 void ArchiveState::Add(Record record) {
   const uint64_t serial = record.serial;
   record.slot = slots.size();
-  byNormalName[NormalNameOfStored(record)].insert(serial);
-  byStoredName[record.name].insert(serial);
+  if (namesIndexed) {
+    byNormalName[NormalNameOfStored(record)].push_back(serial);
+    byStoredName[record.name].push_back(serial);
+  }
   records.push_back(std::move(record));
   const auto it = std::prev(records.end());
   bySerial.emplace(serial, it);
@@ -146,15 +148,16 @@ void ArchiveState::Remove(uint64_t serial) {
   const auto found = bySerial.find(serial);
   if (found == bySerial.end()) return;
   const Record& r = *found->second;
-  const auto forget = [serial](std::map<std::string, std::set<uint64_t>>& index,
-                               const std::string& key) {
+  const auto forget = [serial](NameIndex& index, const std::string& key) {
     const auto at = index.find(key);
     if (at == index.end()) return;
-    at->second.erase(serial);
+    std::erase(at->second, serial);
     if (at->second.empty()) index.erase(at);
   };
-  forget(byNormalName, NormalNameOfStored(r));
-  forget(byStoredName, r.name);
+  if (namesIndexed) {
+    forget(byNormalName, NormalNameOfStored(r));
+    forget(byStoredName, r.name);
+  }
   for (size_t i = r.slot + 1; i <= liveTree.size(); i += i & (~i + 1)) --liveTree[i - 1];
   records.erase(found->second);
   bySerial.erase(found);
@@ -165,11 +168,23 @@ void ArchiveState::Drop() {
   bySerial.clear();
   byNormalName.clear();
   byStoredName.clear();
+  namesIndexed = false;
   slots.clear();
   liveTree.clear();
   comment.clear();
   file.Close();
   hasList = false;
+}
+
+void ArchiveState::IndexNames() {
+  if (namesIndexed) return;
+  byNormalName.reserve(records.size());
+  byStoredName.reserve(records.size());
+  for (const Record& r : records) {
+    byNormalName[NormalNameOfStored(r)].push_back(r.serial);
+    byStoredName[r.name].push_back(r.serial);
+  }
+  namesIndexed = true;
 }
 
 Record* ArchiveState::AtIndex(size_t index) {

@@ -98,9 +98,13 @@ struct ArchiveState {
   fs::File file;  // the opened archive, read by seeking
   std::vector<std::string> log;
 
-  // Name lookups: serials by normalised and by stored name. List order is serial order
-  // (records are only appended or removed), so the smallest serial is the first match.
-  std::map<std::string, std::set<uint64_t>> byNormalName, byStoredName;
+  // Name lookups: serials by normalised and by stored name, in list order, built by the first
+  // lookup (an archive that is only listed or extracted never pays for them). List order is
+  // serial order (records are only appended or removed), so each vector stays sorted and its
+  // front is the first match.
+  using NameIndex = std::unordered_map<std::string, std::vector<uint64_t>>;
+  NameIndex byNormalName, byStoredName;
+  bool namesIndexed = false;
   // Position lookups that survive deletions: every record added since the list was made
   // keeps a slot (in list order), and a Fenwick tree over the slots counts the live ones, so
   // the n-th entry is found in O(log n) however entries were deleted in between.
@@ -112,6 +116,8 @@ struct ArchiveState {
   void Add(Record record);
   void Remove(uint64_t serial);
   void Drop();
+  // Builds the name lookups when they are not there yet.
+  void IndexNames();
   // The record at a 0-based position in list order, or null.
   Record* AtIndex(size_t index);
 };

@@ -141,12 +141,11 @@ bool SetAttributes(const std::string& path, uint32_t attributes) {
   struct stat st {};
   const std::string native = ToNative(path);
   if (::stat(native.c_str(), &st) != 0) return false;
-  mode_t mode = st.st_mode & 07777;
-  if (attributes & kAttrReadOnly)
-    mode &= static_cast<mode_t>(~(S_IWUSR | S_IWGRP | S_IWOTH));
-  else
-    mode |= S_IWUSR;
-  return ::chmod(native.c_str(), mode) == 0;
+  const mode_t before = st.st_mode & 07777;
+  const mode_t mode = (attributes & kAttrReadOnly)
+                          ? before & static_cast<mode_t>(~(S_IWUSR | S_IWGRP | S_IWOTH))
+                          : before | S_IWUSR;
+  return mode == before || ::chmod(native.c_str(), mode) == 0;
 }
 
 bool RemoveFolder(const std::string& path) {
