@@ -1,5 +1,4 @@
-// MA-style groups through their container. Expected files are assembled here from the field
-// layout (header, 16-byte entries, file size, marker, data), not from the container's output.
+// MA-style groups through their container; expected files are built from the field layout.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -18,7 +17,6 @@ namespace {
 using test::Le16;
 using test::Le32;
 using test::Padded;
-
 
 const std::string kMA = "**QXMA**\x01";
 const std::string kNBX = "**QXNBX*\x01";
@@ -101,33 +99,32 @@ TEST_F(MAGroupTest, NewEmptyGroupIs0x52Bytes) {
   EXPECT_EQ(c.GetMemberCount(), -1);
 }
 
-TEST_F(MAGroupTest, OneVariableGroupIs0x68Bytes) {
-  const std::string file = Single("v.map", "main", {"V", 0x12, "123456"});
-  const std::string group = dir_ / "new.mag";
-  OldGroupContainerMA c(group, nullptr);
-  ASSERT_EQ(c.CreateWithMembers({file}, ""), 1);
-  const std::string bytes = Read(group);
-  ASSERT_EQ(bytes.size(), 0x68u);
-  EXPECT_EQ(bytes.substr(58, 2), Le16(2));
-  EXPECT_EQ(bytes.substr(60, 4), Le32(0x62));
-  EXPECT_EQ(bytes.substr(74, 2), Le16(1));
-  EXPECT_EQ(bytes.substr(76, 4), Le32(0x62));
-  EXPECT_EQ(bytes.substr(0x5C, 4), Le32(0x68));
-  EXPECT_EQ(bytes.substr(0x60, 2), kGroupMarker);
-  EXPECT_EQ(bytes.substr(0x62), "123456");
-}
-
-TEST_F(MAGroupTest, EachNewMemberGoesFirstInItsFolder) {
-  const std::string a = Single("a.map", "main", {"a", 0x12, "A"});
-  const std::string b = Single("b.map", "main", {"b", 0x12, "BB"});
-  const std::string group = dir_ / "new.mag";
-  OldGroupContainerMA c(group, nullptr);
-  ASSERT_EQ(c.CreateWithMembers({a, b}, ""), 1);
-  StringList names;
-  ASSERT_EQ(c.ListMembers(names), 1);
-  EXPECT_EQ(names, (StringList{"main.b.map", "main.a.map"}));
-  const std::string bytes = Read(group);
-  EXPECT_EQ(bytes.substr(18 + 40), MAGroupFile(kMA, {{"main", {{"b", 0x12, "BB"}, {"a", 0x12, "A"}}}}).substr(58));
+// One 6-byte variable makes the 0x68-byte group; each later one goes first in its folder.
+TEST_F(MAGroupTest, CreateFromFiles) {
+  const Var v{"V", 0x12, "123456"}, a{"a", 0x12, "A"}, b{"b", 0x12, "BB"};
+  const struct {
+    std::vector<Var> files;
+    size_t size;
+    std::vector<Var> expected;
+    StringList names;
+  } rows[] = {
+      {{v}, 0x68, {v}, {"main.V.map"}},
+      {{a, b}, 0x52 + 32 + 3, {b, a}, {"main.b.map", "main.a.map"}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.size);
+    StringList files;
+    for (const Var& f : row.files) files.push_back(Single(f.name + ".map", "main", f));
+    const std::string group = dir_ / ("new" + std::to_string(row.size) + ".mag");
+    OldGroupContainerMA c(group, nullptr);
+    ASSERT_EQ(c.CreateWithMembers(files, ""), 1);
+    const std::string bytes = Read(group);
+    ASSERT_EQ(bytes.size(), row.size);
+    EXPECT_EQ(bytes.substr(58), MAGroupFile(kMA, {{"main", row.expected}}).substr(58));
+    StringList names;
+    ASSERT_EQ(c.ListMembers(names), 1);
+    EXPECT_EQ(names, row.names);
+  }
 }
 
 TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
@@ -226,8 +223,8 @@ TEST_F(MAGroupTest, ContentsListingAndExtraction) {
   OldGroupContainerMA c(group, nullptr);
   std::string xml;
   ASSERT_EQ(c.WriteContentsXml(xml, 0, ""), 1);
-  EXPECT_NE(xml.find("<group name=\"g.mag\">"), std::string::npos) << xml;
-  EXPECT_NE(xml.find("<file Size=\"10\">main.P.map</file>"), std::string::npos) << xml;
+  EXPECT_EQ(xml, "\r\n<group name=\"g.mag\">\r\n<file Size=\"10\">main.P.map</file>\r\n"
+                 "<file Size=\"3\">x.C.mas</file>\r\n</group>\r\n");
   const std::string out = dir_.path() + "/";
   ASSERT_EQ(c.ExtractMember("X.C.MAS", out), 1);
   EXPECT_EQ(Read(out + "x.C.mas"), MASingleFile(kMA, "x", kC));
