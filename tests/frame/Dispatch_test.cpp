@@ -9,27 +9,10 @@
 namespace qx::test {
 namespace {
 
-VARIANT Var(VARTYPE vt) {
-  VARIANT v;
-  VariantInit(&v);
-  v.vt = vt;
-  return v;
-}
-VARIANT Str(BSTR s) {
-  VARIANT v = Var(VT_BSTR);
-  v.bstrVal = s;
-  return v;
-}
-VARIANT I4(LONG n) {
-  VARIANT v = Var(VT_I4);
-  v.lVal = n;
-  return v;
-}
-VARIANT StrRef(BSTR* p) {
-  VARIANT v = Var(VT_BYREF | VT_BSTR);
-  v.pbstrVal = p;
-  return v;
-}
+VARIANT Var(VARTYPE vt) { VARIANT v; VariantInit(&v); v.vt = vt; return v; }
+VARIANT Str(BSTR s) { VARIANT v = Var(VT_BSTR); v.bstrVal = s; return v; }
+VARIANT I4(LONG n) { VARIANT v = Var(VT_I4); v.lVal = n; return v; }
+VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; return v; }
 
 class DispatchTest : public ::testing::Test {
  protected:

@@ -1,5 +1,4 @@
-// Fakes for the frame tests: a container that records what the frame asks of it and answers from
-// a script, and a FileManager whose containers are those fakes.
+// A fake container that records what the frame asks and answers from a script.
 #pragma once
 
 #include <memory>
@@ -12,15 +11,13 @@
 
 namespace qx::test {
 
-// What the fake containers answer and what they were asked, shared by every fake of one test.
 struct Script {
   bool makeContainer = true;  // CreateContainer gives a container at all
   int32_t result = 1;         // every operation's result
   std::string failOnly;       // when set: only the operation of that name fails, with 0
   StringList members;         // ListMembers' answer
   std::string xml = "<x/>";   // WriteContentsXml's answer
-  // AddMembers asks the prompt once per entry: (file, reason) and records the answer.
-  std::vector<std::pair<std::string, PromptReason>> prompts;
+  std::vector<std::pair<std::string, PromptReason>> prompts;  // AddMembers asks each in turn
   std::vector<PromptResult> answers;
   std::vector<std::string> calls;  // "Op(arg|arg)" in call order
   std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
@@ -45,21 +42,15 @@ class FakeContainer : public GroupContainer {
       s_.answers.push_back(prompt != nullptr ? prompt(file, reason, this, context) : PromptReplace);
     return s_.result;
   }
-  int32_t DeleteMembers(const StringList& names) override {
-    return Record("DeleteMembers(" + Join(names) + ")");
-  }
+  int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers(" + Join(names) + ")"); }
   int32_t ExtractMember(const std::string& name, const std::string& dest) override {
     return Record("ExtractMember(" + name + "|" + dest + ")");
   }
   int32_t CreateWithMembers(const StringList& files, const std::string& dest) override {
     return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")");
   }
-  int32_t ExtractAllMembers(const std::string& dest) override {
-    return Record("ExtractAllMembers(" + dest + ")");
-  }
-  int32_t ContainsMember(const std::string& name) override {
-    return Record("ContainsMember(" + name + ")");
-  }
+  int32_t ExtractAllMembers(const std::string& dest) override { return Record("ExtractAllMembers(" + dest + ")"); }
+  int32_t ContainsMember(const std::string& name) override { return Record("ContainsMember(" + name + ")"); }
   int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
   int32_t GetMemberCount() override { return static_cast<int32_t>(s_.members.size()); }
   int32_t ListMembers(StringList& names) override {
@@ -94,16 +85,13 @@ class ScriptedFileManager : public FileManager {
       : FileManager(outer), s_(script) {}
 
   std::unique_ptr<GroupContainer> CreateContainer(const std::string& path) override {
-    if (!s_.makeContainer) return nullptr;
-    return std::make_unique<FakeContainer>(path, this, s_);
+    return s_.makeContainer ? std::make_unique<FakeContainer>(path, this, s_) : nullptr;
   }
 
  protected:
-  std::unique_ptr<GroupContainer> ConstructForCreate(ContainerKind kind,
-                                                     const std::string& path) override {
+  std::unique_ptr<GroupContainer> ConstructForCreate(ContainerKind kind, const std::string& path) override {
     s_.createdKinds.push_back(kind);
-    if (!s_.makeContainer) return nullptr;
-    return std::make_unique<FakeContainer>(path, this, s_);
+    return CreateContainer(path);
   }
 
  private:

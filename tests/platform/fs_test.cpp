@@ -94,23 +94,17 @@ TEST(Fs, WildcardMatching) {
 TEST(Fs, FinderListsMatchesAndDotEntries) {
   test::TempDir dir;
   for (const char* n : {"a.kdp", "b.kdp", "c.map"}) dir.Write(n, "x");
-  std::set<std::string> seen;
+  dir.Write("noext", "x");
   FindData found;
   Finder finder;
-  for (bool ok = finder.First(dir.path() + "/*", found); ok; ok = finder.Next(found))
-    seen.insert(found.name);
-  EXPECT_EQ(seen, (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map"}));
-
-  seen.clear();
-  for (bool ok = finder.First(dir.path() + "/?.kdp", found); ok; ok = finder.Next(found))
-    seen.insert(found.name);
-  EXPECT_EQ(seen, (std::set<std::string>{"a.kdp", "b.kdp"}));
-
-  seen.clear();
-  dir.Write("noext", "x");
-  for (bool ok = finder.First(dir.path() + "/*.*", found); ok; ok = finder.Next(found))
-    seen.insert(found.name);
-  EXPECT_EQ(seen, (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map", "noext"}));
+  auto names = [&](const std::string& mask) {
+    std::set<std::string> seen;
+    for (bool ok = finder.First(dir.path() + mask, found); ok; ok = finder.Next(found)) seen.insert(found.name);
+    return seen;
+  };
+  EXPECT_EQ(names("/*"), (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map", "noext"}));
+  EXPECT_EQ(names("/?.kdp"), (std::set<std::string>{"a.kdp", "b.kdp"}));
+  EXPECT_EQ(names("/*.*"), (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map", "noext"}));
 
   EXPECT_TRUE(finder.First(dir / "c.map", found));  // a plain name finds itself
   EXPECT_FALSE(finder.Next(found));

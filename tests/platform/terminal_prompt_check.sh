@@ -1,11 +1,6 @@
 #!/bin/sh
-# Drives the terminal prompt for real: runs the duplicate-file prompt and a message box inside
-# a detached tmux session, presses keys with send-keys, reads the screen with capture-pane, and
-# checks the answer and that the terminal is back in normal mode afterwards (also after SIGTERM).
-#
-# Usage: tests/platform/terminal_prompt_check.sh [path/to/test_resources]
-# Default: the newest build*/tests/test_resources under the repository. Exit 0 when all pass
-# (or when tmux is missing), 1 on a failure.
+# The terminal prompt on a real /dev/tty (tmux): answer, screen text and normal mode afterwards,
+# also after SIGTERM. Usage: terminal_prompt_check.sh [test_resources]; skipped without tmux.
 set -u
 
 if ! command -v tmux >/dev/null 2>&1; then
@@ -95,13 +90,9 @@ run_case() {
   [ "$failures" -eq "$before" ] && echo "ok   $name"
 }
 
-# Each key kind once; the pty tests in ui_test.cpp go through every button.
+# Every key kind is covered on a pty by ui_test.cpp; here the controlling terminal itself.
 run_case enter dialog "Enter" 1
-run_case escape dialog "Escape" 4
-run_case upper_case dialog "S" 3
-run_case alt_a dialog "M-a" 2
-run_case ctrl_c dialog "C-c" 4
-run_case other_key_ignored dialog "x Up r" 1
+run_case other_key_ignored dialog "x Up S" 3
 run_case message_box message "Enter" 1
 run_case sigterm dialog "" killed
 

@@ -20,14 +20,7 @@ constexpr int kTextId = 201;
 
 // A copy of the duplicate-file dialog's layout; this suite does not link the resources.
 const DialogTemplate& TestTemplate() {
-  static const DialogTemplate t{201,
-                                "Duplicate File Found",
-                                0,
-                                0,
-                                249,
-                                87,
-                                "MS Sans Serif",
-                                8,
+  static const DialogTemplate t{201, "Duplicate File Found", 0, 0, 249, 87, "MS Sans Serif", 8,
                                 {{3, DialogItem::DefPushButton, "&Replace", 7, 66, 50, 14},
                                  {4, DialogItem::PushButton, "Replace &All", 68, 66, 50, 14},
                                  {5, DialogItem::PushButton, "&Skip", 129, 66, 50, 14},
@@ -124,26 +117,19 @@ TEST_F(UiTest, FixedAnswerPressesItsButton) {
   }
 }
 
+// No procedure or no template: -1; a dialog ended while it initialises is never shown.
 TEST_F(UiTest, DialogFailures) {
   auto host = std::make_shared<FixedAnswerHost>(3);
   HWND owner = BindOwnerWindow(host);
-  AnswerDialog dialog("x");
   EXPECT_EQ(DialogBoxParamA(owner, 201, nullptr, 0), -1);
-  SetTemplateSource(nullptr);
-  EXPECT_EQ(dialog.Show(owner), -1);
-  EXPECT_TRUE(host->Dialogs().empty());
-  ReleaseOwnerWindow(owner);
-}
-
-TEST_F(UiTest, DialogEndedDuringInitIsNeverShown) {
-  auto host = std::make_shared<FixedAnswerHost>(3);
-  HWND owner = BindOwnerWindow(host);
   auto proc = [](DialogHandle dlg, unsigned msg, uintptr_t, intptr_t) -> intptr_t {
     if (msg == WM_INITDIALOG) EndDialog(dlg, 42);
     if (msg == WM_COMMAND) EndDialog(dlg, 7);
     return 1;
   };
   EXPECT_EQ(DialogBoxParamA(owner, 201, proc, 0), 42);
+  SetTemplateSource(nullptr);
+  EXPECT_EQ(AnswerDialog("x").Show(owner), -1);
   EXPECT_TRUE(host->Dialogs().empty());
   ReleaseOwnerWindow(owner);
 }
@@ -222,10 +208,7 @@ TEST_F(UiTest, TerminalPromptKeys) {
       {"Ctrl-C cancels", "\x03", 4},
       {"letter", "s", 3},
       {"letter, upper case", "A", 2},
-      {"Alt+letter",
-       "\x1b"
-       "a",
-       2},
+      {"Alt+letter", "\x1b" "a", 2},
       {"unknown key beeps, then a letter", "xr", 1},
       {"cursor key is ignored", "\x1b[A\x1bOB\r", 1},
   };
