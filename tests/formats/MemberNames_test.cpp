@@ -26,7 +26,6 @@ TEST(MemberNames, KCStyle) {
       {kSigKC, 0x01, "A", "A.kcc"},
       {kSigKC, 0x00, "AB", "A.kcn"},
       {kSigKA, 0x14, "B", "B.kan"},
-      {kSigKA, 0x17, "B", "B.kan"},
       {kSigKA, 0x01, "B", "B"},  // KA: other types have no extension
       // Rules by type, before any look at the name.
       {kSigKDX, 0x05, "AB\x5B" "C", "ABthetaC.kdp"},

@@ -46,7 +46,6 @@ TEST_F(Translator, NameFieldsBecomeFileNameText) {
       {"empty", {}, ""},
       {"stops at the first zero", {'a', 0, 'b'}, "a"},
       {"punctuation", {'.', '%', '/', '\\', '-'}, "%2E%25%2F%5C%2D"},
-      {"euro sign byte", {0x80}, "%80"},
       {"byte 1252 leaves undefined", {0x81, 0x9D}, "%81%9D"},
   };
   auto translator = DeviceNameTranslator::Create();

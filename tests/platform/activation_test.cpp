@@ -32,11 +32,8 @@ class Probe final : public IUnknown {
     return hr;
   }
   HRESULT QueryInterface(REFIID riid, void** ppv) override {
-    if (riid != IID_IUnknown) {
-      *ppv = nullptr;
-      return E_NOINTERFACE;
-    }
-    *ppv = this;
+    *ppv = riid == IID_IUnknown ? this : nullptr;
+    if (*ppv == nullptr) return E_NOINTERFACE;
     AddRef();
     return S_OK;
   }
