@@ -6,7 +6,6 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -20,13 +19,7 @@ namespace {
 std::string g_dir;
 
 void WriteFile(const std::string& path, const std::string& bytes) {
-  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(),
-                                                                static_cast<std::streamsize>(bytes.size()));
-}
-
-std::string Padded(std::string s, size_t n) {
-  s.resize(n, '\0');
-  return s;
+  std::ofstream(path, std::ios::binary | std::ios::trunc).write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
 }
 
 void Exercise(qx::OldGroupContainer& c, const std::string& addFile) {
@@ -34,9 +27,8 @@ void Exercise(qx::OldGroupContainer& c, const std::string& addFile) {
   qx::StringList names;
   c.ListMembers(names);
   c.GetMemberCount();
-  std::string xml;
+  std::string xml, first;
   c.WriteContentsXml(xml, 0, "");
-  std::string first;
   c.GetMemberName(0, first);
   c.ContainsMember(first);
   c.ExtractAllMembers(g_dir + "/out/");
@@ -58,39 +50,24 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
-  static const char* const kSignatures[] = {"",
-                                            "**QXKC**\x1A\x0A",
-                                            "**QXKDX*\x1A\x0A",
-                                            "**QXKA**\x1A\x0A",
-                                            "**QXMA**\x01",
-                                            "**QXNBX*\x01",
-                                            "**QXNBX*\x08",
-                                            "**QXHWL*"};
+  using S = std::string;
+  // Signatures padded to their field (11 bytes KC, 10 MA).
+  static const S kSignatures[] = {S(), S("**QXKC**\x1A\x0A\0", 11), S("**QXKDX*\x1A\x0A\0", 11),
+                                  S("**QXKA**\x1A\x0A\0", 11), S("**QXMA**\x01\0", 10),
+                                  S("**QXNBX*\x01\0", 10), S("**QXNBX*\x08\0", 10), S("**QXHWL*\0\0", 10)};
   const unsigned pick = data[0] % 8;
   const bool kc = pick >= 1 && pick <= 3;
-  std::string bytes(reinterpret_cast<const char*>(data + 1), size - 1);
-  if (pick != 0) bytes = Padded(kSignatures[pick], kc ? 11 : 10) + bytes;
-
-  const std::string group = g_dir + (kc ? "/g.kcg" : "/g.mag");
-  WriteFile(group, bytes);
-  // A small well-formed variable of the same family to add.
-  const std::string add = g_dir + (kc ? "/v.kcp" : "/v.map");
+  const S bytes = kSignatures[pick] + S(reinterpret_cast<const char*>(data + 1), size - 1);
+  const S group = g_dir + (kc ? "/g.kcg" : "/g.mag");
+  // A small well-formed variable of the same family to add: one entry "V" with its checksum.
+  const S add = g_dir + (kc ? "/v.kcp" : "/v.map");
   if (kc) {
-    const std::string entry = std::string("\x0B\x00\x01\x00\x05", 5) + Padded("V", 8) +
-                              std::string("\x01\x00\x2A", 3);
-    std::string sum(2, '\0');
-    unsigned s = 0;
-    for (unsigned char ch : entry) s += ch;
-    sum[0] = static_cast<char>(s & 0xFF);
-    sum[1] = static_cast<char>(s >> 8 & 0xFF);
-    WriteFile(add, Padded(kSignatures[pick], 11) + std::string(42, '\0') +
-                       std::string(1, static_cast<char>(entry.size())) + std::string(1, '\0') + entry + sum);
+    WriteFile(add, kSignatures[pick] + S(42, '\0') + S("\x10\0\x0B\0\x01\0\x05V\0\0\0\0\0\0\0\x01\0\x2A\x92\0", 20));
   } else {
-    const std::string sig = pick == 0 ? std::string("**QXMA**\x01") : std::string(kSignatures[pick]);
-    WriteFile(add, Padded(sig, 10) + Padded("main", 8) + std::string(40, '\0') +
-                       std::string("\x01\x00\x52\x00\x00\x00", 6) + Padded("V", 8) +
-                       std::string("\x12\x00\x00\x00\x53\x00\x00\x00\xA5\x5A\x2A", 11));
+    WriteFile(add, (pick ? kSignatures[pick] : kSignatures[4]) + S("main\0\0\0\0", 8) + S(40, '\0') +
+                       S("\x01\0\x52\0\0\0V\0\0\0\0\0\0\0\x12\0\0\0\x53\0\0\0\xA5\x5A\x2A", 25));
   }
+  WriteFile(group, bytes);
   {
     qx::OldGroupContainerKC c(group, nullptr);
     Exercise(c, add);

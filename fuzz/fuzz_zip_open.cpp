@@ -22,8 +22,7 @@ void WriteFile(const std::string& path, const uint8_t* data, size_t size) {
       .write(reinterpret_cast<const char*>(data), static_cast<std::streamsize>(size));
 }
 
-// Empties a folder, giving write permission back first: extraction may have made files
-// read-only.
+// Write permission back first: extraction may have made files read-only.
 void Clear(const std::string& folder) {
   std::error_code ec;
   for (const auto& e : std::filesystem::recursive_directory_iterator(folder, ec))
@@ -52,16 +51,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     qx::VxZip zip;
     if (zip.OpenZip(archive.c_str())) {
       int seen = 0;
-      for (auto e = zip.FirstEntry(); e != nullptr; e = e->NextEntry()) {
+      for (auto e = zip.FirstEntry(); e != nullptr; e = e->NextEntry(), ++seen) {
         qx::VxString name;
-        e->GetFileName(name);
-        e->GetUncompressedSize();
-        e->GetCompressedSize();
-        e->IsDirectory();
         qx::SYSTEMTIME t;
+        e->GetFileName(name);
         e->GetFileTime(t);
         zip.GetEntryByName(name.GetString());
-        ++seen;
+        (void)(e->GetUncompressedSize() + e->GetCompressedSize() + e->IsDirectory());
       }
       if (seen != zip.EntryCount()) std::abort();
       qx::VxString listing;
@@ -72,12 +68,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (e == nullptr) std::abort();
         e->ExtractInto((out + "/one").c_str());
       }
-      // Rewrite: members taken over are copied as they stand, so the archive must reopen
-      // with the same count (one deleted, one appended).
+      // Members taken over are copied as they stand: one deleted and one appended keep the count.
       const int before = zip.EntryCount();
       if (auto first = zip.FirstEntry()) zip.DeleteEntry(first.get());
-      const qx::VxByteData added("added", 5);
-      zip.AppendData("added.txt", added);
+      zip.AppendData("added.txt", qx::VxByteData("added", 5));
       if (zip.WriteZip() && zip.EntryCount() != (before > 0 ? before : 1)) std::abort();
     }
   }

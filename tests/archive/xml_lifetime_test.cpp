@@ -34,14 +34,19 @@ TEST(XmlLifetime, HandlesKeepTheirDocumentInAnyOrder) {
   root.reset();
   parent.reset();
   EXPECT_EQ(Tag(other), "r");
+  // Loading moves only this handle to the new document.
+  ASSERT_TRUE(other.LoadXml("<new/>"));
+  EXPECT_EQ(Tag(copy), "r");
+  EXPECT_EQ(Tag(other), "new");
 }
 
 TEST(XmlLifetime, DetachMakesADocumentOfItsOwn) {
   VxXml doc;
-  ASSERT_TRUE(doc.LoadXml("<?xml version=\"1.0\"?><r><a>1<c/></a><b>2</b></r>"));
+  ASSERT_TRUE(doc.LoadXml("<?xml version=\"1.0\"?><!DOCTYPE r><r><a>1<c/></a><b>2</b></r>"));
   auto a = doc.FindTag(nullptr, "a");
   auto c = doc.FindTag(nullptr, "c");
   auto b = doc.FindTag(nullptr, "b");
+  EXPECT_EQ(Xml(*b), "\r\n<b>2</b>\r\n");  // declaration and preamble belong to the root only
   a->Detach();
   EXPECT_EQ(Tag(*c->GetRoot()), "a");
   EXPECT_FALSE(a->GetParent());
@@ -49,7 +54,7 @@ TEST(XmlLifetime, DetachMakesADocumentOfItsOwn) {
   EXPECT_FALSE(doc.FindTag(nullptr, "c"));
   EXPECT_EQ(Xml(*a), "\r\n<a>1\r\n<c></c>\r\n</a>\r\n");  // no declaration came along
   doc.Detach();                                            // a root stays as it is
-  EXPECT_EQ(Xml(doc), "<?xml version=\"1.0\" ?>\r\n\r\n<r>\r\n<b>2</b>\r\n</r>\r\n");
+  EXPECT_EQ(Xml(doc), "<?xml version=\"1.0\" ?>\r\n<!DOCTYPE r>\n\r\n\r\n<r>\r\n<b>2</b>\r\n</r>\r\n");
 }
 
 TEST(XmlLifetime, AppendSubtreeMovesHandlesAlong) {
@@ -78,31 +83,6 @@ TEST(XmlLifetime, AppendSubtreeMovesHandlesAlong) {
   EXPECT_TRUE(existing->AppendSubtree(inner.get()));
   EXPECT_EQ(Xml(target),
             "\r\n<t>\r\n<first>\r\n<file>x</file>\r\n</first>\r\n<group></group>\r\n</t>\r\n");
-}
-
-TEST(XmlLifetime, NestedListingSpliceAsContainersDoIt) {
-  VxXml listing;
-  ASSERT_TRUE(listing.LoadXml("<group><dir><file>data.kdg</file><file>quiz.kdp</file></dir></group>"));
-  auto x = listing.FindTagWithContent(nullptr, "file", "*.kdg");
-  ASSERT_TRUE(x);
-  auto previous = x->GetPreviousSibling();
-  auto parent = x->GetParent();
-  EXPECT_FALSE(previous);
-  x->Detach();
-  VxXml nested;
-  ASSERT_TRUE(nested.LoadXml("<group name=\"data.kdg\"><file>L1</file></group>"));
-  ASSERT_TRUE(parent->AppendSubtree(&nested));
-  EXPECT_EQ(Xml(listing),
-            "\r\n<group>\r\n<dir>\r\n<file>quiz.kdp</file>\r\n<group name=\"data.kdg\">\r\n"
-            "<file>L1</file>\r\n</group>\r\n</dir>\r\n</group>\r\n");
-  // Cursor is nothing: restart from the start; the moved-in elements are found too.
-  auto next = listing.FindTagWithContent(nullptr, "file", "*");
-  ASSERT_TRUE(next);
-  next = listing.FindTagWithContent(next.get(), "file", "*");
-  ASSERT_TRUE(next);
-  VxString c;
-  next->GetContent(c);
-  EXPECT_EQ(c.Compare("L1"), 0);
 }
 
 TEST(XmlLifetime, FailedParsesKeepTheDocument) {
@@ -142,16 +122,7 @@ TEST(XmlLifetime, FailedParsesKeepTheDocument) {
   EXPECT_EQ(Tag(doc), "unnamed");
 }
 
-TEST(XmlLifetime, LoadMovesOnlyThisHandle) {
-  VxXml doc;
-  ASSERT_TRUE(doc.LoadXml("<old><c/></old>"));
-  auto c = doc.FindTag(nullptr, "c");
-  ASSERT_TRUE(doc.LoadXml("<new/>"));
-  EXPECT_EQ(Tag(*c->GetRoot()), "old");
-  EXPECT_EQ(Tag(doc), "new");
-}
-
-TEST(XmlLifetime, DeepNestingNeitherRecursesNorLeaks) {
+TEST(XmlLifetime, LargeInputsNeitherRecurseNorLeak) {
   constexpr int kDepth = 100000;
   std::string text;
   for (int i = 0; i < kDepth; ++i) text += "<d>";
@@ -178,15 +149,11 @@ TEST(XmlLifetime, DeepNestingNeitherRecursesNorLeaks) {
   std::unique_ptr<VxXml> cursor = built.GetRoot();
   for (int i = 0; i < kDepth; ++i) cursor = cursor->AddChild("b", nullptr);
   built.FindTag(cursor.get(), "b");
-}
 
-TEST(XmlLifetime, HugeAttributesAndManySiblings) {
-  std::string big(4 << 20, 'v');
-  std::string text = "<a k=\"" + big + "\">";
-  for (int i = 0; i < 20000; ++i) text += "<f>" + std::to_string(i) + "</f>";
-  text += "</a>";
-  VxXml doc;
-  ASSERT_TRUE(doc.LoadXml(text.c_str()));
+  const std::string big(4 << 20, 'v');
+  std::string wide = "<a k=\"" + big + "\">";
+  for (int i = 0; i < 20000; ++i) wide += "<f>" + std::to_string(i) + "</f>";
+  ASSERT_TRUE(doc.LoadXml((wide + "</a>").c_str()));
   VxString value;
   ASSERT_TRUE(doc.GetAttribute("k", value));
   EXPECT_EQ(value.GetLength(), static_cast<int>(big.size()));

@@ -33,8 +33,8 @@ TEST(XmlSearch, BreadthFirstOrder) {
   auto c = doc.FindTag(nullptr, "c");
   ASSERT_TRUE(c);
   EXPECT_EQ(AllMatches(*c, "x"), (std::vector<std::string>{"2b", "3b"}));
-  // The element itself is the first candidate.
-  EXPECT_EQ(Content(*doc.FindTag(nullptr, "x")), "0");
+  // Content searches resume the same way.
+  EXPECT_EQ(Content(*doc.FindTagWithContent(doc.FindTagWithContent(nullptr, "x", "2*").get(), "x", "2*")), "2b");
   // An "after" element outside the scope leaves nothing to find.
   auto one = doc.FindTag(doc.FindTag(nullptr, "x").get(), "x");
   EXPECT_FALSE(c->FindTag(one.get(), "x"));

@@ -134,17 +134,6 @@ TEST(XmlText, BuiltDocuments) {
   EXPECT_EQ(Content(*file), "quiz<1>.kdp");
 }
 
-TEST(XmlText, DeclarationAndPreambleOnlyAtTheRoot) {
-  VxXml x;
-  ASSERT_TRUE(x.LoadXml("<?xml version=\"1.0\"?><!DOCTYPE r><r><c>v</c></r>"));
-  auto c = x.FindTag(nullptr, "c");
-  ASSERT_TRUE(c);
-  EXPECT_EQ(Xml(*c), "\r\n<c>v</c>\r\n");
-  c->Detach();
-  EXPECT_EQ(Xml(*c), "\r\n<c>v</c>\r\n");
-  EXPECT_EQ(Xml(x), "<?xml version=\"1.0\" ?>\r\n<!DOCTYPE r>\n\r\n\r\n<r></r>\r\n");
-}
-
 TEST(XmlText, VxStringComparesUnsignedBytes) {
   VxString s("abc");
   EXPECT_EQ(s.Compare("abc"), 0);
