@@ -69,6 +69,22 @@ FileManagerSession& Session() {
   return session;
 }
 
+// The items of a comma-separated list as the component returns them.
+std::vector<std::string> ListItems(const std::string& list) {
+  std::vector<std::string> items;
+  for (size_t start = 0; start < list.size();) {
+    size_t comma = list.find(',', start);
+    if (comma == std::string::npos) comma = list.size();
+    items.push_back(list.substr(start, comma - start));
+    start = comma + 1;
+  }
+  return items;
+}
+
+void PrintList(const std::string& utf8List) {
+  for (const std::string& item : ListItems(utf8List)) std::printf("%s\n", item.c_str());
+}
+
 // The folder a file is in, "" for the current one.
 std::string FolderOf(const std::string& path) {
   const size_t slash = path.rfind('/');
@@ -87,13 +103,7 @@ std::vector<std::string> Missing(const std::string& group, const std::vector<std
   Bstr names;
   if (Session()->ReadContents(ToBstr(group).get(), names.receive()) != S_OK) return {};
   std::unordered_set<std::string> listed;
-  const std::string all = FromBstr(names.get());
-  for (size_t start = 0; start < all.size();) {
-    size_t comma = all.find(',', start);
-    if (comma == std::string::npos) comma = all.size();
-    listed.insert(Lower(all.substr(start, comma - start)));
-    start = comma + 1;
-  }
+  for (const std::string& name : ListItems(FromBstr(names.get()))) listed.insert(Lower(name));
   std::vector<std::string> missing;
   for (const std::string& w : wanted) {
     std::string name = w;
@@ -120,15 +130,6 @@ std::vector<std::string> Missing(const std::string& group, const std::vector<std
   throw Failure{otherwise};
 }
 
-void PrintList(const std::string& utf8List) {
-  size_t start = 0;
-  while (start < utf8List.size()) {
-    size_t comma = utf8List.find(',', start);
-    if (comma == std::string::npos) comma = utf8List.size();
-    std::printf("%s\n", utf8List.substr(start, comma - start).c_str());
-    start = comma + 1;
-  }
-}
 
 }  // namespace
 
@@ -167,11 +168,12 @@ std::vector<std::string> LeftOut(std::vector<std::string> files,
                                  const std::vector<RecordingHost::Answer>& answers) {
   std::sort(files.begin(), files.end(),
             [](const std::string& a, const std::string& b) { return Ansi(a) < Ansi(b); });
-  const std::string_view suffix = " already exists in this group file.";
+  // The question is the file name followed by the rest of the message.
+  const std::string rest = FormatStringResource(IDS_FILE_EXISTS, "");
   std::vector<std::string> out;
   size_t next = 0;
   for (const RecordingHost::Answer& a : answers) {
-    const size_t end = a.text.find(suffix);
+    const size_t end = a.text.size() >= rest.size() ? a.text.size() - rest.size() : 0;
     const std::string name = codepage::AnsiToUtf8(a.text.substr(0, end));
     size_t at = next;
     while (at < files.size() && files[at].substr(files[at].rfind('/') + 1) != name) ++at;
