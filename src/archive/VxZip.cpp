@@ -198,9 +198,15 @@ bool WriteRecordFile(ArchiveState& s, const Record& r, const std::string& path) 
   return true;
 }
 
-std::string FolderPrefix(const std::string& folder) {
-  if (folder.empty() || folder == ".") return {};
-  return folder.back() == '/' ? folder : folder + "/";
+// Makes the extraction folder with its parents and gives the prefix its members' paths take
+// ("" for the current folder); false, logged, when the folder cannot be made.
+bool PrepareDestination(ArchiveState& s, const std::string& folder, std::string& prefix) {
+  prefix.clear();
+  if (folder.empty() || folder == ".") return true;
+  prefix = folder.back() == '/' ? folder : folder + "/";
+  if (fs::CreateFolders(prefix)) return true;
+  s.Log("Cannot set current directory");
+  return false;
 }
 
 bool HasAny(const std::string& text, char c) { return text.find(c) != std::string::npos; }
@@ -357,11 +363,8 @@ bool VxZip::Extract(const char* destFolder) {
     s.Log("Cannot extract before opening a Zip archive");
     return false;
   }
-  const std::string prefix = FolderPrefix(destFolder);
-  if (!prefix.empty() && !fs::CreateFolders(prefix)) {
-    s.Log("Cannot set current directory");
-    return false;
-  }
+  std::string prefix;
+  if (!PrepareDestination(s, destFolder, prefix)) return false;
   // Folders made (or found) during this call, so that thousands of members in a few folders
   // do not ask the file system for every part of every path again.
   std::unordered_set<std::string> made;
@@ -563,11 +566,8 @@ bool VxZipEntry::ExtractInto(const char* destFolder) {
     s->Log("null parameter");
     return false;
   }
-  const std::string prefix = FolderPrefix(destFolder);
-  if (!prefix.empty() && !fs::CreateFolders(prefix)) {
-    s->Log("Cannot set current directory");
-    return false;
-  }
+  std::string prefix;
+  if (!PrepareDestination(*s, destFolder, prefix)) return false;
   if (IsFolderRecord(*r)) return true;
   std::string name = zip::DisplayName(*r);
   std::replace(name.begin(), name.end(), '\\', '/');
