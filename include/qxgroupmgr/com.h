@@ -345,4 +345,34 @@ struct IClassFactory {
 
 #endif /* __cplusplus */
 
+/* ---- ISupportErrorInfo ---------------------------------------------------------------------
+ * Asked by a caller after a failed call: S_OK when the object publishes error information for
+ * calls through that interface, S_FALSE when it does not. */
+
+QX_EXTERN_C QX_EXPORT const IID IID_ISupportErrorInfo;
+
+#ifdef __cplusplus
+
+struct ISupportErrorInfo : IUnknown {
+  virtual HRESULT InterfaceSupportsErrorInfo(REFIID riid) = 0;
+
+ protected:
+  ~ISupportErrorInfo() = default;
+};
+
+#else
+
+typedef struct ISupportErrorInfo ISupportErrorInfo;
+typedef struct ISupportErrorInfoVtbl {
+  HRESULT (*QueryInterface)(ISupportErrorInfo* This, REFIID riid, void** ppv);
+  ULONG (*AddRef)(ISupportErrorInfo* This);
+  ULONG (*Release)(ISupportErrorInfo* This);
+  HRESULT (*InterfaceSupportsErrorInfo)(ISupportErrorInfo* This, REFIID riid);
+} ISupportErrorInfoVtbl;
+struct ISupportErrorInfo {
+  const ISupportErrorInfoVtbl* lpVtbl;
+};
+
+#endif /* __cplusplus */
+
 #endif /* QXGROUPMGR_COM_H */

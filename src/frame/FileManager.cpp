@@ -6,8 +6,6 @@
 #include "containers/DuplicateFileDialog.h"
 #include "formats/DeviceFamily.h"
 #include "formats/FlashFile.h"
-#include "frame/Module.h"
-#include "frame/TypeLibrary.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "platform/shell.h"
@@ -56,35 +54,6 @@ HRESULT Guarded(Body&& body) {
 std::string LastComponent(std::string_view path, char separator) {
   const size_t cut = path.find_last_of(separator);
   return std::string(cut == std::string_view::npos ? path : path.substr(cut + 1));
-}
-
-// The early-bound call behind each dispid: the only member-specific part of dispatch; checking
-// and converting the arguments is the type library's.
-HRESULT CallMember(void* object, const typelib::Member& member, typelib::Argument* a) {
-  auto* fm = static_cast<IGroupManager2*>(object);
-  switch (member.dispid) {
-    case 1: return fm->CreateGrpFile(a[0].str, a[1].str);
-    case 2: return fm->ExpandGrpFile(a[0].str, a[1].str);
-    case 3: return fm->ExtractFile(a[0].str, a[1].str, a[2].str);
-    case 4: return fm->AddFiles(a[0].str, a[1].str, a[2].str);
-    case 5: return fm->ReadContents(a[0].str, a[1].strOut);
-    case 6: return fm->DeleteFile(a[0].str, a[1].str);
-    case 7: return fm->ExpandFlashFile(a[0].str, a[1].str, a[2].strOut);
-    case 8: return fm->UseQXAscii(a[0].value);
-    case 9: return fm->DeleteFiles(a[0].str, a[1].str);
-    case 51: return fm->GetFile(a[0].str, a[1].str, a[2].str);
-    case 52: return fm->ReadContentsXml(a[0].str, a[1].value, a[2].str, a[3].strOut);
-    case 53: return fm->get_IsGroup(a[0].str, a[1].valueOut);
-    case 54: return fm->SplitPath(a[0].strOut, a[1].strOut);
-    case 55: return fm->put_ShowUI(a[0].window);
-    case 56: return fm->get_DoesPathExist(a[0].str, a[1].valueOut);
-    default: return DISP_E_MEMBERNOTFOUND;
-  }
-}
-
-const typelib::Interface& DispatchInterface() {
-  static const typelib::Interface* itf = typelib::FindInterface(IID_IGroupManager2);
-  return *itf;
 }
 
 }  // namespace
@@ -175,79 +144,12 @@ std::string GetTempGroupFolder() {
 
 // ---- Object life -------------------------------------------------------------------------------------
 
-FileManager::FileManager(IUnknown* outer)
-    : inner_(this), controlling_(outer != nullptr ? outer : &inner_) {
-  module::Lock();
-}
+FileManager::FileManager(IUnknown* outer) : DispatchObject(outer) {}
 
-FileManager::~FileManager() { module::Unlock(); }
+FileManager::~FileManager() = default;
 
 HRESULT FileManager::CreateInstance(IUnknown* outer, REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  *ppv = nullptr;
-  if (outer != nullptr && riid != IID_IUnknown) return CLASS_E_NOAGGREGATION;
-  auto* object = new FileManager(outer);
-  // Hold a reference while asking, so a refused interface destroys the new object.
-  object->inner_.AddRef();
-  const HRESULT hr = object->inner_.QueryInterface(riid, ppv);
-  object->inner_.Release();
-  return hr;
-}
-
-HRESULT FileManager::Inner::QueryInterface(REFIID riid, void** ppv) {
-  if (ppv == nullptr) return E_POINTER;
-  if (riid == IID_IUnknown) {
-    *ppv = static_cast<IUnknown*>(this);
-  } else if (riid == IID_IDispatch || riid == IID_IFileManager || riid == IID_IGroupManager2) {
-    *ppv = static_cast<IGroupManager2*>(self);
-  } else {
-    *ppv = nullptr;
-    return E_NOINTERFACE;
-  }
-  static_cast<IUnknown*>(*ppv)->AddRef();
-  return S_OK;
-}
-
-ULONG FileManager::Inner::AddRef() { return self->refs_.Increment(); }
-
-ULONG FileManager::Inner::Release() {
-  const ULONG count = self->refs_.Decrement();
-  if (count == 0) delete self;
-  return count;
-}
-
-HRESULT FileManager::QueryInterface(REFIID riid, void** ppv) {
-  return controlling_->QueryInterface(riid, ppv);
-}
-ULONG FileManager::AddRef() { return controlling_->AddRef(); }
-ULONG FileManager::Release() { return controlling_->Release(); }
-
-// ---- IDispatch ---------------------------------------------------------------------------------------
-
-HRESULT FileManager::GetTypeInfoCount(UINT* pctinfo) {
-  if (pctinfo == nullptr) return E_POINTER;
-  *pctinfo = 0;
-  return S_OK;
-}
-
-HRESULT FileManager::GetTypeInfo(UINT, LCID, ITypeInfo** ppTInfo) {
-  if (ppTInfo != nullptr) *ppTInfo = nullptr;
-  return DISP_E_BADINDEX;  // no type information objects are served
-}
-
-HRESULT FileManager::GetIDsOfNames(REFIID riid, LPOLESTR* rgszNames, UINT cNames, LCID,
-                                   DISPID* rgDispId) {
-  if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
-  return typelib::GetIDsOfNames(DispatchInterface(), rgszNames, cNames, rgDispId);
-}
-
-HRESULT FileManager::Invoke(DISPID dispIdMember, REFIID riid, LCID, WORD wFlags,
-                            DISPPARAMS* pDispParams, VARIANT* pVarResult, EXCEPINFO*,
-                            UINT* puArgErr) {
-  return Guarded([&] {
-    return typelib::Invoke(DispatchInterface(), static_cast<IGroupManager2*>(this), &CallMember,
-                           dispIdMember, riid, wFlags, pDispParams, pVarResult, puArgErr);
-  });
+  return CreateAggregable<FileManager>(outer, riid, ppv);
 }
 
 // ---- Building groups ---------------------------------------------------------------------------------

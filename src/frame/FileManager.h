@@ -9,6 +9,7 @@
 
 #include "containers/ContainerFactory.h"
 #include "containers/GroupContainer.h"
+#include "frame/DispatchObject.h"
 #include "platform/com.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
@@ -49,26 +50,13 @@ std::string GetTempGroupFolder();
 
 // ---- The object -----------------------------------------------------------------------------------
 
-class FileManager : public IGroupManager2, public ContainerFactory {
+class FileManager : public DispatchObject<IGroupManager2>, public ContainerFactory {
  public:
   // Creation function of the class object (aggregation supported: see module::CreateInstanceFn).
   static HRESULT CreateInstance(IUnknown* outer, REFIID riid, void** ppv);
 
   // Reference count 0; the creator takes the first reference through QueryInterface.
   explicit FileManager(IUnknown* outer = nullptr);
-
-  // IUnknown: delegates to the outer object when aggregated.
-  HRESULT QueryInterface(REFIID riid, void** ppv) override;
-  ULONG AddRef() override;
-  ULONG Release() override;
-
-  // IDispatch, driven by the type library description of IGroupManager2.
-  HRESULT GetTypeInfoCount(UINT* pctinfo) override;
-  HRESULT GetTypeInfo(UINT iTInfo, LCID lcid, ITypeInfo** ppTInfo) override;
-  HRESULT GetIDsOfNames(REFIID riid, LPOLESTR* rgszNames, UINT cNames, LCID lcid,
-                        DISPID* rgDispId) override;
-  HRESULT Invoke(DISPID dispIdMember, REFIID riid, LCID lcid, WORD wFlags, DISPPARAMS* pDispParams,
-                 VARIANT* pVarResult, EXCEPINFO* pExcepInfo, UINT* puArgErr) override;
 
   // IFileManager
   HRESULT CreateGrpFile(BSTR grpfile, BSTR newfiles) override;
@@ -90,9 +78,6 @@ class FileManager : public IGroupManager2, public ContainerFactory {
   HRESULT put_ShowUI(HWND hWnd) override;
   HRESULT get_DoesPathExist(BSTR sGrpPathWithInPath, LONG* pVal) override;
 
-  // The inner, non-delegating unknown: the object's own identity when it is aggregated.
-  IUnknown* InnerUnknown() { return &inner_; }
-
   LONG UseQXAsciiFlag() const { return useQXAscii_; }
   LONG FilesSkipped() const { return filesSkipped_; }
   HWND OwnerWindow() const { return owner_; }
@@ -107,23 +92,11 @@ class FileManager : public IGroupManager2, public ContainerFactory {
   virtual PromptResult OnAddPrompt(const std::string& filePath, PromptReason reason);
 
  private:
-  // The non-delegating unknown; its count is the object's.
-  struct Inner final : IUnknown {
-    explicit Inner(FileManager* owner) : self(owner) {}
-    HRESULT QueryInterface(REFIID riid, void** ppv) override;
-    ULONG AddRef() override;
-    ULONG Release() override;
-    FileManager* self;
-  };
-
   static PromptResult AddPrompt(const std::string& filePath, PromptReason reason,
                                 GroupContainer* container, void* context);
   // GetFile and ExtractFile: copy one member out, then remove it when `remove` is set.
   HRESULT TakeMember(BSTR grpfile, BSTR infile, BSTR destdir, bool remove);
 
-  Inner inner_;
-  IUnknown* controlling_;  // the outer object, or inner_
-  ComRefCount refs_;
   LONG useQXAscii_ = 0;
   LONG filesSkipped_ = 0;
   HWND owner_ = nullptr;

@@ -1,5 +1,8 @@
 #include "frame/TypeLibrary.h"
 
+#include <type_traits>
+#include <utility>
+
 #include "platform/com.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
@@ -13,6 +16,60 @@ using enum MemberKind;
 
 // Early-bound slots: IUnknown (3) and IDispatch (4) come first.
 constexpr unsigned kFirstSlot = 7;
+
+// ---- Rows bound to their methods ----------------------------------------------------------------
+// Row<&IFileManager::AddFiles>(4, "AddFiles", ...) makes the member's thunk from the method and
+// refuses to compile when the row's parameters do not match the method's (count, type, direction).
+
+template <class T>
+T Pick(Argument& a) {
+  if constexpr (std::is_same_v<T, BSTR>) return a.str;
+  else if constexpr (std::is_same_v<T, BSTR*>) return a.strOut;
+  else if constexpr (std::is_same_v<T, LONG>) return a.value;
+  else if constexpr (std::is_same_v<T, LONG*>) return a.valueOut;
+  else return a.window;
+}
+
+template <class T>
+consteval bool Fits(const Param& p) {
+  if constexpr (std::is_same_v<T, BSTR>) return p.type == String && p.dir == In;
+  else if constexpr (std::is_same_v<T, BSTR*>) return p.type == String && p.dir != In;
+  else if constexpr (std::is_same_v<T, LONG>) return p.type == Int32 && p.dir == In;
+  else if constexpr (std::is_same_v<T, LONG*>) return p.type == Int32 && p.dir == OutRetval;
+  else if constexpr (std::is_same_v<T, HWND>) return p.type == WindowHandle && p.dir == In;
+  else return false;
+}
+
+template <class Method>
+struct MethodOf;
+
+template <class I, class... P>
+struct MethodOf<HRESULT (I::*)(P...)> {
+  static_assert(std::is_base_of_v<IDispatch, I>);
+
+  static consteval bool Fits(std::span<const Param> params) {
+    if (params.size() != sizeof...(P)) return false;
+    size_t i = 0;
+    return (typelib::Fits<P>(params[i++]) && ...);
+  }
+
+  template <auto M, size_t... N>
+  static HRESULT Expand(IDispatch* object, Argument* a, std::index_sequence<N...>) {
+    return (static_cast<I*>(object)->*M)(Pick<P>(a[N])...);
+  }
+
+  template <auto M>
+  static HRESULT Bound(IDispatch* object, Argument* a) {
+    return Expand<M>(object, a, std::index_sequence_for<P...>{});
+  }
+};
+
+template <auto M>
+consteval Member Row(DISPID dispid, std::string_view name, MemberKind kind,
+                     std::span<const Param> params, std::string_view help, unsigned slot) {
+  if (!MethodOf<decltype(M)>::Fits(params)) throw "the row's parameters do not match its method";
+  return {dispid, name, kind, params, help, slot, &MethodOf<decltype(M)>::template Bound<M>};
+}
 
 // ---- IFileManager ------------------------------------------------------------------------------
 
@@ -29,16 +86,25 @@ constexpr Param kExpandFlashFile[] = {
 constexpr Param kUseQXAscii[] = {{"bUse", Int32, In}};
 constexpr Param kDeleteFiles[] = {{"grpfile", String, In}, {"indfiles", String, In}};
 
+using FM = IFileManager;
 constexpr Member kFileManagerMembers[] = {
-    {1, "CreateGrpFile", Method, kCreateGrpFile, "method CreateGrpFile", kFirstSlot + 0},
-    {2, "ExpandGrpFile", Method, kExpandGrpFile, "method ExpandGrpFile", kFirstSlot + 1},
-    {3, "ExtractFile", Method, kExtractFile, "method ExtractFile", kFirstSlot + 2},
-    {4, "AddFiles", Method, kAddFiles, "method AddFiles", kFirstSlot + 3},
-    {5, "ReadContents", Method, kReadContents, "method ReadContents", kFirstSlot + 4},
-    {6, "DeleteFile", Method, kDeleteFile, "method DeleteFile", kFirstSlot + 5},
-    {7, "ExpandFlashFile", Method, kExpandFlashFile, "method ExpandFlashFile", kFirstSlot + 6},
-    {8, "UseQXAscii", Method, kUseQXAscii, "method UseQXAscii", kFirstSlot + 7},
-    {9, "DeleteFiles", Method, kDeleteFiles, "method DeleteFiles", kFirstSlot + 8},
+    Row<&FM::CreateGrpFile>(1, "CreateGrpFile", Method, kCreateGrpFile, "method CreateGrpFile",
+                            kFirstSlot + 0),
+    Row<&FM::ExpandGrpFile>(2, "ExpandGrpFile", Method, kExpandGrpFile, "method ExpandGrpFile",
+                            kFirstSlot + 1),
+    Row<&FM::ExtractFile>(3, "ExtractFile", Method, kExtractFile, "method ExtractFile",
+                          kFirstSlot + 2),
+    Row<&FM::AddFiles>(4, "AddFiles", Method, kAddFiles, "method AddFiles", kFirstSlot + 3),
+    Row<&FM::ReadContents>(5, "ReadContents", Method, kReadContents, "method ReadContents",
+                           kFirstSlot + 4),
+    Row<&FM::DeleteFile>(6, "DeleteFile", Method, kDeleteFile, "method DeleteFile",
+                         kFirstSlot + 5),
+    Row<&FM::ExpandFlashFile>(7, "ExpandFlashFile", Method, kExpandFlashFile,
+                              "method ExpandFlashFile", kFirstSlot + 6),
+    Row<&FM::UseQXAscii>(8, "UseQXAscii", Method, kUseQXAscii, "method UseQXAscii",
+                         kFirstSlot + 7),
+    Row<&FM::DeleteFiles>(9, "DeleteFiles", Method, kDeleteFiles, "method DeleteFiles",
+                          kFirstSlot + 8),
 };
 
 constexpr Interface kIFileManager = {
@@ -60,15 +126,19 @@ constexpr Param kShowUI[] = {{"hWnd", WindowHandle, In}};
 constexpr Param kDoesPathExist[] = {
     {"sGrpPathWithInPath", String, In}, {"pVal", Int32, OutRetval}};
 
+using GM2 = IGroupManager2;
 constexpr Member kGroupManager2Members[] = {
-    {51, "GetFile", Method, kGetFile, "method GetFile", kGroupManager2Slot + 0},
-    {52, "ReadContentsXml", Method, kReadContentsXml, "method ReadContentsXml",
-     kGroupManager2Slot + 1},
-    {53, "IsGroup", PropertyGet, kIsGroup, "property IsGroup", kGroupManager2Slot + 2},
-    {54, "SplitPath", Method, kSplitPath, "method SplitPath", kGroupManager2Slot + 3},
-    {55, "ShowUI", PropertyPut, kShowUI, "property ShowUI", kGroupManager2Slot + 4},
-    {56, "DoesPathExist", PropertyGet, kDoesPathExist, "property DoesPathExist",
-     kGroupManager2Slot + 5},
+    Row<&GM2::GetFile>(51, "GetFile", Method, kGetFile, "method GetFile", kGroupManager2Slot + 0),
+    Row<&GM2::ReadContentsXml>(52, "ReadContentsXml", Method, kReadContentsXml,
+                               "method ReadContentsXml", kGroupManager2Slot + 1),
+    Row<&GM2::get_IsGroup>(53, "IsGroup", PropertyGet, kIsGroup, "property IsGroup",
+                           kGroupManager2Slot + 2),
+    Row<&GM2::SplitPath>(54, "SplitPath", Method, kSplitPath, "method SplitPath",
+                         kGroupManager2Slot + 3),
+    Row<&GM2::put_ShowUI>(55, "ShowUI", PropertyPut, kShowUI, "property ShowUI",
+                          kGroupManager2Slot + 4),
+    Row<&GM2::get_DoesPathExist>(56, "DoesPathExist", PropertyGet, kDoesPathExist,
+                                 "property DoesPathExist", kGroupManager2Slot + 5),
 };
 
 constexpr Interface kIGroupManager2 = {"IGroupManager2", &IID_IGroupManager2,
@@ -150,6 +220,18 @@ const Coclass* FindCoclass(const CLSID& clsid) {
   for (const Coclass& c : kLibrary.coclasses)
     if (*c.clsid == clsid) return &c;
   return nullptr;
+}
+
+const Interface& DispatchInterface(const Coclass& coclass) {
+  const auto depth = [](const Interface* itf) {
+    size_t n = 0;
+    for (; itf->base != nullptr; itf = itf->base) ++n;
+    return n;
+  };
+  const Interface* widest = coclass.interfaces.front();
+  for (const Interface* itf : coclass.interfaces)
+    if (depth(itf) > depth(widest)) widest = itf;
+  return *widest;
 }
 
 std::vector<const Member*> AllMembers(const Interface& itf) {
@@ -286,8 +368,8 @@ HRESULT ConvertArgument(const Param& param, VARIANT& v, Argument& arg) {
 
 }  // namespace
 
-HRESULT Invoke(const Interface& itf, void* object, MemberCall call, DISPID dispid, REFIID riid,
-               WORD flags, DISPPARAMS* params, VARIANT* result, UINT* argErr) {
+HRESULT Invoke(const Interface& itf, IDispatch* object, DISPID dispid, REFIID riid, WORD flags,
+               DISPPARAMS* params, VARIANT* result, UINT* argErr) {
   if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
   const Member* member = SelectMember(itf, dispid, flags);
   if (member == nullptr) return DISP_E_MEMBERNOTFOUND;
@@ -323,7 +405,7 @@ HRESULT Invoke(const Interface& itf, void* object, MemberCall call, DISPID dispi
   }
 
   if (result != nullptr) VariantInit(result);
-  const HRESULT hr = call(object, *member, args.data());
+  const HRESULT hr = member->thunk(object, args.data());
   const Param* retval = member->Retval();
   if (retval != nullptr && SUCCEEDED(hr) && result != nullptr) {
     if (retval->type == String) {

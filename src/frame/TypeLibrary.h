@@ -32,6 +32,23 @@ struct Param {
   ParamDir dir;
 };
 
+// One converted argument, as the early-bound method takes it. Which field is used follows the
+// parameter's type and direction: [in] string -> str, [out]/[in, out]/[out, retval] string ->
+// strOut, [in] integer -> value, [out, retval] integer -> valueOut, window handle -> window.
+struct Argument {
+  BSTR str = nullptr;
+  BSTR* strOut = nullptr;
+  LONG value = 0;
+  LONG* valueOut = nullptr;
+  HWND window = nullptr;
+};
+
+// Calls a member's early-bound method on `object` (an interface pointer of the member's
+// interface, or of one derived from it, seen as IDispatch) with the arguments in parameter
+// order. The table makes one per member from the method itself (see TypeLibrary.cpp), so the
+// member's dispid, parameters and method are written down once, in its row.
+using Thunk = HRESULT (*)(IDispatch* object, Argument* args);
+
 struct Member {
   DISPID dispid;
   std::string_view name;
@@ -40,6 +57,7 @@ struct Member {
   std::string_view help;  // "method X" or "property X"
   // Index in the early-bound function table, counting QueryInterface as 0.
   unsigned vtableSlot;
+  Thunk thunk;
 
   // How many arguments a caller passes through Invoke: every parameter but [out, retval].
   unsigned ArgumentCount() const;
@@ -61,6 +79,10 @@ struct Coclass {
   std::string_view help;
   std::span<const Interface* const> interfaces;  // the default interface first
 };
+
+// The interface a class's IDispatch serves: the one of its interfaces that extends all the
+// others (IGroupManager2 for FileManager).
+const Interface& DispatchInterface(const Coclass& coclass);
 
 struct Library {
   std::string_view name;
@@ -104,25 +126,12 @@ std::string_view ToString(MemberKind kind);
 // Unknown names get DISPID_UNKNOWN and the result is DISP_E_UNKNOWNNAME; the others are filled.
 HRESULT GetIDsOfNames(const Interface& itf, const LPOLESTR* names, UINT count, DISPID* ids);
 
-// One converted argument, as the early-bound method takes it. Which field is used follows the
-// parameter's type and direction: [in] string -> str, [out]/[in, out]/[out, retval] string ->
-// strOut, [in] integer -> value, [out, retval] integer -> valueOut, window handle -> window.
-struct Argument {
-  BSTR str = nullptr;
-  BSTR* strOut = nullptr;
-  LONG value = 0;
-  LONG* valueOut = nullptr;
-  HWND window = nullptr;
-};
-
-// Calls the early-bound method for `member` on `object` with the arguments in parameter order.
-using MemberCall = HRESULT (*)(void* object, const Member& member, Argument* args);
-
 // IDispatch::Invoke: finds the member by dispid and flags, checks named arguments and the count,
 // converts the arguments (rgvarg holds them last first; puArgErr gets the index into rgvarg of a
-// bad one), calls `call` and hands the [out, retval] value back in pVarResult (the caller owns
-// it). Returns the method's own status once it was called: S_OK, S_FALSE, 2, E_FAIL, ...
-HRESULT Invoke(const Interface& itf, void* object, MemberCall call, DISPID dispid, REFIID riid,
-               WORD flags, DISPPARAMS* params, VARIANT* result, UINT* argErr);
+// bad one), calls the member's thunk on `object` and hands the [out, retval] value back in
+// pVarResult (the caller owns it). Returns the method's own status once it was called: S_OK,
+// S_FALSE, 2, E_FAIL, ...
+HRESULT Invoke(const Interface& itf, IDispatch* object, DISPID dispid, REFIID riid, WORD flags,
+               DISPPARAMS* params, VARIANT* result, UINT* argErr);
 
 }  // namespace qx::typelib

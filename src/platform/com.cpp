@@ -13,6 +13,11 @@ const IID IID_IClassFactory = {0x00000001, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0,
 const IID IID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
 }
 
+extern "C" {
+const IID IID_ISupportErrorInfo = {
+    0xDF0B3D60, 0x548F, 0x101B, {0x8E, 0x65, 0x08, 0x00, 0x2B, 0x2B, 0xA3, 0xF6}};
+}
+
 // ---- Automation strings ------------------------------------------------------------------------
 // Layout: [uint32 byte length, little-endian as the machine][bytes][two NUL bytes]; the BSTR
 // points just past the length.

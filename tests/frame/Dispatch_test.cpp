@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <fstream>
+#include <regex>
+#include <sstream>
 #include <vector>
 
 #include "frame/FrameFixtures.h"
@@ -204,6 +207,55 @@ TEST(TypeLibraryTest, SlotsFollowTheInheritedMembers) {
   for (size_t i = 0; i < members.size(); ++i) EXPECT_EQ(members[i]->vtableSlot, 7 + i);
   EXPECT_EQ(members[9]->name, "GetFile");
   EXPECT_EQ(typelib::FindMember(*typelib::FindInterface("IFileManager"), "GetFile"), nullptr);
+}
+
+// The public header restates the table twice: dispids in comments beside the C++ methods and the
+// order of the C function table. Both must follow the table, which IDispatch serves.
+TEST(TypeLibraryTest, PublicHeaderFollowsTheTable) {
+  std::ifstream in(QX_TEST_DATA_DIR "/../../include/qxgroupmgr/QXGroupMgr.h");
+  ASSERT_TRUE(in);
+  std::stringstream buffer;
+  buffer << in.rdbuf();
+  const std::string header = buffer.str();
+  const auto block = [&](const std::string& start, const std::string& end) {
+    const size_t from = header.find(start);
+    return from == std::string::npos ? std::string()
+                                     : header.substr(from, header.find(end, from) - from);
+  };
+  const auto cppName = [](const typelib::Member& m) {
+    const char* prefix = m.kind == typelib::MemberKind::PropertyGet   ? "get_"
+                         : m.kind == typelib::MemberKind::PropertyPut ? "put_"
+                                                                      : "";
+    return prefix + std::string(m.name);
+  };
+  for (const typelib::Interface* itf : typelib::TheLibrary().interfaces) {
+    SCOPED_TRACE(std::string(itf->name));
+    const std::string base = itf->base != nullptr ? std::string(itf->base->name) : "IDispatch";
+    const std::string cpp = block("struct " + std::string(itf->name) + " : " + base + " {", "};");
+    std::vector<std::string> declared;
+    const std::regex method(R"(virtual HRESULT (\w+)\([^;]*;\s*/\*\s*(\d+))");
+    for (std::sregex_iterator m(cpp.begin(), cpp.end(), method), end; m != end; ++m)
+      declared.push_back((*m)[1].str() + " " + (*m)[2].str());
+    std::vector<std::string> described;
+    for (const typelib::Member& m : itf->members)
+      described.push_back(cppName(m) + " " + std::to_string(m.dispid));
+    EXPECT_EQ(declared, described);
+
+    const std::string c = block("typedef struct " + std::string(itf->name) + "Vtbl {", "}");
+    if (c.empty()) continue;  // a base interface, laid out at the front of its derived one
+    std::vector<std::string> slots;
+    const std::regex entry(R"(\(\*(\w+)\))");
+    for (std::sregex_iterator m(c.begin(), c.end(), entry), end; m != end; ++m)
+      slots.push_back((*m)[1].str());
+    std::vector<std::string> expected = {"QueryInterface", "AddRef",      "Release",
+                                         "GetTypeInfoCount", "GetTypeInfo", "GetIDsOfNames",
+                                         "Invoke"};
+    for (const typelib::Member* m : typelib::AllMembers(*itf)) {
+      EXPECT_EQ(m->vtableSlot, expected.size()) << m->name;
+      expected.push_back(cppName(*m));
+    }
+    EXPECT_EQ(slots, expected);
+  }
 }
 
 }  // namespace

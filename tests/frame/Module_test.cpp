@@ -68,6 +68,7 @@ TEST(ModuleTest, CreateInstanceArguments) {
       {"plain IFileManager", nullptr, &IID_IFileManager, S_OK},
       {"plain IDispatch", nullptr, &IID_IDispatch, S_OK},
       {"plain IUnknown", nullptr, &IID_IUnknown, S_OK},
+      {"plain ISupportErrorInfo", nullptr, &IID_ISupportErrorInfo, S_OK},
       {"plain unknown interface", nullptr, &IID_IClassFactory, E_NOINTERFACE},
       {"outer with IGroupManager2", &outer, &IID_IGroupManager2, CLASS_E_NOAGGREGATION},
       {"outer with IDispatch", &outer, &IID_IDispatch, CLASS_E_NOAGGREGATION},
@@ -107,6 +108,17 @@ TEST(ModuleTest, AggregatedObjectDelegatesToItsOuter) {
   EXPECT_EQ(module::LockCount(), 1);
   inner->Release();
   EXPECT_EQ(module::LockCount(), 0);
+}
+
+TEST(ModuleTest, ErrorInfoForTheDispatchInterfacesOnly) {
+  ISupportErrorInfo* info = nullptr;
+  ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_ISupportErrorInfo, reinterpret_cast<void**>(&info)), S_OK);
+  const std::pair<const IID*, HRESULT> rows[] = {
+      {&IID_IGroupManager2, S_OK}, {&IID_IFileManager, S_OK}, {&IID_IDispatch, S_OK},
+      {&IID_IUnknown, S_FALSE},    {&IID_ISupportErrorInfo, S_FALSE}, {&IID_IQXPackageInfo, S_FALSE},
+  };
+  for (const auto& [iid, expected] : rows) EXPECT_EQ(info->InterfaceSupportsErrorInfo(*iid), expected) << GuidToString(*iid);
+  EXPECT_EQ(info->Release(), 0u);
 }
 
 }  // namespace

@@ -1,12 +1,15 @@
-// `qxgroup call MEMBER [ARG...]`: any FileManager member by its type-library name, through
-// IDispatch, with the result as one JSON object on stdout.
+// `qxgroup call [--class=NAME] MEMBER [ARG...]`: any member of a creatable class by its
+// type-library name, through IDispatch, with the result as one JSON object on stdout. The class,
+// its interface and the member's parameters all come from the type library.
 #include "qxgroup/CallCommand.h"
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <optional>
 
+#include "frame/Module.h"
 #include "frame/TypeLibrary.h"
 #include "platform/ui.h"
 #include "qxgroup/Automation.h"
@@ -43,12 +46,88 @@ std::shared_ptr<ui::Host> HostFor(const std::string& mode) {
   return nullptr;
 }
 
+const typelib::Coclass& FindClass(const std::string& name) {
+  const typelib::Coclass* coclass = typelib::FindCoclass(name);
+  if (coclass == nullptr) {
+    std::string known;
+    for (const typelib::Coclass& c : typelib::TheLibrary().coclasses)
+      known += (known.empty() ? "" : ", ") + std::string(c.name);
+    throw UsageError{"no class named \"" + name + "\" (classes: " + known + ")"};
+  }
+  return *coclass;
+}
+
+// A new instance of the class, held through its IDispatch for the life of the command.
+class Instance {
+ public:
+  explicit Instance(const typelib::Coclass& coclass) {
+    IClassFactory* factory = nullptr;
+    HRESULT hr = module::GetClassObject(*coclass.clsid, IID_IClassFactory,
+                                        reinterpret_cast<void**>(&factory));
+    if (FAILED(hr) || factory == nullptr)
+      throw Failure{"cannot get the " + std::string(coclass.name) + " class object (" +
+                    HexStatus(hr) + ")"};
+    hr = factory->CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&disp_));
+    factory->Release();
+    if (FAILED(hr) || disp_ == nullptr)
+      throw Failure{"cannot create a " + std::string(coclass.name) + " (" + HexStatus(hr) + ")"};
+  }
+  ~Instance() { disp_->Release(); }
+  Instance(const Instance&) = delete;
+  Instance& operator=(const Instance&) = delete;
+  IDispatch* operator->() const { return disp_; }
+
+ private:
+  IDispatch* disp_ = nullptr;
+};
+
+// Gives the object an owner window bound to `host` through its ShowUI property for as long as
+// this lives, and takes it back at the end.
+class DispatchOwnerWindow {
+ public:
+  DispatchOwnerWindow(IDispatch* disp, const typelib::Member& showUI,
+                      std::shared_ptr<ui::Host> host)
+      : disp_(disp), showUI_(showUI), window_(ui::BindOwnerWindow(std::move(host))) {
+    Put(window_);
+  }
+  ~DispatchOwnerWindow() {
+    Put(nullptr);
+    ui::ReleaseOwnerWindow(window_);
+  }
+  DispatchOwnerWindow(const DispatchOwnerWindow&) = delete;
+  DispatchOwnerWindow& operator=(const DispatchOwnerWindow&) = delete;
+
+ private:
+  void Put(HWND window) {
+    VARIANT v;
+    VariantInit(&v);
+    v.vt = VT_INT_PTR;
+    v.intPtrVal = reinterpret_cast<LONG_PTR>(window);
+    DISPID putId = DISPID_PROPERTYPUT;
+    DISPPARAMS params{&v, &putId, 1, 1};
+    disp_->Invoke(showUI_.dispid, IID_NULL, 0, DISPATCH_PROPERTYPUT, &params, nullptr, nullptr,
+                  nullptr);
+  }
+  IDispatch* disp_;
+  const typelib::Member& showUI_;
+  HWND window_;
+};
+
+// The class's property that takes an owner window, or null when it shows no dialogs.
+const typelib::Member* OwnerWindowMember(const typelib::Interface& itf) {
+  for (const typelib::Member* m : typelib::AllMembers(itf))
+    if (m->kind == typelib::MemberKind::PropertyPut && m->params.size() == 1 &&
+        m->params[0].type == typelib::ParamType::WindowHandle)
+      return m;
+  return nullptr;
+}
+
 }  // namespace
 
-std::string DescribeMembers() {
+std::string DescribeMembers(const std::string& className) {
   std::string text = "Members (names are not case-sensitive):\n";
-  const typelib::Interface* itf = typelib::FindInterface(IID_IGroupManager2);
-  for (const typelib::Member* m : typelib::AllMembers(*itf)) {
+  const typelib::Interface& itf = typelib::DispatchInterface(FindClass(className));
+  for (const typelib::Member* m : typelib::AllMembers(itf)) {
     std::string line = "  " + std::string(m->name) + "(";
     bool first = true;
     for (const typelib::Param& p : m->params) {
@@ -64,10 +143,11 @@ std::string DescribeMembers() {
   return text;
 }
 
-int RunCall(const std::string& uiMode, const std::string& memberName,
-            const std::vector<std::string>& args) {
-  const typelib::Interface* itf = typelib::FindInterface(IID_IGroupManager2);
-  const typelib::Member* member = typelib::FindMember(*itf, memberName);
+int RunCall(const std::string& className, const std::string& uiMode,
+            const std::string& memberName, const std::vector<std::string>& args) {
+  const typelib::Coclass& coclass = FindClass(className);
+  const typelib::Interface& itf = typelib::DispatchInterface(coclass);
+  const typelib::Member* member = typelib::FindMember(itf, memberName);
   if (member == nullptr)
     throw UsageError{"no member named \"" + memberName + "\" (see qxgroup call --help)"};
 
@@ -83,15 +163,18 @@ int RunCall(const std::string& uiMode, const std::string& memberName,
                      (inOutCount ? " to " + std::to_string(inCount + inOutCount) : "") +
                      " argument(s), not " + std::to_string(args.size())};
 
-  FileManagerSession fm;
-  if (fm.get() == nullptr) throw Failure{fm.Error()};
-
   std::shared_ptr<ui::Host> host;
+  const typelib::Member* showUI = nullptr;
   if (uiMode != "none") {
     host = HostFor(uiMode);
     if (!host) throw UsageError{"--ui takes none, tty, replace, all, skip or cancel"};
+    showUI = OwnerWindowMember(itf);
+    if (showUI == nullptr)
+      throw UsageError{"--ui: " + std::string(coclass.name) + " shows no dialogs"};
   }
-  OwnerWindow owner(fm.get(), std::move(host));
+  Instance object(coclass);
+  std::optional<DispatchOwnerWindow> owner;
+  if (showUI != nullptr) owner.emplace(object.operator->(), *showUI, std::move(host));
 
   Slots slots;
   slots.strings.reserve(member->params.size());
@@ -146,7 +229,7 @@ int RunCall(const std::string& uiMode, const std::string& memberName,
   VARIANT result;
   VariantInit(&result);
   UINT argErr = 0;
-  const HRESULT hr = fm->Invoke(member->dispid, IID_NULL, 0, flags, &params, &result, nullptr,
+  const HRESULT hr = object->Invoke(member->dispid, IID_NULL, 0, flags, &params, &result, nullptr,
                                 &argErr);
 
   JsonObject out;

@@ -5,12 +5,13 @@
 
 namespace qx::cli {
 
-// The members of FileManager with their parameters and help strings, for --help.
-std::string DescribeMembers();
+// The members of a class of the type library with their parameters and help strings, for --help.
+std::string DescribeMembers(const std::string& className = "FileManager");
 
-// Invokes `member` through IDispatch and prints {"hr":"0x........","out":{...}}.
-// uiMode: none, tty, replace, all, skip or cancel. Returns the exit status.
-int RunCall(const std::string& uiMode, const std::string& member,
+// Makes an instance of the class named in the type library, invokes `member` through its
+// IDispatch and prints {"hr":"0x........","out":{...}}. uiMode: none, tty, replace, all, skip or
+// cancel (any but none needs a class with an owner-window property). Returns the exit status.
+int RunCall(const std::string& className, const std::string& uiMode, const std::string& member,
             const std::vector<std::string>& args);
 
 }  // namespace qx::cli

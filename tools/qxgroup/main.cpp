@@ -30,6 +30,7 @@ struct Options {
   bool meta = false;
   std::vector<std::string> items;
   std::string uiMode = "none";
+  std::string className = "FileManager";
   std::string onDuplicate = "replace";
   std::string member;
   std::vector<std::string> args;
@@ -155,9 +156,11 @@ int main(int argc, char** argv) {
                    "Owner window for prompts: none, tty (ask in the terminal), or a fixed "
                    "answer: replace, all, skip, cancel")
       ->check(CLI::IsMember({"none", "tty", "replace", "all", "skip", "cancel"}));
+  call->add_option("--class", o.className,
+                   "The class to make, by its type-library name (default FileManager)");
   call->add_option("member", o.member, "Member name, e.g. ReadContents")->required();
   call->add_option("args", o.args, "Arguments for its [in] parameters, in order");
-  commands.emplace_back(call, [&] { return RunCall(o.uiMode, o.member, o.args); });
+  commands.emplace_back(call, [&] { return RunCall(o.className, o.uiMode, o.member, o.args); });
 
   try {
     app.parse(argc, argv);

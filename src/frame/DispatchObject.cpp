@@ -1,0 +1,75 @@
+#include "frame/DispatchObject.h"
+
+#include <new>
+
+#include "frame/Module.h"
+
+namespace qx {
+
+ObjectCore::ObjectCore(const typelib::Interface& described, IUnknown* outer)
+    : inner_(this), controlling_(outer != nullptr ? outer : &inner_), described_(described) {
+  module::Lock();
+}
+
+ObjectCore::~ObjectCore() { module::Unlock(); }
+
+HRESULT ObjectCore::Inner::QueryInterface(REFIID riid, void** ppv) {
+  if (ppv == nullptr) return E_POINTER;
+  IUnknown* found = riid == IID_IUnknown ? this : self->Answer(riid);
+  *ppv = found;
+  if (found == nullptr) return E_NOINTERFACE;
+  found->AddRef();
+  return S_OK;
+}
+
+ULONG ObjectCore::Inner::AddRef() { return self->refs_.Increment(); }
+
+ULONG ObjectCore::Inner::Release() {
+  const ULONG count = self->refs_.Decrement();
+  if (count == 0) delete self;
+  return count;
+}
+
+bool ObjectCore::IsDispatchInterface(REFIID riid) const {
+  if (riid == IID_IDispatch) return true;
+  for (const typelib::Interface* i = &described_; i != nullptr; i = i->base)
+    if (*i->iid == riid) return true;
+  return false;
+}
+
+HRESULT ObjectCore::TypeInfoCount(UINT* pctinfo) {
+  if (pctinfo == nullptr) return E_POINTER;
+  *pctinfo = 0;
+  return S_OK;
+}
+
+HRESULT ObjectCore::TypeInfo(ITypeInfo** ppTInfo) {
+  if (ppTInfo != nullptr) *ppTInfo = nullptr;
+  return DISP_E_BADINDEX;  // no type information objects are served
+}
+
+HRESULT ObjectCore::IDsOfNames(REFIID riid, LPOLESTR* names, UINT count, DISPID* ids) {
+  if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
+  return typelib::GetIDsOfNames(described_, names, count, ids);
+}
+
+HRESULT ObjectCore::InvokeMember(IDispatch* self, DISPID dispid, REFIID riid, WORD flags,
+                                 DISPPARAMS* params, VARIANT* result, UINT* argErr) {
+  try {
+    return typelib::Invoke(described_, self, dispid, riid, flags, params, result, argErr);
+  } catch (const std::bad_alloc&) {
+    return E_OUTOFMEMORY;
+  } catch (...) {
+    return E_FAIL;
+  }
+}
+
+HRESULT ObjectCore::Publish(ObjectCore* object, REFIID riid, void** ppv) {
+  // Hold a reference while asking, so a refused interface destroys the new object.
+  object->inner_.AddRef();
+  const HRESULT hr = object->inner_.QueryInterface(riid, ppv);
+  object->inner_.Release();
+  return hr;
+}
+
+}  // namespace qx
