@@ -44,6 +44,29 @@ class VxByteData {
   std::vector<unsigned char> bytes_;
 };
 
+// What WriteZipGraded did to the archive file, and why in words.
+struct ZipWriteResult {
+  enum class Outcome {
+    Untouched,            // the file on disk is as it was (message says why)
+    Written,              // every entry was written
+    WrittenLeavingOut,    // written without the entries in leftOut (message names them)
+  };
+  struct LeftOut {
+    std::string name;    // as GetFileName gives it
+    std::string reason;  // "cannot be compressed", ...
+  };
+  Outcome outcome = Outcome::Untouched;
+  std::string message;  // empty when everything was written and read back
+  std::vector<LeftOut> leftOut;
+  // The written archive was opened again; false leaves the VxZip without a list.
+  bool reopened = false;
+
+  // WriteZip's answer: everything written and open again.
+  bool Complete() const { return outcome == Outcome::Written && reopened; }
+  // The same as the 1 / 0 of the platform's interfaces.
+  int AsInt() const { return Complete() ? 1 : 0; }
+};
+
 // A handle on one entry of a VxZip. It goes empty when its entry goes (deleted, or the archive
 // reopened or rewritten): getters then give 0, empty text or the current local time, and
 // actions fail. Deleting a handle never touches the archive; it may outlive the archive.
@@ -88,7 +111,10 @@ class VxZip {
   // Starts an empty archive for the path; nothing is written until WriteZip.
   bool NewZip(const char* path);
   // Writes the whole archive beside the old one and renames it into place, then reopens it.
+  // True when every entry was written and the archive read back (WriteZipGraded().Complete()).
   bool WriteZip();
+  // The same, telling an archive left untouched from one written whole or without some entries.
+  ZipWriteResult WriteZipGraded();
   // Writes every entry under the folder ("" or "." for the current one); true when all were.
   bool Extract(const char* destFolder);
 

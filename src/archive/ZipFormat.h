@@ -1,24 +1,21 @@
 // The zip format's fixed-size records as the archive service reads and writes them: field
-// layouts, signatures and the in-memory entry record. Fields are read and written one at a
-// time through the little-endian helpers, never by laying structs over bytes.
+// layouts, signatures, the in-memory entry record and the forms its name takes. Fields are read
+// and written one at a time through the little-endian helpers, never by laying structs over
+// bytes. The list of records an archive holds is ZipEntryList.h's.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
-#include <list>
-#include <map>
 #include <memory>
-#include <set>
 #include <string>
-#include <unordered_map>
 #include <vector>
-
-#include "platform/fs.h"
 
 namespace qx::zip {
 
 inline constexpr uint32_t kLocalSig = 0x04034b50;
 inline constexpr uint32_t kCentralSig = 0x02014b50;
 inline constexpr uint32_t kEndSig = 0x06054b50;
+inline constexpr uint32_t kDescriptorSig = 0x08074b50;  // optional, before a data descriptor
 
 inline constexpr size_t kLocalSize = 30;
 inline constexpr size_t kCentralSize = 46;
@@ -67,7 +64,7 @@ struct Record {
   uint32_t externalAttributes = 0;
   std::string comment;
   uint64_t serial = 0;
-  size_t slot = 0;  // see ArchiveState::slots
+  size_t slot = 0;  // see ArchiveState::slots (ZipEntryList.h)
   // From the opened archive: where its compressed bytes start in the file.
   bool fromArchive = false;
   uint64_t dataOffset = 0;
@@ -76,6 +73,11 @@ struct Record {
   std::vector<unsigned char> deflated;
   bool deflatedValid = false;
 };
+
+// A folder entry read from the archive (appended entries are always files).
+inline bool IsFolderRecord(const Record& r) {
+  return r.fromArchive && (r.externalAttributes & kAttrFolder) != 0;
+}
 
 // The header bytes of a record about to be written.
 std::vector<unsigned char> LocalHeaderBytes(const Record& r);
@@ -86,47 +88,6 @@ std::vector<unsigned char> EndRecordBytes(uint32_t count, uint32_t directorySize
 // True when the first 800 bytes look like text: no more bytes of 0-6 and 128-255 than a
 // quarter of those of 7-127.
 bool LooksLikeText(const unsigned char* data, size_t size);
-
-// Everything a VxZip holds, shared with its entry handles (which keep only a weak reference,
-// so a handle may outlive its archive).
-struct ArchiveState {
-  std::string path;
-  bool hasList = false;
-  std::list<Record> records;
-  std::unordered_map<uint64_t, std::list<Record>::iterator> bySerial;
-  std::string comment;
-  fs::File file;  // the opened archive, read by seeking
-  std::vector<std::string> log;
-
-  // Name lookups: serials by normalised and by stored name, in list order, built by the first
-  // lookup (an archive that is only listed or extracted never pays for them). List order is
-  // serial order (records are only appended or removed), so each vector stays sorted and its
-  // front is the first match.
-  using NameIndex = std::unordered_map<std::string, std::vector<uint64_t>>;
-  NameIndex byNormalName, byStoredName;
-  bool namesIndexed = false;
-  // Position lookups that survive deletions: every record added since the list was made
-  // keeps a slot (in list order), and a Fenwick tree over the slots counts the live ones, so
-  // the n-th entry is found in O(log n) however entries were deleted in between.
-  std::vector<std::list<Record>::iterator> slots;
-  std::vector<uint32_t> liveTree;  // 1-based Fenwick tree of 0/1 per slot
-
-  void Log(std::string message) { log.push_back(std::move(message)); }
-  Record* Find(uint64_t serial);
-  void Add(Record record);
-  void Remove(uint64_t serial);
-  void Drop();
-  // Builds the name lookups when they are not there yet.
-  void IndexNames();
-  // The record at a 0-based position in list order, or null.
-  Record* AtIndex(size_t index);
-};
-
-// A number no other entry of the process has had.
-uint64_t NewSerial();
-// Opens `path` and reads its headers into the list (any list is dropped first by the caller);
-// on failure the state is left without a list, with the reason logged.
-bool OpenArchive(ArchiveState& s);
 
 // The name as a caller sees it: ANSI, "\" separators.
 std::string DisplayName(const Record& r);
