@@ -7,6 +7,7 @@
 
 #include "archive/VxZip.h"
 #include "archive/ZipBytes.h"
+#include "platform/Diagnostic.h"
 #include "support/TempDir.h"
 
 namespace qx {
@@ -95,6 +96,54 @@ TEST(ZipRead, OpensWellFormedArchivesAndRefusesDamagedOnes) {
       EXPECT_TRUE(Logged(zip, "No zip file has been opened."));
     }
   }
+}
+
+// A refusal is also the call's diagnostic: the archive as subject, the entry and offset in the text.
+TEST(ZipRead, RefusalsNameTheEntryAndOffset) {
+  const Member a{"a.kdp", "first member"}, b{"sub/b.kdp", "second"};
+  Member differs{"sub/b.kdp", "abc"};
+  differs.centralCompressedSize = 1;
+  Member wide{"w.kdp", "x"};
+  wide.uncompressedSize = 0xFFFFFFFF;
+  const std::string mismatched = BuildZip({a, differs});
+  const std::string good = BuildZip({a, b});
+  const size_t directory = good.find("PK\x01\x02"), second = mismatched.rfind("PK\x01\x02");
+  const struct {
+    const char* label;
+    std::string bytes;
+    const char* code;
+    std::string text;
+  } rows[] = {
+      {"not an archive", "12345678", "zip-damaged",
+       "Not a Zip archive (no header signature at offset 0 or offset 4)"},
+      {"sizes differ", mismatched, "zip-damaged",
+       "Central directory does not match the local headers (entry 1 (sub\\b.kdp) at offset " +
+           std::to_string(second) + ": compressed size 1, local header " +
+           std::to_string(Payload(differs).size()) + ")"},
+      {"zip64", BuildZip({a, wide}), "zip-unsupported",
+       "Zip64 archives are not supported (entry 1 (w.kdp) at offset " +
+           std::to_string(30 + 5 + Payload(a).size()) + ")"},
+      {"no end record", BuildZip({a, b}, {.endRecord = false}), "zip-damaged",
+       "End of Dir signature is wrong. (no end record at offset " +
+           std::to_string(good.find("PK\x05\x06")) + ")"},
+      {"directory cut", good.substr(0, directory + 20), "zip-damaged",
+       "Zip file is truncated in the central directory (entry 0 at offset " +
+           std::to_string(directory) + ")"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.label);
+    TempDir dir;
+    const std::string path = dir.Write("t.zip", row.bytes);
+    diag::Clear();
+    VxZip zip;
+    EXPECT_FALSE(zip.OpenZip(path.c_str()));
+    const diag::Diagnostic* d = diag::Current();
+    ASSERT_NE(d, nullptr);
+    EXPECT_EQ(d->code, row.code);
+    EXPECT_EQ(d->subject, path);
+    EXPECT_EQ(d->text, row.text);
+  }
+  diag::Clear();
 }
 
 TEST(ZipRead, BothSignatureMessagesForAnUnknownStart) {

@@ -192,5 +192,48 @@ TEST(ZipWrite, CreatesTheArchiveFolderAndReplacesAnExistingFile) {
   EXPECT_EQ(FilesIn(dir / "a/b"), 1u);  // no temporary file beside it
 }
 
+// The graded answer: untouched with the refusal's message, written whole, or written without the
+// entries whose data could not be read (the archive was cut short under the open VxZip).
+TEST(ZipWrite, GradedResultSaysWhatHappenedToTheFile) {
+  using Outcome = ZipWriteResult::Outcome;
+  struct Row {
+    const char* label;
+    const char* file;
+    size_t cutTo;  // the opened archive is cut to this many bytes before writing (npos: kept)
+    Outcome outcome;
+    std::string message;
+    std::vector<std::string> leftOut;
+  };
+  const size_t kKept = std::string::npos;
+  const std::vector<Row> rows = {
+      {"whole", "a.zip", kKept, Outcome::Written, "", {}},
+      {"forbidden path", "a?.zip", kKept, Outcome::Untouched,
+       "Filename cannot contain a question-mark character", {}},
+      {"old data gone", "a.zip", 0, Outcome::WrittenLeavingOut,
+       "2 entries left out: a.kdp (its data cannot be read from the archive), sub\\b.kdp (its "
+       "data cannot be read from the archive)",
+       {"a.kdp", "sub\\b.kdp"}},
+  };
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.label);
+    TempDir dir;
+    // Larger than the file's read buffer, so cutting the file takes their data away.
+    const std::string path =
+        dir.Write(row.file, BuildZip({{"a.kdp", Binary(100000), 0}, {"sub/b.kdp", Binary(90000), 0}}));
+    VxZip zip;
+    ASSERT_TRUE(zip.OpenZip(path.c_str()));
+    ASSERT_NE(zip.AppendData("c.kdp", Bytes("new")), nullptr);
+    if (row.cutTo != kKept) std::filesystem::resize_file(path, row.cutTo);
+    const ZipWriteResult result = zip.WriteZipGraded();
+    EXPECT_EQ(result.outcome, row.outcome);
+    EXPECT_EQ(result.message, row.message);
+    std::vector<std::string> leftOut;
+    for (const auto& entry : result.leftOut) leftOut.push_back(entry.name);
+    EXPECT_EQ(leftOut, row.leftOut);
+    EXPECT_EQ(result.Complete(), row.outcome == Outcome::Written);
+    EXPECT_EQ(zip.EntryCount(), 3 - static_cast<int>(row.leftOut.size()));
+  }
+}
+
 }  // namespace
 }  // namespace qx
