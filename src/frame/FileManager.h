@@ -50,6 +50,8 @@ std::string GetTempGroupFolder();
 
 // ---- The object -----------------------------------------------------------------------------------
 
+// IUnknown (with aggregation), IDispatch over the type library and ISupportErrorInfo come from
+// DispatchObject; the class itself holds only the methods and their state.
 class FileManager : public DispatchObject<IGroupManager2>, public ContainerFactory {
  public:
   // Creation function of the class object (aggregation supported: see module::CreateInstanceFn).

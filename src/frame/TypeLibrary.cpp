@@ -147,7 +147,7 @@ constexpr Interface kIGroupManager2 = {"IGroupManager2", &IID_IGroupManager2,
 
 // ---- The library -------------------------------------------------------------------------------
 // IQXPackageInfo and the QXPackageInfo class join as one more member table, interface and
-// coclass row each.
+// coclass row each (and an InterfaceId in DispatchObject.h).
 
 constexpr const Interface* kFileManagerInterfaces[] = {&kIFileManager, &kIGroupManager2};
 

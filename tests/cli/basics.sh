@@ -53,6 +53,8 @@ expect "retval of IsGroup" 0 '^\{"hr":"0x00000000","out":\{"pVal":0\}\}$' '' -- 
   "$qx" call IsGroup notes.txt
 expect "ShowUI stores the handle" 0 '"hr":"0x00000000"' '' -- "$qx" call --ui=skip ShowUI 0
 expect "unknown member is a usage error" 2 '^$' 'no member named' -- "$qx" call NoSuchThing
+expect "class from the type library" 1 '"hr":"0x80004001"' '' -- "$qx" call --class=filemanager UseQXAscii 1
+expect "unknown class is a usage error" 2 '^$' 'no class named' -- "$qx" call --class=Nope UseQXAscii 1
 expect "too few arguments" 2 '^$' 'takes 1 argument' -- "$qx" call ReadContents
 expect "integer argument checked" 2 '^$' 'must be an integer' -- "$qx" call UseQXAscii yes
 expect "bad --ui" 2 '' '' -- "$qx" call --ui=maybe UseQXAscii 1
