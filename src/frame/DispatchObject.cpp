@@ -48,20 +48,28 @@ HRESULT ObjectCore::TypeInfo(ITypeInfo** ppTInfo) {
   return DISP_E_BADINDEX;  // no type information objects are served
 }
 
-HRESULT ObjectCore::IDsOfNames(REFIID riid, LPOLESTR* names, UINT count, DISPID* ids) {
-  if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
-  return typelib::GetIDsOfNames(described_, names, count, ids);
-}
-
-HRESULT ObjectCore::InvokeMember(IDispatch* self, DISPID dispid, REFIID riid, WORD flags,
-                                 DISPPARAMS* params, VARIANT* result, UINT* argErr) {
+HRESULT ObjectCore::RunCall(const std::function<HRESULT()>& body) {
   try {
-    return typelib::Invoke(described_, self, dispid, riid, flags, params, result, argErr);
+    return body();
   } catch (const std::bad_alloc&) {
     return E_OUTOFMEMORY;
   } catch (...) {
     return E_FAIL;
   }
+}
+
+HRESULT ObjectCore::IDsOfNames(REFIID riid, LPOLESTR* names, UINT count, DISPID* ids) {
+  return RunCall([&] {
+    if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
+    return typelib::GetIDsOfNames(described_, names, count, ids);
+  });
+}
+
+HRESULT ObjectCore::InvokeMember(IDispatch* self, DISPID dispid, REFIID riid, WORD flags,
+                                 DISPPARAMS* params, VARIANT* result, UINT* argErr) {
+  return RunCall([&] {
+    return typelib::Invoke(described_, self, dispid, riid, flags, params, result, argErr);
+  });
 }
 
 HRESULT ObjectCore::Publish(ObjectCore* object, REFIID riid, void** ppv) {

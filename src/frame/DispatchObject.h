@@ -18,6 +18,8 @@
 // like every Extra interface, an InterfaceId below.
 #pragma once
 
+#include <functional>
+
 #include "frame/TypeLibrary.h"
 #include "platform/com.h"
 #include "qxgroupmgr/QXGroupMgr.h"
@@ -60,10 +62,16 @@ class ObjectCore {
   // IDispatch, the described interface or one of its bases.
   bool IsDispatchInterface(REFIID riid) const;
 
+  // Runs one call that came in through IDispatch (name look-up or invocation). This one ends
+  // exceptions from the standard library as E_OUTOFMEMORY or E_FAIL instead of letting them
+  // cross the interface; a class that does something around each of its calls (publishing why
+  // it failed, say) overrides it, and the members Invoke reaches then run inside it.
+  virtual HRESULT RunCall(const std::function<HRESULT()>& body);
+
   HRESULT TypeInfoCount(UINT* pctinfo);
   HRESULT TypeInfo(ITypeInfo** ppTInfo);
   HRESULT IDsOfNames(REFIID riid, LPOLESTR* names, UINT count, DISPID* ids);
-  // Invokes a member of the described interface on `self`; exceptions end it as a failure.
+  // Invokes a member of the described interface on `self`, through RunCall.
   HRESULT InvokeMember(IDispatch* self, DISPID dispid, REFIID riid, WORD flags,
                        DISPPARAMS* params, VARIANT* result, UINT* argErr);
 
