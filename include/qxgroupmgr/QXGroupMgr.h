@@ -64,6 +64,29 @@ struct IGroupManager2 : IFileManager {
   ~IGroupManager2() = default;
 };
 
+/* Dual interface of QXPackageInfo, dispids 1 to 13: a package's descriptive metadata. Setting
+ * Filename opens the package (S_OK, S_FALSE when it has no manifest, E_FAIL when it is no
+ * group); the path properties give "" with S_OK when absent, the requirements "" with S_FALSE. */
+struct IQXPackageInfo : IDispatch {
+  virtual HRESULT get_Filename(BSTR* pVal) = 0;           /* 1, property get */
+  virtual HRESULT put_Filename(BSTR newVal) = 0;          /* 1, property put */
+  virtual HRESULT get_Type(BSTR* pVal) = 0;               /* 2, property get */
+  virtual HRESULT get_Title(BSTR* pVal) = 0;              /* 3, property get */
+  virtual HRESULT get_GradeLevel(BSTR* pVal) = 0;         /* 4, property get */
+  virtual HRESULT get_TeachingTime(BSTR* pVal) = 0;       /* 5, property get */
+  virtual HRESULT get_Abstract(BSTR* pVal) = 0;           /* 6, property get */
+  virtual HRESULT get_Objectives(BSTR* pVal) = 0;         /* 7, property get */
+  virtual HRESULT get_LearningTool(BSTR* pVal) = 0;       /* 8, property get */
+  virtual HRESULT get_Connectivity(BSTR* pVal) = 0;       /* 9, property get */
+  virtual HRESULT get_SupportingHardware(BSTR* pVal) = 0; /* 10, property get */
+  virtual HRESULT get_HandHeldApps(BSTR* pVal) = 0;       /* 11, property get */
+  virtual HRESULT get_ComputerApps(BSTR* pVal) = 0;       /* 12, property get */
+  virtual HRESULT get_IsQXP(LONG* pVal) = 0;              /* 13, property get */
+
+ protected:
+  ~IQXPackageInfo() = default;
+};
+
 #else /* C callers */
 
 typedef struct IGroupManager2 IGroupManager2;
@@ -98,6 +121,37 @@ typedef struct IGroupManager2Vtbl {
 } IGroupManager2Vtbl;
 struct IGroupManager2 {
   const IGroupManager2Vtbl* lpVtbl;
+};
+
+typedef struct IQXPackageInfo IQXPackageInfo;
+typedef struct IQXPackageInfoVtbl {
+  HRESULT (*QueryInterface)(IQXPackageInfo* This, REFIID riid, void** ppv);
+  ULONG (*AddRef)(IQXPackageInfo* This);
+  ULONG (*Release)(IQXPackageInfo* This);
+  HRESULT (*GetTypeInfoCount)(IQXPackageInfo* This, UINT* pctinfo);
+  HRESULT (*GetTypeInfo)(IQXPackageInfo* This, UINT iTInfo, LCID lcid, ITypeInfo** ppTInfo);
+  HRESULT (*GetIDsOfNames)(IQXPackageInfo* This, REFIID riid, LPOLESTR* rgszNames, UINT cNames,
+                           LCID lcid, DISPID* rgDispId);
+  HRESULT (*Invoke)(IQXPackageInfo* This, DISPID dispIdMember, REFIID riid, LCID lcid,
+                    WORD wFlags, DISPPARAMS* pDispParams, VARIANT* pVarResult,
+                    EXCEPINFO* pExcepInfo, UINT* puArgErr);
+  HRESULT (*get_Filename)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*put_Filename)(IQXPackageInfo* This, BSTR newVal);
+  HRESULT (*get_Type)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_Title)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_GradeLevel)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_TeachingTime)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_Abstract)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_Objectives)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_LearningTool)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_Connectivity)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_SupportingHardware)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_HandHeldApps)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_ComputerApps)(IQXPackageInfo* This, BSTR* pVal);
+  HRESULT (*get_IsQXP)(IQXPackageInfo* This, LONG* pVal);
+} IQXPackageInfoVtbl;
+struct IQXPackageInfo {
+  const IQXPackageInfoVtbl* lpVtbl;
 };
 
 #endif /* __cplusplus */

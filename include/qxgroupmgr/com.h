@@ -375,4 +375,43 @@ struct ISupportErrorInfo {
 
 #endif /* __cplusplus */
 
+/* ---- IObjectSafety ---------------------------------------------------------------------------
+ * Lets a script host ask whether an object is safe to call from untrusted scripts and switch
+ * that safety on. */
+
+QX_EXTERN_C QX_EXPORT const IID IID_IObjectSafety;
+
+#define INTERFACESAFE_FOR_UNTRUSTED_CALLER 0x00000001u
+#define INTERFACESAFE_FOR_UNTRUSTED_DATA 0x00000002u
+
+#ifdef __cplusplus
+
+struct IObjectSafety : IUnknown {
+  virtual HRESULT GetInterfaceSafetyOptions(REFIID riid, DWORD* pdwSupportedOptions,
+                                            DWORD* pdwEnabledOptions) = 0;
+  virtual HRESULT SetInterfaceSafetyOptions(REFIID riid, DWORD dwOptionSetMask,
+                                            DWORD dwEnabledOptions) = 0;
+
+ protected:
+  ~IObjectSafety() = default;
+};
+
+#else
+
+typedef struct IObjectSafety IObjectSafety;
+typedef struct IObjectSafetyVtbl {
+  HRESULT (*QueryInterface)(IObjectSafety* This, REFIID riid, void** ppv);
+  ULONG (*AddRef)(IObjectSafety* This);
+  ULONG (*Release)(IObjectSafety* This);
+  HRESULT (*GetInterfaceSafetyOptions)(IObjectSafety* This, REFIID riid,
+                                       DWORD* pdwSupportedOptions, DWORD* pdwEnabledOptions);
+  HRESULT (*SetInterfaceSafetyOptions)(IObjectSafety* This, REFIID riid, DWORD dwOptionSetMask,
+                                       DWORD dwEnabledOptions);
+} IObjectSafetyVtbl;
+struct IObjectSafety {
+  const IObjectSafetyVtbl* lpVtbl;
+};
+
+#endif /* __cplusplus */
+
 #endif /* QXGROUPMGR_COM_H */

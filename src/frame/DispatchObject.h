@@ -37,6 +37,14 @@ template <>
 struct InterfaceId<IGroupManager2> {
   static const IID& Get() { return IID_IGroupManager2; }
 };
+template <>
+struct InterfaceId<IQXPackageInfo> {
+  static const IID& Get() { return IID_IQXPackageInfo; }
+};
+template <>
+struct InterfaceId<IObjectSafety> {
+  static const IID& Get() { return IID_IObjectSafety; }
+};
 
 // The part that does not depend on the interface types: identity, count, aggregation and the
 // dispatch over a type-library description.

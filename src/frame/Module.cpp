@@ -4,6 +4,7 @@
 #include <new>
 
 #include "frame/FileManager.h"
+#include "package/QXPackageInfo.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
 namespace qx::module {
@@ -22,8 +23,7 @@ struct ClassRow {
 // In this order: FileManager, QXPackageInfo.
 ClassRow gClassTable[] = {
     {&CLSID_FileManager, 102, &FileManager::CreateInstance, {}},
-    // QXPackageInfo is served once its class exists: put its CreateInstance here.
-    {&CLSID_QXPackageInfo, 104, nullptr, {}},
+    {&CLSID_QXPackageInfo, 104, &QXPackageInfo::CreateInstance, {}},
 };
 
 std::mutex gClassObjectLock;
@@ -59,6 +59,12 @@ HRESULT GetClassObject(REFCLSID clsid, REFIID riid, void** ppv) {
     return cf->QueryInterface(riid, ppv);
   }
   return CLASS_E_CLASSNOTAVAILABLE;
+}
+
+std::vector<int> RegistryScripts() {
+  std::vector<int> ids;
+  for (const ClassRow& row : gClassTable) ids.push_back(row.registryResource);
+  return ids;
 }
 
 HRESULT CanUnloadNow() { return LockCount() == 0 ? S_OK : S_FALSE; }

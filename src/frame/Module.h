@@ -9,6 +9,7 @@
 #pragma once
 
 #include <atomic>
+#include <vector>
 
 #include "platform/com.h"
 #include "qxgroupmgr/com.h"
@@ -28,6 +29,8 @@ HRESULT GetClassObject(REFCLSID clsid, REFIID riid, void** ppv);
 HRESULT CanUnloadNow();
 // Releases the cached class objects; runs when the module is unloaded.
 void Shutdown();
+// The registry script of each class, in class-table order.
+std::vector<int> RegistryScripts();
 
 // Makes a new instance, aggregated when `outer` is given (then `riid` is IID_IUnknown and the
 // result is the inner, non-delegating unknown), and asks it for `riid`.

@@ -2,6 +2,7 @@
 // the core library reach the same state through qx::module.
 #include "archive/VxXml.h"
 #include "frame/Module.h"
+#include "frame/Registration.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
 extern "C" {
@@ -12,9 +13,11 @@ HRESULT DllGetClassObject(REFCLSID rclsid, REFIID riid, void** ppv) {
 
 HRESULT DllCanUnloadNow(void) { return qx::module::CanUnloadNow(); }
 
-// Registration joins with the registry stand-in.
-HRESULT DllRegisterServer(void) { return E_NOTIMPL; }
-HRESULT DllUnregisterServer(void) { return E_NOTIMPL; }
+// Both classes and the type library, for this module's own path.
+HRESULT DllRegisterServer(void) {
+  return qx::module::RegisterServer(qx::module::ModulePath());
+}
+HRESULT DllUnregisterServer(void) { return qx::module::UnregisterServer(); }
 
 }  // extern "C"
 

@@ -145,17 +145,55 @@ constexpr Interface kIGroupManager2 = {"IGroupManager2", &IID_IGroupManager2,
                                        "IGroupManager2 Interface", &kIFileManager,
                                        kGroupManager2Members};
 
+// ---- IQXPackageInfo ----------------------------------------------------------------------------
+
+constexpr Param kStringValue[] = {{"pVal", String, OutRetval}};
+constexpr Param kNewString[] = {{"newVal", String, In}};
+constexpr Param kIntValue[] = {{"pVal", Int32, OutRetval}};
+
+using PI = IQXPackageInfo;
+constexpr Member kPackageInfoMembers[] = {
+    Row<&PI::get_Filename>(1, "Filename", PropertyGet, kStringValue, "property Filename",
+                           kFirstSlot + 0),
+    Row<&PI::put_Filename>(1, "Filename", PropertyPut, kNewString, "property Filename",
+                           kFirstSlot + 1),
+    Row<&PI::get_Type>(2, "Type", PropertyGet, kStringValue, "property Type", kFirstSlot + 2),
+    Row<&PI::get_Title>(3, "Title", PropertyGet, kStringValue, "property Title", kFirstSlot + 3),
+    Row<&PI::get_GradeLevel>(4, "GradeLevel", PropertyGet, kStringValue, "property GradeLevel",
+                             kFirstSlot + 4),
+    Row<&PI::get_TeachingTime>(5, "TeachingTime", PropertyGet, kStringValue,
+                               "property TeachingTime", kFirstSlot + 5),
+    Row<&PI::get_Abstract>(6, "Abstract", PropertyGet, kStringValue, "property Abstract",
+                           kFirstSlot + 6),
+    Row<&PI::get_Objectives>(7, "Objectives", PropertyGet, kStringValue, "property Objectives",
+                             kFirstSlot + 7),
+    Row<&PI::get_LearningTool>(8, "LearningTool", PropertyGet, kStringValue,
+                               "property LearningTool", kFirstSlot + 8),
+    Row<&PI::get_Connectivity>(9, "Connectivity", PropertyGet, kStringValue,
+                               "property Connectivity", kFirstSlot + 9),
+    Row<&PI::get_SupportingHardware>(10, "SupportingHardware", PropertyGet, kStringValue,
+                                     "property SupportingHardware", kFirstSlot + 10),
+    Row<&PI::get_HandHeldApps>(11, "HandHeldApps", PropertyGet, kStringValue,
+                               "property HandHeldApps", kFirstSlot + 11),
+    Row<&PI::get_ComputerApps>(12, "ComputerApps", PropertyGet, kStringValue,
+                               "property ComputerApps", kFirstSlot + 12),
+    Row<&PI::get_IsQXP>(13, "IsQXP", PropertyGet, kIntValue, "property IsQXP", kFirstSlot + 13),
+};
+
+constexpr Interface kIQXPackageInfo = {"IQXPackageInfo", &IID_IQXPackageInfo,
+                                       "IQXPackageInfo Interface", nullptr, kPackageInfoMembers};
+
 // ---- The library -------------------------------------------------------------------------------
-// IQXPackageInfo and the QXPackageInfo class join as one more member table, interface and
-// coclass row each (and an InterfaceId in DispatchObject.h).
 
 constexpr const Interface* kFileManagerInterfaces[] = {&kIFileManager, &kIGroupManager2};
+constexpr const Interface* kPackageInfoInterfaces[] = {&kIQXPackageInfo};
 
 constexpr Coclass kCoclasses[] = {
     {"FileManager", &CLSID_FileManager, "FileManager Class", kFileManagerInterfaces},
+    {"QXPackageInfo", &CLSID_QXPackageInfo, "QXPackageInfo Class", kPackageInfoInterfaces},
 };
 
-constexpr const Interface* kInterfaces[] = {&kIFileManager, &kIGroupManager2};
+constexpr const Interface* kInterfaces[] = {&kIFileManager, &kIGroupManager2, &kIQXPackageInfo};
 
 constexpr Library kLibrary = {
     "QXGroupMgrLib", &LIBID_QXGroupMgrLib, 1, 0, "QXGroupMgr 1.0 Type Library",

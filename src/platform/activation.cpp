@@ -127,12 +127,18 @@ HRESULT CLSIDFromProgID(const OLECHAR* progId, CLSID* clsid) {
   try {
     const std::string name = codepage::WideToAnsi(progId);
     std::string text;
-    if (!name.empty() &&
-        registry::RegQueryValue(name + "\\CLSID", "", text) == registry::kErrorSuccess) {
-      const auto guid = GuidFromString(text);
-      if (!guid) return CO_E_CLASSSTRING;
-      *clsid = *guid;
-      return S_OK;
+    // A version-independent ProgID without a CLSID of its own names its current version; a few
+    // hops at most, so a CurVer loop ends.
+    std::string current = name;
+    for (int hop = 0; hop < 4 && !current.empty(); ++hop) {
+      if (registry::RegQueryValue(current + "\\CLSID", "", text) == registry::kErrorSuccess) {
+        const auto guid = GuidFromString(text);
+        if (!guid) return CO_E_CLASSSTRING;
+        *clsid = *guid;
+        return S_OK;
+      }
+      if (registry::RegQueryValue(current + "\\CurVer", "", text) != registry::kErrorSuccess) break;
+      current = text;
     }
     ActivationState& state = State();
     std::lock_guard<std::mutex> guard(state.mutex);

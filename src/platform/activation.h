@@ -51,8 +51,9 @@ void RegisterBuiltinClass(REFCLSID clsid, BuiltinCreateFn create, const char* pr
 //   E_NOINTERFACE              the instance has no interface `riid`
 HRESULT CoCreateInstance(REFCLSID clsid, IUnknown* outer, DWORD context, REFIID riid, void** ppv);
 
-// The CLSID named by the ProgID: the default value of "<progId>\CLSID" in the registry store,
-// else a built-in class's ProgID. E_INVALIDARG for null arguments, CO_E_CLASSSTRING when the
+// The CLSID named by the ProgID: the default value of "<progId>\CLSID" in the registry store
+// (a ProgID without one is followed to the ProgID its CurVer names), else a built-in class's
+// ProgID. E_INVALIDARG for null arguments, CO_E_CLASSSTRING when the
 // ProgID is unknown or its CLSID text is not a braced GUID.
 HRESULT CLSIDFromProgID(const OLECHAR* progId, CLSID* clsid);
 

@@ -1,4 +1,5 @@
-// The module's compiled-in resources: the string table and the duplicate-file dialog template.
+// The module's compiled-in resources: the string table, the duplicate-file dialog template and
+// the registry scripts.
 #pragma once
 
 #include <string>
@@ -22,6 +23,12 @@ inline constexpr int IDC_REPLACE = 3;
 inline constexpr int IDC_REPLACE_ALL = 4;
 inline constexpr int IDC_SKIP = 5;
 inline constexpr int IDC_CANCEL = 2;  // the platform's cancel command, also Esc
+
+// Registry scripts (".reg" text with "%MODULE%" for the module's path), one per class.
+inline constexpr int IDR_FILEMANAGER = 102;
+inline constexpr int IDR_QXPACKAGEINFO = 104;
+// The script with that id, or null.
+const char* LoadRegistryScript(int id);
 
 // The string with that id, or null when the table has none.
 const char* LoadStringResource(int id);
