@@ -2,6 +2,7 @@
 
 #include "frame/FileManager.h"
 #include "frame/Module.h"
+#include "package/QXPackageInfo.h"
 
 namespace qx::test {
 namespace {
@@ -119,6 +120,39 @@ TEST(ModuleTest, ErrorInfoForTheDispatchInterfacesOnly) {
   };
   for (const auto& [iid, expected] : rows) EXPECT_EQ(info->InterfaceSupportsErrorInfo(*iid), expected) << GuidToString(*iid);
   EXPECT_EQ(info->Release(), 0u);
+}
+
+
+TEST(ModuleTest, PackageInfoClassObjectAndItsInstances) {
+  IClassFactory* cf = nullptr;
+  IClassFactory* again = nullptr;
+  ASSERT_EQ(module::GetClassObject(CLSID_QXPackageInfo, IID_IClassFactory, reinterpret_cast<void**>(&cf)), S_OK);
+  ASSERT_EQ(module::GetClassObject(CLSID_QXPackageInfo, IID_IUnknown, reinterpret_cast<void**>(&again)), S_OK);
+  EXPECT_EQ(cf, again);
+  IClassFactory* fmClass = FileManagerClassObject();
+  EXPECT_NE(static_cast<void*>(cf), static_cast<void*>(fmClass));
+  EXPECT_EQ(module::LockCount(), 2);
+  fmClass->Release();
+  again->Release();
+  EXPECT_EQ(module::LockCount(), 1);
+  Outer outer;
+  const std::pair<const IID*, HRESULT> rows[] = {
+      {&IID_IQXPackageInfo, S_OK},  {&IID_IDispatch, S_OK},          {&IID_IObjectSafety, S_OK},
+      {&IID_ISupportErrorInfo, S_OK}, {&IID_IUnknown, S_OK},         {&IID_IGroupManager2, E_NOINTERFACE},
+  };
+  for (const auto& [iid, expected] : rows) {
+    SCOPED_TRACE(GuidToString(*iid));
+    void* p = nullptr;
+    EXPECT_EQ(cf->CreateInstance(nullptr, *iid, &p), expected);
+    EXPECT_EQ(module::LockCount(), expected == S_OK ? 2 : 1);
+    if (p != nullptr) static_cast<IUnknown*>(p)->Release();
+    EXPECT_EQ(cf->CreateInstance(&outer, *iid, &p), *iid == IID_IUnknown ? S_OK : CLASS_E_NOAGGREGATION);
+    if (p != nullptr) static_cast<IUnknown*>(p)->Release();
+    EXPECT_EQ(module::LockCount(), 1);
+  }
+  EXPECT_EQ(outer.refs, 1u);
+  cf->Release();
+  EXPECT_EQ(module::CanUnloadNow(), S_OK);
 }
 
 }  // namespace

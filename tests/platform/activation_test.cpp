@@ -2,7 +2,10 @@
 
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
+
 #include <atomic>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 
@@ -160,6 +163,9 @@ TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
             registry::kErrorSuccess);
   ASSERT_EQ(registry::RegSetValue("QX.Broken\\CLSID", "", "41035C38-1441"), registry::kErrorSuccess);
   ASSERT_EQ(registry::RegCreateKey("QX.NoClsid"), registry::kErrorSuccess);
+  ASSERT_EQ(registry::RegSetValue("QX.Named\\CurVer", "", "QX.Named.1"), registry::kErrorSuccess);
+  ASSERT_EQ(registry::RegSetValue("QX.LoopA\\CurVer", "", "QX.LoopB"), registry::kErrorSuccess);
+  ASSERT_EQ(registry::RegSetValue("QX.LoopB\\CurVer", "", "QX.LoopA"), registry::kErrorSuccess);
   const struct {
     const char16_t* progId;
     HRESULT expected;
@@ -167,6 +173,8 @@ TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
   } rows[] = {
       {u"QX.Named.1", S_OK, &kFileManagerClsid},
       {u"qx.named.1", S_OK, &kFileManagerClsid},
+      {u"QX.Named", S_OK, &kFileManagerClsid},
+      {u"QX.LoopA", CO_E_CLASSSTRING, nullptr},
       {u"QX.Probe", S_OK, &kProbeClsid},
       {u"QX.Broken", CO_E_CLASSSTRING, nullptr},
       {u"QX.NoClsid", CO_E_CLASSSTRING, nullptr},
@@ -184,6 +192,48 @@ TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
   CLSID clsid{};
   EXPECT_EQ(CLSIDFromProgID(nullptr, &clsid), E_INVALIDARG);
   EXPECT_EQ(CLSIDFromProgID(u"QX.Probe", nullptr), E_INVALIDARG);
+}
+
+
+// The module registers itself (DllRegisterServer through its own dladdr path), and both classes
+// are then made by their ProgIDs; after DllUnregisterServer the ProgIDs are unknown again.
+TEST_F(Activation, ModuleRegisteredByItselfServesBothProgIds) {
+  REQUIRE_MODULE();
+  void* module = ::dlopen(QX_MODULE_PATH, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(module, nullptr);
+  const auto entry = [&](const char* name) {
+    return reinterpret_cast<HRESULT (*)()>(::dlsym(module, name));
+  };
+  ASSERT_EQ(entry("DllRegisterServer")(), S_OK);
+  std::string path;
+  ASSERT_EQ(registry::RegQueryValue("CLSID\\{721D5BA1-17A0-418E-84CC-F7C8F403ACEF}\\InprocServer32",
+                                    "", path), registry::kErrorSuccess);
+  EXPECT_EQ(path, std::filesystem::canonical(QX_MODULE_PATH).string());
+  const struct {
+    const char16_t* progId;
+    const char* member;
+  } rows[] = {
+      {u"QXGroupMgr.FileManager", "ReadContents"},   {u"QXGroupMgr.FileManager.1", "IsGroup"},
+      {u"QXGroupMgr.QXPackageInfo", "Title"},       {u"QXGroupMgr.QXPackageInfo.1", "IsQXP"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(codepage::WideToAnsi(row.progId));
+    CLSID clsid{};
+    ASSERT_EQ(CLSIDFromProgID(row.progId, &clsid), S_OK);
+    IDispatch* object = nullptr;
+    ASSERT_EQ(CoCreateInstance(clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
+                               reinterpret_cast<void**>(&object)), S_OK);
+    std::u16string name(row.member, row.member + std::strlen(row.member));
+    LPOLESTR names[] = {name.data()};
+    DISPID id = DISPID_UNKNOWN;
+    EXPECT_EQ(object->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK);
+    EXPECT_EQ(object->Release(), 0u);
+  }
+  EXPECT_EQ(entry("DllCanUnloadNow")(), S_OK);
+  ASSERT_EQ(entry("DllUnregisterServer")(), S_OK);
+  CLSID clsid{};
+  EXPECT_EQ(CLSIDFromProgID(u"QXGroupMgr.QXPackageInfo", &clsid), CO_E_CLASSSTRING);
+  ::dlclose(module);
 }
 
 }  // namespace
