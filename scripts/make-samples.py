@@ -119,12 +119,64 @@ def zip_group() -> bytes:
     return buf.getvalue()
 
 
+# The manifest of the sample package: metadata in the IMS binding that the package object reads.
+# The title carries "&#60;" and "&#62;", which the object turns into "<" and ">".
+PACKAGE_MANIFEST = """<?xml version="1.0" encoding="UTF-8"?>
+<manifest identifier="AREA-LESSON" version="1.0"
+    xmlns="http://www.imsglobal.org/xsd/imscp_v1p1"
+    xmlns:imsmd="http://www.imsglobal.org/xsd/imsmd_v1p2">
+  <metadata>
+    <schema>IMS Content</schema>
+    <schemaversion>1.1.3</schemaversion>
+    <imsmd:lom>
+      <imsmd:general>
+        <imsmd:title><imsmd:langstring xml:lang="en">Area &#60;r&#62;: circles</imsmd:langstring></imsmd:title>
+        <imsmd:description><imsmd:langstring xml:lang="en">Find the area of a circle from its radius.</imsmd:langstring></imsmd:description>
+        <imsmd:structure><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>Lesson</imsmd:langstring></imsmd:value></imsmd:structure>
+      </imsmd:general>
+      <imsmd:educational>
+        <imsmd:context><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>Grade 7</imsmd:langstring></imsmd:value></imsmd:context>
+        <imsmd:typicallearningtime><imsmd:datetime>PT45M</imsmd:datetime></imsmd:typicallearningtime>
+      </imsmd:educational>
+      <imsmd:technical>
+        <imsmd:requirement>
+          <imsmd:type><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>Learning Tools</imsmd:langstring></imsmd:value></imsmd:type>
+          <imsmd:name><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>QX-84 Plus</imsmd:langstring></imsmd:value></imsmd:name>
+        </imsmd:requirement>
+        <imsmd:requirement>
+          <imsmd:type><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>Connectivity</imsmd:langstring></imsmd:value></imsmd:type>
+          <imsmd:name><imsmd:source><imsmd:langstring>LOMv1.0</imsmd:langstring></imsmd:source><imsmd:value><imsmd:langstring>USB link cable</imsmd:langstring></imsmd:value></imsmd:name>
+        </imsmd:requirement>
+      </imsmd:technical>
+    </imsmd:lom>
+  </metadata>
+  <organizations/>
+  <resources>
+    <resource identifier="R1" type="webcontent" href="area.rap"><file href="area.rap"/></resource>
+  </resources>
+</manifest>
+"""
+
+
+def package() -> bytes:
+    """A content package: the manifest first, then the calculator file it names."""
+    buf = io.BytesIO()
+    with zipfile.ZipFile(buf, "w", compression=zipfile.ZIP_DEFLATED) as z:
+        for name, data in (("imsmanifest.xml", PACKAGE_MANIFEST.encode("utf-8")),
+                           ("area.rap", SAMPLES["area.rap"]())):
+            info = zipfile.ZipInfo(name, date_time=(2026, 11, 22, 12, 0, 0))
+            info.compress_type = zipfile.ZIP_DEFLATED
+            z.writestr(info, data)
+    return buf.getvalue()
+
+
 def main() -> int:
     here = os.path.dirname(os.path.abspath(__file__))
     out = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "..", "samples")
     os.makedirs(out, exist_ok=True)
     files = {name: make() for name, make in SAMPLES.items()}
     files["mixed.qxg"] = zip_group()
+    files["lesson.qxp"] = package()
     for name, data in sorted(files.items()):
         with open(os.path.join(out, name), "wb") as f:
             f.write(data)

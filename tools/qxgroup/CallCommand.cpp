@@ -122,6 +122,41 @@ const typelib::Member* OwnerWindowMember(const typelib::Interface& itf) {
   return nullptr;
 }
 
+// Puts "Name=value" through IDispatch: the status of the put.
+HRESULT PutProperty(IDispatch* disp, const typelib::Interface& itf, const std::string& set,
+                    std::string& name) {
+  const size_t eq = set.find('=');
+  if (eq == std::string::npos || eq == 0)
+    throw UsageError{"--set takes NAME=VALUE, not \"" + set + "\""};
+  name = set.substr(0, eq);
+  const std::string value = set.substr(eq + 1);
+  const typelib::Member* put = nullptr;
+  for (const typelib::Member* m : typelib::AllMembers(itf))
+    if (m->kind == typelib::MemberKind::PropertyPut && typelib::NameEquals(m->name, name)) put = m;
+  if (put == nullptr || put->params.size() != 1)
+    throw UsageError{"--set: no property \"" + name + "\" that can be set"};
+  const typelib::Param& param = put->params[0];
+  Bstr text;
+  VARIANT v;
+  VariantInit(&v);
+  if (param.type == typelib::ParamType::String) {
+    CheckRepresentable(value, "--set " + name);
+    text = ToBstr(value);
+    v.vt = VT_BSTR;
+    v.bstrVal = text.get();
+  } else {
+    const int64_t number = ParseInteger(value, param);
+    if (number < INT32_MIN || number > INT32_MAX)
+      throw UsageError{"--set " + name + " is out of range"};
+    v.vt = VT_I4;
+    v.lVal = static_cast<LONG>(number);
+  }
+  DISPID putId = DISPID_PROPERTYPUT;
+  DISPPARAMS params{&v, &putId, 1, 1};
+  return disp->Invoke(put->dispid, IID_NULL, 0, DISPATCH_PROPERTYPUT, &params, nullptr, nullptr,
+                      nullptr);
+}
+
 }  // namespace
 
 std::string DescribeMembers(const std::string& className) {
@@ -144,7 +179,8 @@ std::string DescribeMembers(const std::string& className) {
 }
 
 int RunCall(const std::string& className, const std::string& uiMode,
-            const std::string& memberName, const std::vector<std::string>& args) {
+            const std::string& memberName, const std::vector<std::string>& args,
+            const std::vector<std::string>& sets) {
   const typelib::Coclass& coclass = FindClass(className);
   const typelib::Interface& itf = typelib::DispatchInterface(coclass);
   const typelib::Member* member = typelib::FindMember(itf, memberName);
@@ -175,6 +211,17 @@ int RunCall(const std::string& className, const std::string& uiMode,
   Instance object(coclass);
   std::optional<DispatchOwnerWindow> owner;
   if (showUI != nullptr) owner.emplace(object.operator->(), *showUI, std::move(host));
+  for (const std::string& set : sets) {
+    std::string name;
+    const HRESULT hr = PutProperty(object.operator->(), itf, set, name);
+    if (FAILED(hr)) {
+      JsonObject top;
+      top.AddString("hr", HexStatus(hr));
+      top.AddString("set", name);
+      std::printf("%s\n", top.Str().c_str());
+      return kExitFailed;
+    }
+  }
 
   Slots slots;
   slots.strings.reserve(member->params.size());

@@ -10,8 +10,10 @@ std::string DescribeMembers(const std::string& className = "FileManager");
 
 // Makes an instance of the class named in the type library, invokes `member` through its
 // IDispatch and prints {"hr":"0x........","out":{...}}. uiMode: none, tty, replace, all, skip or
-// cancel (any but none needs a class with an owner-window property). Returns the exit status.
+// cancel (any but none needs a class with an owner-window property). `sets` ("Name=value") are
+// property puts made first, in order; a failing one is printed as {"hr":...,"set":"Name"}
+// instead of the call. Returns the exit status.
 int RunCall(const std::string& className, const std::string& uiMode, const std::string& member,
-            const std::vector<std::string>& args);
+            const std::vector<std::string>& args, const std::vector<std::string>& sets = {});
 
 }  // namespace qx::cli

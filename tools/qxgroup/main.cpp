@@ -12,6 +12,7 @@
 #include "qxgroup/Automation.h"
 #include "qxgroup/CallCommand.h"
 #include "qxgroup/Commands.h"
+#include "qxgroup/PackageCommands.h"
 #include "resources/Resources.h"
 
 namespace {
@@ -34,6 +35,10 @@ struct Options {
   std::string onDuplicate = "replace";
   std::string member;
   std::vector<std::string> args;
+  std::vector<std::string> sets;
+  bool json = false;
+  bool unregister = false;
+  std::string module;
 };
 
 CLI::App* Sub(CLI::App& app, const char* name, const char* help, const char* example) {
@@ -145,7 +150,7 @@ int main(int argc, char** argv) {
   info->add_option("files", o.items, "Files to look at")->required();
   commands.emplace_back(info, [&] { return CmdInfo(o.items); });
 
-  CLI::App* call = Sub(app, "call", "Invoke a FileManager member by name; prints JSON",
+  CLI::App* call = Sub(app, "call", "Invoke a member of FileManager or QXPackageInfo by name; prints JSON",
                        "qxgroup call ReadContents school.mag");
   call->footer("Examples:\n  qxgroup call ReadContents school.mag\n"
                "  qxgroup call --ui=skip AddFiles school.mag prog1.map \"\"\n"
@@ -158,9 +163,24 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"none", "tty", "replace", "all", "skip", "cancel"}));
   call->add_option("--class", o.className,
                    "The class to make, by its type-library name (default FileManager)");
+  call->add_option("--set", o.sets,
+                   "Set a property first, as NAME=VALUE (repeatable), e.g. Filename=lesson.qxp");
   call->add_option("member", o.member, "Member name, e.g. ReadContents")->required();
   call->add_option("args", o.args, "Arguments for its [in] parameters, in order");
-  commands.emplace_back(call, [&] { return RunCall(o.className, o.uiMode, o.member, o.args); });
+  commands.emplace_back(call, [&] { return RunCall(o.className, o.uiMode, o.member, o.args, o.sets); });
+
+  CLI::App* package = Sub(app, "package", "Show the metadata of content packages (.qxp)",
+                          "qxgroup package lesson.qxp");
+  package->add_option("files", o.items, "Package files")->required();
+  package->add_flag("--json", o.json, "One JSON object a file: every property with its status");
+  commands.emplace_back(package, [&] { return CmdPackage(o.items, o.json); });
+
+  CLI::App* reg = Sub(app, "register", "Write the module's registry entries (or remove them)",
+                      "QXGROUPMGR_REGISTRY=/tmp/r.reg qxgroup register --module build/libqxgroupmgr.so");
+  reg->add_flag("--unregister", o.unregister, "Remove the entries instead");
+  reg->add_option("--module", o.module,
+                  "The module to register (default: the one beside this program or in ../lib)");
+  commands.emplace_back(reg, [&] { return CmdRegister(o.unregister, o.module); });
 
   try {
     app.parse(argc, argv);

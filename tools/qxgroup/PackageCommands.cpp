@@ -1,0 +1,157 @@
+#include "qxgroup/PackageCommands.h"
+
+#include <dlfcn.h>
+#include <limits.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <cstdio>
+
+#include "frame/Module.h"
+#include "frame/Registration.h"
+#include "platform/Diagnostic.h"
+#include "platform/codepage.h"
+#include "platform/registry.h"
+#include "qxgroup/Automation.h"
+#include "qxgroup/Json.h"
+
+namespace qx::cli {
+
+namespace {
+
+using Getter = HRESULT (IQXPackageInfo::*)(BSTR*);
+
+// In the order the table shows them; the label is what people read, the name what scripts get.
+const struct {
+  const char* name;
+  const char* label;
+  Getter get;
+} kProperties[] = {
+    {"Title", "Title", &IQXPackageInfo::get_Title},
+    {"Type", "Type", &IQXPackageInfo::get_Type},
+    {"GradeLevel", "Grade level", &IQXPackageInfo::get_GradeLevel},
+    {"TeachingTime", "Teaching time", &IQXPackageInfo::get_TeachingTime},
+    {"Abstract", "Abstract", &IQXPackageInfo::get_Abstract},
+    {"Objectives", "Objectives", &IQXPackageInfo::get_Objectives},
+    {"LearningTool", "Learning tool", &IQXPackageInfo::get_LearningTool},
+    {"Connectivity", "Connectivity", &IQXPackageInfo::get_Connectivity},
+    {"SupportingHardware", "Supporting hardware", &IQXPackageInfo::get_SupportingHardware},
+    {"HandHeldApps", "Handheld apps", &IQXPackageInfo::get_HandHeldApps},
+    {"ComputerApps", "Computer apps", &IQXPackageInfo::get_ComputerApps},
+};
+
+class PackageInfo {
+ public:
+  PackageInfo() {
+    IClassFactory* factory = nullptr;
+    HRESULT hr = module::GetClassObject(CLSID_QXPackageInfo, IID_IClassFactory,
+                                        reinterpret_cast<void**>(&factory));
+    if (SUCCEEDED(hr)) {
+      hr = factory->CreateInstance(nullptr, IID_IQXPackageInfo, reinterpret_cast<void**>(&p_));
+      factory->Release();
+    }
+    if (FAILED(hr) || p_ == nullptr)
+      throw Failure{"cannot create a QXPackageInfo (" + HexStatus(hr) + ")"};
+  }
+  ~PackageInfo() { p_->Release(); }
+  PackageInfo(const PackageInfo&) = delete;
+  PackageInfo& operator=(const PackageInfo&) = delete;
+  IQXPackageInfo* operator->() const { return p_; }
+  IQXPackageInfo* get() const { return p_; }
+
+ private:
+  IQXPackageInfo* p_ = nullptr;
+};
+
+std::string Reason(const char* fallback) {
+  const std::string why = diag::Describe();
+  return why.empty() ? fallback : codepage::AnsiToUtf8(why);
+}
+
+// The module beside this program (the build folder), else where an install puts it.
+std::string DefaultModule() {
+  char self[PATH_MAX];
+  const ssize_t n = ::readlink("/proc/self/exe", self, sizeof self - 1);
+  if (n <= 0) throw Failure{"cannot find this program's own folder; give --module PATH"};
+  std::string folder(self, static_cast<size_t>(n));
+  folder.erase(folder.find_last_of('/') + 1);
+  for (const char* relative : {"libqxgroupmgr.so", "../lib/libqxgroupmgr.so",
+                               "../lib/x86_64-linux-gnu/libqxgroupmgr.so"})
+    if (::access((folder + relative).c_str(), R_OK) == 0) return folder + relative;
+  throw Failure{"no libqxgroupmgr.so beside " + folder + " or in its ../lib; give --module PATH"};
+}
+
+}  // namespace
+
+int CmdPackage(const std::vector<std::string>& files, bool json) {
+  int status = kExitOk;
+  for (const std::string& file : files) {
+    CheckRepresentable(file, "file name");
+    PackageInfo info;
+    const Bstr path = ToBstr(file);
+    const HRESULT opened = info->put_Filename(path.get());
+    const std::string why = Reason(opened == S_FALSE ? "holds no imsmanifest.xml" : "not a group");
+    if (json) {
+      JsonObject properties;
+      JsonObject filename;
+      filename.AddString("hr", HexStatus(opened));
+      properties.AddRaw("Filename", filename.Str());
+      for (const auto& p : kProperties) {
+        Bstr value;
+        JsonObject entry;
+        entry.AddString("hr", HexStatus((info.get()->*p.get)(value.receive())));
+        entry.AddString("value", FromBstr(value.get()));
+        properties.AddRaw(p.name, entry.Str());
+      }
+      LONG isQxp = 0;
+      JsonObject flag;
+      flag.AddString("hr", HexStatus(info->get_IsQXP(&isQxp)));
+      flag.AddInteger("value", isQxp);
+      properties.AddRaw("IsQXP", flag.Str());
+      JsonObject top;
+      top.AddString("file", file);
+      if (opened != S_OK) top.AddString("error", why);
+      top.AddRaw("properties", properties.Str());
+      std::printf("%s\n", top.Str().c_str());
+      if (opened != S_OK) status = kExitFailed;
+      continue;
+    }
+    if (opened != S_OK) {
+      std::fprintf(stderr, "qxgroup: not a package: %s\n", why.c_str());
+      status = kExitFailed;
+      continue;
+    }
+    std::printf("%s\n", file.c_str());
+    for (const auto& p : kProperties) {
+      Bstr value;
+      (info.get()->*p.get)(value.receive());
+      const std::string text = FromBstr(value.get());
+      if (!text.empty()) std::printf("  %-20s %s\n", p.label, text.c_str());
+    }
+  }
+  return status;
+}
+
+int CmdRegister(bool unregister, const std::string& modulePath) {
+  const std::string given = modulePath.empty() ? DefaultModule() : modulePath;
+  char resolved[PATH_MAX];
+  if (::realpath(given.c_str(), resolved) == nullptr)
+    throw Failure{"no such module: " + given};
+  // Only a file that loads and serves classes is entered as the classes' server.
+  void* handle = ::dlopen(resolved, RTLD_NOW | RTLD_LOCAL);
+  if (handle == nullptr) throw Failure{"cannot load " + std::string(resolved) + ": " + ::dlerror()};
+  const bool serves = ::dlsym(handle, "DllGetClassObject") != nullptr;
+  ::dlclose(handle);
+  if (!serves) throw Failure{std::string(resolved) + " is not a component module (no DllGetClassObject)"};
+
+  const std::string module = codepage::Utf8ToAnsi(resolved);
+  diag::Clear();
+  const HRESULT hr = unregister ? module::UnregisterServer() : module::RegisterServer(module);
+  if (FAILED(hr)) throw Failure{"cannot " + std::string(unregister ? "unregister" : "register") +
+                                " the module: " + Reason("the registry refused")};
+  std::printf("%s %s %s %s\n", unregister ? "unregistered" : "registered", resolved,
+              unregister ? "from" : "in", registry::StorePath().c_str());
+  return kExitOk;
+}
+
+}  // namespace qx::cli
