@@ -8,6 +8,7 @@
 #include "formats/FlashFile.h"
 #include "frame/Module.h"
 #include "frame/TypeLibrary.h"
+#include "platform/CommaList.h"
 #include "platform/Diagnostic.h"
 #include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
@@ -92,6 +93,27 @@ HRESULT Guarded(Body&& body) {
   return hr;
 }
 
+// A file name holding a comma cannot travel in a list of files: it arrives as pieces that name
+// no file. Said before the call goes on, so the failure that follows is explained by its cause.
+void NoteNamesCutAtCommas(std::string_view fileList) {
+  if (fileList.find(',') == std::string_view::npos) return;
+  const std::vector<std::string> pieces = SplitCommaList(fileList);
+  constexpr size_t kMostCommasInAName = 4;
+  for (size_t i = 0; i + 1 < pieces.size(); ++i) {
+    if (pieces[i].empty() || fs::Exists(pieces[i])) continue;
+    std::string joined = pieces[i];
+    for (size_t j = i + 1; j < pieces.size() && j <= i + kMostCommasInAName; ++j) {
+      joined += ',' + pieces[j];
+      if (fs::Exists(joined)) {
+        diag::Record("comma-in-name", joined,
+                     "holds a comma, so the comma-separated list of files cut it into names "
+                     "that do not exist");
+        return;
+      }
+    }
+  }
+}
+
 // E_POINTER for a null out-argument, with its name as the subject.
 HRESULT NullArgument(std::string_view name) {
   diag::Record("null-pointer", name, "is a null pointer where the result should go");
@@ -137,14 +159,7 @@ const typelib::Interface& DispatchInterface() {
 // ---- Helpers ---------------------------------------------------------------------------------------
 
 StringList SplitList(std::string_view text) {
-  StringList list;
-  size_t start = 0;
-  for (size_t comma = text.find(','); comma != std::string_view::npos;
-       comma = text.find(',', start)) {
-    list.emplace_back(text.substr(start, comma - start));
-    start = comma + 1;
-  }
-  if (start < text.size()) list.emplace_back(text.substr(start));
+  StringList list = SplitCommaList(text);
   // Bytewise on unsigned bytes, shorter first on a common prefix; equal items keep text order.
   std::stable_sort(list.begin(), list.end(), [](const std::string& a, const std::string& b) {
     return std::lexicographical_compare(
@@ -314,7 +329,9 @@ HRESULT FileManager::CreateGrpFile(BSTR grpfile, BSTR newfiles) {
   return Guarded([&] {
     const std::string group = ToAnsi(grpfile);
     const bool existed = fs::Exists(group);
-    const StringList files = SplitList(ToAnsi(newfiles));
+    const std::string fileList = ToAnsi(newfiles);
+    NoteNamesCutAtCommas(fileList);
+    const StringList files = SplitList(fileList);
     const std::string signature = files.empty() ? std::string(kSigUnknown) : DetectFileSignature(files[0]);
     const ContainerKind kind = ContainerKindForCreate(group, signature);
     std::unique_ptr<GroupContainer> container = ConstructForCreate(kind, group);
@@ -340,7 +357,9 @@ HRESULT FileManager::AddFiles(BSTR grpfile, BSTR indfiles, BSTR bdestFolder) {
     const std::string destFolder = MemberFolder(ToAnsi(bdestFolder));
     std::unique_ptr<GroupContainer> container = CreateContainer(group);
     if (container == nullptr) return E_FAIL;
-    const StringList files = SplitList(ToAnsi(indfiles));
+    const std::string fileList = ToAnsi(indfiles);
+    NoteNamesCutAtCommas(fileList);
+    const StringList files = SplitList(fileList);
     filesSkipped_ = 0;
     int32_t promptState = 0;
     if (container->AddMembers(files, destFolder, &promptState, &FileManager::AddPrompt, this) == 0)
@@ -475,7 +494,7 @@ HRESULT FileManager::ExpandFlashFile(BSTR flashfile, BSTR destdir, BSTR* outfile
       return QX_E_OPEN_FAILED;  // outfiles stays as it was
     }
     std::string written;
-    const HRESULT status = ExpandFlashRecords(flash, destFolder, written);
+    const HRESULT status = ExpandFlashRecords(flash, destFolder, written, flashPath);
     flash.Close();
     // The list replaces (and releases) what the caller passed in, whatever the status: files
     // already written are reported even when the walk stopped early.
