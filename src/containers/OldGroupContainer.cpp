@@ -119,7 +119,10 @@ int32_t OldGroupContainer::WriteContentsXml(std::string& xml, int32_t, std::stri
   members.reserve(listing.names.size());
   for (size_t i = 0; i < listing.names.size(); ++i)
     members.push_back({listing.names[i], listing.sizes[i]});
-  if (!WriteOldStyleListing(GetGroupFileName(), members, xml)) return 0;
+  if (!WriteOldStyleListing(GetGroupFileName(), members, xml)) {
+    diag::Record("cannot-list", path_, "the contents listing could not be written");
+    return 0;
+  }
   return listing.namesComplete ? 1 : 0;
 }
 

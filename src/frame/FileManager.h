@@ -49,6 +49,10 @@ std::string GetTempGroupFolder();
 
 // ---- The object -----------------------------------------------------------------------------------
 
+// Every call publishes its outcome as the thread's error information (platform/ErrorInfo.h):
+// S_OK clears it; a failure, AddFiles' 2 and the other partial results leave the diagnostic the
+// call recorded, with the source "QXGroupMgr.FileManager". A member called through the object's
+// own interface from inside another call leaves the publishing to the outer call.
 class FileManager : public IGroupManager2, public ContainerFactory {
  public:
   // Creation function of the class object (aggregation supported: see module::CreateInstanceFn).
