@@ -202,7 +202,8 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
   const std::string fileFamily = DetectFileSignature(file);
   const MAWalk walk = WalkMAGroup(bytes);
   if (walk.members.empty()) {
-    RecordRefusal(file, fileFamily);
+    if (fileFamily == kSigUnknown) RecordRefusal(file, fileFamily);
+    else diag::Record("not-a-variable", file, "holds no variable that can be read");
     return 0;
   }
 
@@ -215,6 +216,7 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     std::optional<MAVariable> variable;
   };
   std::vector<Candidate> candidates;
+  LayoutResult parsed;  // why a single-variable file's data could not be read
   if (MAIsGroup(bytes).value_or(false)) {
     for (const MAMemberView& m : walk.members) {
       const auto block = MABlock(bytes, m);
@@ -224,7 +226,8 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
   } else {
     MASingleFile single;
     candidates.push_back({&walk.members.front(), std::nullopt});
-    if (ParseMASingleFile(bytes, single))
+    parsed = ParseMASingleFile(bytes, single);
+    if (parsed)
       candidates.back().variable = MAVariable{single.fields, {single.data.begin(), single.data.end()}};
   }
 
@@ -259,6 +262,7 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
       case AddCheck::Insert: break;
     }
     if (!cand.variable) {
+      RecordLayoutFailure(parsed, file);
       diag::Record("damaged", file, "the data of variable " + std::to_string(c + 1) + " cannot be read");
       return 0;
     }

@@ -26,9 +26,8 @@ constexpr char kPathSeparator = '/';
 constexpr HRESULT kFilesLeftOut = 2;  // AddFiles: success, but not every file went in
 
 // A caller's string in 1252; null is the empty string. Conversion stops at the first NUL, as the
-// platform's converter does for NUL-terminated input.
-// A character 1252 cannot hold becomes "?", so the call works on another name than the caller
-// gave; that is said first when the call then fails.
+// platform's converter does for NUL-terminated input. A character 1252 cannot hold becomes "?",
+// so the call works on another name than the caller gave; that is said first if it then fails.
 std::string ToAnsi(BSTR text) {
   if (text == nullptr) return {};
   const std::u16string_view wide(text);
@@ -177,13 +176,6 @@ std::string CompleteFolder(std::string folder, char separator) {
 std::string MemberFolder(std::string folder) {
   std::replace(folder.begin(), folder.end(), kPathSeparator, kMemberSeparator);
   return CompleteFolder(std::move(folder), kMemberSeparator);
-}
-
-std::string UpperExtension(std::string_view path) {
-  const std::string name = LastComponent(path, kPathSeparator);
-  const size_t dot = name.find_last_of('.');
-  if (dot == std::string::npos) return {};
-  return codepage::ToUpper1252(std::string_view(name).substr(dot));
 }
 
 bool PathPrefixExists(const std::string& path) {

@@ -28,10 +28,6 @@ std::string CompleteFolder(std::string folder, char separator);
 //   "sub" => "sub\";  "a/b" => "a\b\";  "" => ""
 std::string MemberFolder(std::string folder);
 
-// The extension of the path's file name, dot included, ASCII upper-cased:
-//   "/d/x.QxP" => ".QXP";  "/d.e/x" => "";  "x." => "."
-std::string UpperExtension(std::string_view path);
-
 // True when something exists at `path` or `path` is a folder one can list (so "" stands for
 // the root). Touches the file system.
 bool PathPrefixExists(const std::string& path);

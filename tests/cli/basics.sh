@@ -77,6 +77,9 @@ expect "list of a text file" 1 '' 'notes.txt: not a group file \(unknown signatu
 expect "list of a missing file" 1 '' 'gone.mag: not a group file \(no such file\)' -- \
   "$qx" list gone.mag
 expect "list of a flash file" 1 '' '\(a flash file\)' -- "$qx" list Hello.kdk
+head -c 150 school.mag >cut.mag
+expect "damaged group names the offset" 1 '' '^qxgroup: cut.mag: .* \(offset [0-9]+\)$' -- \
+  "$qx" delete cut.mag main.PROG1.map
 expect "get into a missing folder" 1 '' 'no such folder: nowhere' -- \
   "$qx" get school.mag main.PROG1.map -C nowhere
 

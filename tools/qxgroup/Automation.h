@@ -40,10 +40,6 @@ class FileManagerSession {
   std::string error_;
 };
 
-struct Failure;
-// The command's one FileManager, made on first use; throws Failure when it cannot be made.
-FileManagerSession& Session();
-
 // AddFiles' success status when it left files out.
 inline constexpr HRESULT kAddedWithFilesLeftOut = 2;
 
@@ -72,6 +68,9 @@ struct UsageError {
 struct Failure {
   std::string message;
 };
+
+// The command's one FileManager, made on first use; throws Failure when it cannot be made.
+FileManagerSession& Session();
 
 // A file name travels inside the component as Windows-1252 text and inside lists separated by
 // commas: refuse what cannot make that trip before anything is touched.
