@@ -1,5 +1,8 @@
 #include "containers/OldGroupContainer.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include "containers/ContentsXml.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
@@ -75,8 +78,13 @@ bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
     diag::Record("bad-member-name", name, "cannot be written as a file name");
     return false;
   }
+  errno = 0;
   if (WriteMember(listing, index, destFolder + name)) return true;
-  diag::Record("cannot-write", destFolder + name, "cannot be written");
+  // The system's reason, when the failure was the file's creation or writing.
+  const int error = errno;
+  diag::Record("cannot-write", destFolder + name,
+               error != 0 ? std::string("cannot be written: ") + std::strerror(error)
+                          : std::string("cannot be written"));
   return false;
 }
 
