@@ -216,11 +216,7 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
     }
     if (!CommitBytes(bytes)) return 0;
   }
-  if (result != 0 && !leftOut_.empty()) {
-    std::string text = "files left out:";
-    for (const std::string& item : leftOut_) text += "\n" + item;
-    diag::Record("files-left-out", path_, text);
-  }
+  if (result != 0 && !leftOut_.empty()) RecordFilesLeftOut(path_, leftOut_);
   return result;
 }
 

@@ -96,9 +96,7 @@ class OldGroupContainer : public GroupContainer {
   std::string family_;
   bool editChanged_ = false;  // the model differs from the file
   // What the prompt's answers kept out of the current AddMembers: file paths as given, or the
-  // names of members of a group file being merged in. A call that succeeds with some left out
-  // records them as the diagnostic "files-left-out": the text "files left out:" followed by one
-  // line ("\n" then the item) per item, the form a caller of AddFiles reads them back in.
+  // names of members of a group file being merged in (see RecordFilesLeftOut).
   StringList leftOut_;
 };
 
