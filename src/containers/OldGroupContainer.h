@@ -14,13 +14,13 @@
 #include <vector>
 
 #include "containers/GroupContainer.h"
+#include "platform/codepage.h"
 
 namespace qx {
 
-// Case-insensitive equality in the 1252 code page (letters of both cases, accented ones too).
-bool EqualsNoCase1252(std::string_view a, std::string_view b);
-// Lower case in the 1252 code page.
-std::string ToLower1252(std::string_view text);
+// Member names compare without regard to case in the 1252 code page.
+using codepage::EqualsNoCase1252;
+using codepage::ToLower1252;
 
 class OldGroupContainer : public GroupContainer {
  public:
@@ -84,9 +84,20 @@ class OldGroupContainer : public GroupContainer {
                              void* context);
   // Writes bytes in place of the group through a temporary file beside it.
   bool CommitBytes(const std::vector<unsigned char>& bytes);
+  // Records why a file of `fileFamily` cannot go into this group ("flash-file", "other-family",
+  // "not-a-variable").
+  void RecordRefusal(const std::string& file, std::string_view fileFamily) const;
+  // The index of the member named `name` (without regard to case); false, with the diagnostic
+  // "no-member", when there is none.
+  bool FindMember(const Listing& listing, const std::string& name, size_t& index) const;
+  // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
+  bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
 
   std::string family_;
   bool editChanged_ = false;  // the model differs from the file
+  // What the prompt's answers kept out of the current AddMembers: file paths as given, or the
+  // names of members of a group file being merged in (see RecordFilesLeftOut).
+  StringList leftOut_;
 };
 
 }  // namespace qx
