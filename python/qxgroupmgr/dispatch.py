@@ -191,14 +191,16 @@ class DispatchObject:
     def _invoke_member(self, name: str, flags: int, member: Member | None, args: tuple,
                        put_value: Any = None) -> Any:
         if member is not None:
-            given = [p for p in member.params if p.dir in ("in", "inout")]
+            # A put's value is its last parameter; the others are indexes.
+            params = member.params[:-1] if flags == DISPATCH_PROPERTYPUT else member.params
+            given = [p for p in params if p.dir in ("in", "inout")]
             required = [p for p in given if p.dir == "in"]
             if not len(required) <= len(args) <= len(given):
                 names = ", ".join(p.name for p in given) or "no arguments"
                 raise TypeError(f"{name}() takes {len(given)} argument(s) ({names}), "
                                 f"{len(args)} given")
             args = tuple(args) + ("",) * (len(given) - len(args))
-            passed = [p for p in member.params if p.dir != "retval"]
+            passed = [p for p in params if p.dir != "retval"]
             # [out] parameters are passed by reference without a value from the caller.
             values, it = [], iter(args)
             for p in passed:

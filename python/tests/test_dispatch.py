@@ -1,0 +1,109 @@
+import ctypes
+import os
+import re
+import subprocess
+
+import pytest
+
+import qxgroupmgr as qx
+from qxgroupmgr import _com
+from qxgroupmgr.dispatch import FILE_MANAGER, DispatchObject
+
+from conftest import SAMPLES
+
+
+@pytest.fixture
+def fm():
+    return qx.Dispatch("QXGroupMgr.FileManager")
+
+
+def test_file_manager_late_bound(fm, samples, tmp_path):
+    group = str(samples / "s.mag")
+    assert fm.CreateGrpFile(group, f"{samples}/prog1.map,{samples}/greeting.mas") is None
+    assert fm.ReadContents(group) == "main.PROG1.map,main.GREETING.mas"
+    assert fm.readcontents(group) == fm.ReadContents(group)          # names are not case-sensitive
+    assert (fm.IsGroup(group), fm.IsGroup(str(samples / "prog1.map"))) == (1, 0)
+    assert fm.SplitPath(group + "/main.PROG1.map") == (group, "main.PROG1.map")
+    assert fm.DoesPathExist(str(samples / "prog1.map")) == 0 and fm.last_hr == qx.S_FALSE
+    assert fm.ReadContentsXml(group, 0, "").count("<file ") == 2
+    out = fm.ExpandFlashFile(str(samples / "Hello.kdk"), str(tmp_path))
+    assert out.endswith(",") and all(os.path.isfile(p) for p in out[:-1].split(","))
+    fm.ShowUI = 0
+
+
+def test_failure_codes_raise_with_member_and_hr(fm, samples):
+    with pytest.raises(qx.ComError, match=r"FileManager\.ReadContents failed: E_FAIL") as e:
+        fm.ReadContents(str(samples / "notes.txt"))
+    assert e.value.hr == qx.E_FAIL
+    with pytest.raises(qx.ComError, match="E_NOTIMPL"):
+        fm.UseQXAscii(1)
+    with pytest.raises(qx.ComError, match="QX_E_OPEN_FAILED"):
+        fm.ExpandFlashFile(str(samples / "missing.kdk"), str(samples))
+
+
+@pytest.mark.parametrize("call, error, message", [
+    (lambda fm: fm.ReadContents(b"samples/school.mag"), TypeError, "os.fsdecode"),
+    (lambda fm: fm.ReadContents(None), TypeError, "is None"),
+    (lambda fm: fm.ReadContents(), TypeError, r"takes 1 argument\(s\) \(grpfile\), 0 given"),
+    (lambda fm: fm.ReadContents("a", "b"), TypeError, "2 given"),
+    (lambda fm: fm.ReadContents(7), TypeError, "str or os.PathLike, not int"),
+    (lambda fm: fm.UseQXAscii("1"), TypeError, "must be int"),
+    (lambda fm: fm.UseQXAscii(2**40), OverflowError, "32-bit"),
+    (lambda fm: setattr(fm, "IsGroup", 1), AttributeError, "read-only"),
+    (lambda fm: fm.ShowUI, AttributeError, "can only be set"),
+    (lambda fm: fm.NoSuchMember, AttributeError, "no member 'NoSuchMember'"),
+    (lambda fm: qx.Dispatch("QXGroupMgr.Nothing"), qx.ComError, "qxgroup register"),
+    (lambda fm: qx.Dispatch(None), TypeError, "is None"),
+])
+def test_bad_input_raises_helpful_errors(fm, call, error, message):
+    with pytest.raises(error, match=message):
+        call(fm)
+
+
+def test_module_checks_untyped_calls(fm):
+    # Without member descriptions every argument goes as given; the module's own checks answer.
+    module = fm._module
+    raw = DispatchObject(module, module.create(_com.CLSID_FileManager, "raw"), "raw", [])
+    for call, hr in [(lambda: raw.ReadContents("a", "b", "c"), qx.DISP_E_BADPARAMCOUNT),
+                     (lambda: raw.UseQXAscii("x"), qx.DISP_E_TYPEMISMATCH),
+                     (lambda: setattr(raw, "IsGroup", 1), qx.DISP_E_MEMBERNOTFOUND)]:
+        with pytest.raises(qx.ComError) as e:
+            call()
+        assert e.value.hr == hr and "raw." in str(e.value)
+
+
+def test_module_resolution(fm, tmp_path, monkeypatch):
+    module = fm._module.path
+    registry = tmp_path / "registry.reg"
+
+    def register(path):
+        clsid = "{41035C38-1441-4016-B34A-DBE6374ACCF2}"
+        registry.write_text(
+            "Windows Registry Editor Version 5.00\n\n"
+            f"[HKEY_CLASSES_ROOT\\QXGroupMgr.FileManager\\CLSID]\n@=\"{clsid}\"\n\n"
+            f"[HKEY_CLASSES_ROOT\\CLSID\\{clsid}\\InprocServer32]\n"
+            f"@=\"{path.replace(chr(92), chr(92) * 2)}\"\n\"ThreadingModel\"=\"Apartment\"\n")
+
+    monkeypatch.setenv("QXGROUPMGR_MODULE", str(tmp_path / "gone.so"))
+    with pytest.raises(qx.ModuleLoadError, match="QXGROUPMGR_MODULE names .*gone.so"):
+        qx.Dispatch("QXGroupMgr.FileManager")
+    register(module)   # the registry store wins over the environment
+    assert qx.Dispatch("qxgroupmgr.filemanager")._module.path == module
+    register(str(tmp_path / "moved.so"))
+    with pytest.raises(qx.ModuleLoadError, match="moved.so cannot be loaded.*qxgroup register"):
+        qx.Dispatch("QXGroupMgr.FileManager")
+
+
+def test_identifiers_and_members_match_the_module(fm):
+    lib = fm._module.lib
+    for name in ("CLSID_FileManager", "CLSID_QXPackageInfo", "IID_IDispatch", "IID_IClassFactory"):
+        assert str(_com.GUID.in_dll(lib, name)) == str(getattr(_com, name)), name
+    qxgroup = os.environ.get("QXGROUP")
+    if not qxgroup:
+        pytest.skip("QXGROUP (the qxgroup program) not set")
+    listing = subprocess.run([qxgroup, "call", "--help"], capture_output=True, text=True).stdout
+    dirs = {"in": "in", "out": "out", "inout": "in, out", "retval": "out, retval"}
+    types = {"str": "string", "int": "int", "hwnd": "HWND"}
+    for m in FILE_MANAGER:
+        params = ", ".join(f"[{dirs[p.dir]}] {types[p.type]} {p.name}" for p in m.params)
+        assert re.search(rf"^\s*{m.name}\({re.escape(params)}\)", listing, re.M), m.name
