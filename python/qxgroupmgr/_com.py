@@ -156,9 +156,18 @@ class Module:
         lib.VariantClear.restype = HRESULT
         # Newer modules say why a call failed through an error object; older ones do not.
         self.get_error_info = getattr(lib, "GetErrorInfo", None)
+        self.set_error_info = getattr(lib, "SetErrorInfo", None)
         if self.get_error_info is not None:
             self.get_error_info.restype = HRESULT
             self.get_error_info.argtypes = [ctypes.c_uint32, ctypes.POINTER(ctypes.c_void_p)]
+        if self.set_error_info is not None:
+            self.set_error_info.restype = HRESULT
+            self.set_error_info.argtypes = [ctypes.c_uint32, ctypes.c_void_p]
+
+    def clear_error(self) -> None:
+        """Drops a reason left by an earlier call, so a failure is never explained by it."""
+        if self.set_error_info is not None:
+            self.set_error_info(0, None)
 
     def alloc(self, text: str) -> int:
         data = text.encode("utf-16-le", "surrogatepass")
@@ -198,6 +207,7 @@ class Module:
     def create(self, clsid: GUID, what: str) -> int:
         """A new instance of the class, as its IDispatch pointer."""
         factory = ctypes.c_void_p()
+        self.clear_error()
         hr = self.lib.DllGetClassObject(ctypes.byref(clsid), ctypes.byref(IID_IClassFactory),
                                         ctypes.byref(factory))
         if hr < 0:

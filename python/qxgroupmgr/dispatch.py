@@ -224,6 +224,7 @@ class DispatchObject:
                 named = (ctypes.c_int32 * 1)(DISPID_PROPERTYPUT)
             params = DISPPARAMS(call.args if count else None,
                                 named, count, 1 if named is not None else 0)
+            self._module.clear_error()
             hr = self._invoke(dispid, ctypes.byref(_com.IID_NULL), 0, flags, ctypes.byref(params),
                               ctypes.byref(result), ctypes.byref(excep), ctypes.byref(arg_err))
             self.__dict__["last_hr"] = hr

@@ -107,3 +107,26 @@ def test_identifiers_and_members_match_the_module(fm):
     for m in FILE_MANAGER:
         params = ", ".join(f"[{dirs[p.dir]}] {types[p.type]} {p.name}" for p in m.params)
         assert re.search(rf"^\s*{m.name}\({re.escape(params)}\)", listing, re.M), m.name
+
+
+def test_failure_reason_comes_from_the_error_object(fm, samples, monkeypatch):
+    # A stand-in error object: GetDescription (slot 5) gives the reason, Release (slot 2) counts.
+    module, released = fm._module, []
+
+    def get_description(this, out):
+        out[0] = module.alloc("not a group file")
+        return 0
+    desc = ctypes.CFUNCTYPE(ctypes.c_int32, ctypes.c_void_p,
+                            ctypes.POINTER(ctypes.c_void_p))(get_description)
+    rel = ctypes.CFUNCTYPE(ctypes.c_uint32, ctypes.c_void_p)(lambda this: released.append(1) or 0)
+    table = (ctypes.c_void_p * 6)(None, None, ctypes.cast(rel, ctypes.c_void_p), None, None,
+                                  ctypes.cast(desc, ctypes.c_void_p))
+    obj = ctypes.c_void_p(ctypes.addressof(table))
+
+    def get_error_info(reserved, out):
+        out._obj.value = ctypes.addressof(obj)
+        return 0
+    monkeypatch.setattr(module, "get_error_info", get_error_info)
+    with pytest.raises(qx.ComError, match="E_FAIL .*: not a group file$"):
+        fm.ReadContents(str(samples / "notes.txt"))
+    assert released == [1]
