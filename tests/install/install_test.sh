@@ -46,9 +46,11 @@ cc -std=c11 -Wall -Werror -o "$tmp/pc" "$src/tests/install/consumer.c" \
 # The installed Python package finds the library installed beside it.
 py=$(command -v /usr/bin/python3 || command -v python3)
 out=$(cd "$tmp" && PYTHONPATH=$prefix/lib/python3/dist-packages "$py" -c \
-  'import qxgroupmgr, sys; print(qxgroupmgr.__file__); print(qxgroupmgr.Group(sys.argv[1]).members)' \
+  'import qxgroupmgr as q, sys; print(q.__file__, q.__version__, q.Group(sys.argv[1]).members)' \
   "$src/samples/school.mag")
-[[ $out == "$prefix"/*"['main.PROG1.map', 'main.GREETING.mas', 'work.L1.mal']" ]] || fail "python: $out"
+version=$("$prefix/bin/qxgroup" --version | awk '{print $2}')
+[[ $out == "$prefix"/*" $version ['main.PROG1.map', 'main.GREETING.mas', 'work.L1.mal']" ]] ||
+  fail "python ($version): $out"
 
 # Man page: renders, and every subcommand of --help has an example.
 MANWIDTH=100 man -l "$prefix/share/man/man1/qxgroup.1" >"$tmp/man.txt" 2>"$tmp/man.err"
@@ -83,7 +85,7 @@ awk '/^## Install/{on=1} on&&/^```sh/{code=1; next} code&&/^```/{exit} code' "$s
   fail "README Install lines: $(cat "$tmp/readme.out")"
 
 # The Debian package the README lines made.
-deb=$build/qxgroupmgr_$("$prefix/bin/qxgroup" --version | awk '{print $2}')_amd64.deb
+deb=$build/qxgroupmgr_${version}_amd64.deb
 [ -f "$deb" ] || fail "no $deb"
 contents=$(dpkg-deb -c "$deb")
 for f in ./usr/bin/qxgroup ./usr/lib/libqxgroupmgr.so.1 ./usr/include/qxgroupmgr/QXGroupMgr.h \
