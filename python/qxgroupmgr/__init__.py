@@ -9,7 +9,7 @@ from ._com import (ComError, ModuleLoadError, hr_name, S_OK, S_FALSE, E_FAIL, E_
                    E_POINTER, E_UNEXPECTED, CLASS_E_CLASSNOTAVAILABLE, REGDB_E_CLASSNOTREG,
                    DISP_E_BADPARAMCOUNT, DISP_E_MEMBERNOTFOUND, DISP_E_TYPEMISMATCH,
                    QX_E_OPEN_FAILED)
-from .dispatch import Dispatch, DispatchObject
+from .dispatch import CreateObject, Dispatch, DispatchObject
 from .groups import FileInfo, Group, Package, create, split_flash
 
 __version__ = "1.0.0"

@@ -195,12 +195,16 @@ class DispatchObject:
             params = member.params[:-1] if flags == DISPATCH_PROPERTYPUT else member.params
             given = [p for p in params if p.dir in ("in", "inout")]
             required = [p for p in given if p.dir == "in"]
-            if not len(required) <= len(args) <= len(given):
+            passed = [p for p in params if p.dir != "retval"]
+            if len(args) == len(passed) > len(given):
+                # A script ported from one that passed variables for the [out] parameters:
+                # those places are only placeholders.
+                args = tuple(a for a, p in zip(args, passed) if p.dir != "out")
+            elif not len(required) <= len(args) <= len(given):
                 names = ", ".join(p.name for p in given) or "no arguments"
                 raise TypeError(f"{name}() takes {len(given)} argument(s) ({names}), "
                                 f"{len(args)} given")
             args = tuple(args) + ("",) * (len(given) - len(args))
-            passed = [p for p in params if p.dir != "retval"]
             # [out] parameters are passed by reference without a value from the caller.
             values, it = [], iter(args)
             for p in passed:
@@ -282,3 +286,6 @@ def Dispatch(progid: str) -> DispatchObject:
     what, members = _DESCRIPTIONS.get(str(clsid), (progid, []))
     pointer = module.create(clsid, f"{progid} ({what})")
     return DispatchObject(module, pointer, progid, members)
+
+
+CreateObject = Dispatch   # the name scripts for the original used
