@@ -53,7 +53,7 @@ class ComError(Exception):
         if description:
             text += f": {description}"
         if hint:
-            text += f". {hint}"
+            text += f"; {hint}"
         super().__init__(text)
 
 

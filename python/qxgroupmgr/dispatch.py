@@ -168,7 +168,8 @@ class DispatchObject:
             self._dispids[key] = dispid.value
         return self._dispids[key]
 
-    def _fail(self, hr: int, name: str, excep: EXCEPINFO, arg_err: int, count: int) -> ComError:
+    def _fail(self, hr: int, name: str, excep: EXCEPINFO, arg_err: int, values: list) -> ComError:
+        count = len(values)
         module = self._module
         description = ""
         if excep.bstrDescription:
@@ -186,7 +187,10 @@ class DispatchObject:
         elif hr == _com.DISP_E_MEMBERNOTFOUND:
             hint = "the member cannot be used that way (a read-only property, or a property " \
                    "that cannot be read)"
-        return ComError(hr, f"{self._progid}.{name}", description, hint)
+        # Long paths keep their start and their file name.
+        shown = ", ".join(repr(v) if len(repr(v)) <= 120 else repr(v)[:40] + "..." + repr(v)[-77:]
+                          for v in values if v is not None)
+        return ComError(hr, f"{self._progid}.{name}({shown})", description, hint)
 
     def _invoke_member(self, name: str, flags: int, member: Member | None, args: tuple,
                        put_value: Any = None) -> Any:
@@ -233,7 +237,8 @@ class DispatchObject:
                               ctypes.byref(result), ctypes.byref(excep), ctypes.byref(arg_err))
             self.__dict__["last_hr"] = hr
             if hr < 0:
-                raise self._fail(hr, name, excep, arg_err.value, count)
+                shown = values + ([put_value] if flags == DISPATCH_PROPERTYPUT else [])
+                raise self._fail(hr, name, excep, arg_err.value, shown)
             got = []
             if result.vt == _com.VT_BSTR:
                 got.append(self._module.read(result.bstrVal))
