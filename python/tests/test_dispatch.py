@@ -101,7 +101,11 @@ def test_identifiers_and_members_match_the_module(fm):
     qxgroup = os.environ.get("QXGROUP")
     if not qxgroup:
         pytest.skip("QXGROUP (the qxgroup program) not set")
-    listing = subprocess.run([qxgroup, "call", "--help"], capture_output=True, text=True).stdout
+    # A sanitized program carries its own runtime: the one preloaded for Python must not clash.
+    env = {k: v for k, v in os.environ.items() if k != "LD_PRELOAD"}
+    run = subprocess.run([qxgroup, "call", "--help"], capture_output=True, text=True, env=env)
+    listing = run.stdout
+    assert run.returncode == 0, run.stderr
     dirs = {"in": "in", "out": "out", "inout": "in, out", "retval": "out, retval"}
     types = {"str": "string", "int": "int", "hwnd": "HWND"}
     for m in FILE_MANAGER:
