@@ -32,7 +32,7 @@ install(FILES ${CMAKE_BINARY_DIR}/qxgroupmgr.pc DESTINATION ${CMAKE_INSTALL_LIBD
 find_program(QX_HELP2MAN help2man)
 if(QX_HELP2MAN)
   add_custom_command(OUTPUT ${CMAKE_BINARY_DIR}/qxgroup.1
-    COMMAND ${QX_HELP2MAN} --no-info --no-discard-stderr --section=1
+    COMMAND ${QX_HELP2MAN} --no-info --section=1
             --name "manage graphing-calculator group files"
             --include ${CMAKE_CURRENT_LIST_DIR}/qxgroup.h2m
             --output ${CMAKE_BINARY_DIR}/qxgroup.1 $<TARGET_FILE:qxgroup>
