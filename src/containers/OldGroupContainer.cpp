@@ -3,6 +3,8 @@
 #include "containers/ContentsXml.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
+#include "platform/Diagnostic.h"
+#include "platform/GroupLock.h"
 #include "platform/TempFile.h"
 #include "platform/fs.h"
 
@@ -129,10 +131,22 @@ int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
 
 // ---- Creating and adding -------------------------------------------------------------------------
 
+bool OldGroupContainer::ReadForEdit(std::vector<unsigned char>& file) {
+  if (seed_) {
+    file = std::move(*seed_);
+    seed_.reset();
+    return true;
+  }
+  return fs::ReadWholeFile(path_, file);
+}
+
 bool OldGroupContainer::CommitBytes(const std::vector<unsigned char>& bytes) {
   fs::TempFile tmp(path_);
   if (!tmp.IsOpen()) return false;
-  if (!tmp.file().Write(bytes.data(), bytes.size())) return false;
+  if (!tmp.file().Write(bytes.data(), bytes.size())) {
+    diag::Record("write-failed", path_, "the new group could not be written in full");
+    return false;
+  }
   return tmp.Keep();
 }
 
@@ -143,9 +157,15 @@ int32_t OldGroupContainer::CreateWithMembers(const StringList& files,
   } else {
     family_ = DetectFileSignature(files.front());
   }
-  if (!CommitBytes(NewGroupBytes(LocalGroupCommentText()))) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  std::vector<unsigned char> fresh = NewGroupBytes(LocalGroupCommentText());
+  if (files.empty()) return CommitBytes(fresh) ? 1 : 0;
+  // The new group and what goes into it are one write: a second lock on the replaced file
+  // would not exclude the writers waiting for the first.
+  seed_ = std::move(fresh);
   int32_t state = 0;
-  return AddMembers(files, destFolder, &state, nullptr, nullptr);
+  return AddLocked(files, destFolder, state, nullptr, nullptr, true);
 }
 
 int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string& destFolder,
@@ -153,7 +173,18 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
   if (files.empty()) return 1;
   int32_t localState = 0;
   int32_t& state = promptState != nullptr ? *promptState : localState;
-  if (!BeginEdit()) return 0;
+  // Held from the read to the rename, so a concurrent writer's change is read, not overwritten.
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  return AddLocked(files, destFolder, state, prompt, context, false);
+}
+
+int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string& destFolder,
+                                     int32_t& state, AddPromptFn prompt, void* context,
+                                     bool writeAlways) {
+  const bool begun = BeginEdit();
+  seed_.reset();
+  if (!begun) return 0;
   editChanged_ = false;
   int32_t result = 1;
   for (const std::string& file : files) {
@@ -174,7 +205,7 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.
-  if (editChanged_) {
+  if (editChanged_ || writeAlways) {
     std::vector<unsigned char> bytes;
     if (!SerializeEdit(bytes) || !CommitBytes(bytes)) return 0;
   }
@@ -206,7 +237,8 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
 }
 
 int32_t OldGroupContainer::DeleteMembers(const StringList& names) {
-  if (!BeginEdit()) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held() || !BeginEdit()) return 0;
   if (!EditDelete(names)) return 0;
   std::vector<unsigned char> bytes;
   if (!SerializeEdit(bytes)) return 0;

@@ -55,7 +55,7 @@ std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string&
 
 bool OldGroupContainerKC::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return false;
+  if (!ReadForEdit(file)) return false;
   edit_ = KCGroup{};
   if (!KCGroup::Parse(file, edit_)) return false;
   IndexModel();

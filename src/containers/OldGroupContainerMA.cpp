@@ -78,7 +78,7 @@ std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string&
 
 bool OldGroupContainerMA::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return false;
+  if (!ReadForEdit(file)) return false;
   edit_ = MAGroup{};
   if (!MAGroup::Parse(file, edit_)) return false;
   IndexModel();
