@@ -7,6 +7,7 @@
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
 #include "platform/Diagnostic.h"
+#include "platform/GroupLock.h"
 #include "platform/TempFile.h"
 #include "platform/fs.h"
 
@@ -154,11 +155,23 @@ int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
 
 // ---- Creating and adding -------------------------------------------------------------------------
 
+bool OldGroupContainer::ReadForEdit(std::vector<unsigned char>& file) {
+  if (seed_) {
+    file = std::move(*seed_);
+    seed_.reset();
+    return true;
+  }
+  return fs::ReadWholeFile(path_, file);
+}
+
 bool OldGroupContainer::CommitBytes(const std::vector<unsigned char>& bytes) {
   fs::TempFile tmp(path_);
-  if (tmp.IsOpen() && tmp.file().Write(bytes.data(), bytes.size()) && tmp.Keep()) return true;
-  diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
-  return false;
+  if (!tmp.IsOpen()) return false;  // the temporary file said why
+  if (!tmp.file().Write(bytes.data(), bytes.size())) {
+    diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
+    return false;
+  }
+  return tmp.Keep();
 }
 
 int32_t OldGroupContainer::CreateWithMembers(const StringList& files,
@@ -171,9 +184,15 @@ int32_t OldGroupContainer::CreateWithMembers(const StringList& files,
   } else {
     family_ = DetectFileSignature(files.front());
   }
-  if (!CommitBytes(NewGroupBytes(LocalGroupCommentText()))) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  std::vector<unsigned char> fresh = NewGroupBytes(LocalGroupCommentText());
+  if (files.empty()) return CommitBytes(fresh) ? 1 : 0;
+  // The new group and what goes into it are one write: a second lock on the replaced file
+  // would not exclude the writers waiting for the first.
+  seed_ = std::move(fresh);
   int32_t state = 0;
-  return AddMembers(files, destFolder, &state, nullptr, nullptr);
+  return AddLocked(files, destFolder, state, nullptr, nullptr, true);
 }
 
 int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string& destFolder,
@@ -181,7 +200,18 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
   if (files.empty()) return 1;
   int32_t localState = 0;
   int32_t& state = promptState != nullptr ? *promptState : localState;
-  if (!BeginEdit()) return 0;
+  // Held from the read to the rename, so a concurrent writer's change is read, not overwritten.
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  return AddLocked(files, destFolder, state, prompt, context, false);
+}
+
+int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string& destFolder,
+                                     int32_t& state, AddPromptFn prompt, void* context,
+                                     bool writeAlways) {
+  const bool begun = BeginEdit();
+  seed_.reset();
+  if (!begun) return 0;
   editChanged_ = false;
   leftOut_.clear();
   int32_t result = 1;
@@ -208,7 +238,7 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.
-  if (editChanged_) {
+  if (editChanged_ || writeAlways) {
     std::vector<unsigned char> bytes;
     if (!SerializeEdit(bytes)) {
       diag::Record("too-large", path_, "the members would not fit the group's layout");
@@ -246,7 +276,8 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
 }
 
 int32_t OldGroupContainer::DeleteMembers(const StringList& names) {
-  if (!BeginEdit()) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held() || !BeginEdit()) return 0;
   if (!EditDelete(names)) {
     diag::Record("cannot-delete", path_, "the members named cannot be deleted");
     return 0;

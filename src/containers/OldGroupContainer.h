@@ -2,13 +2,14 @@
 // member lookups built on a listing, creating a group, and the adding loop with its prompt
 // state and the checks made before a file goes in.
 //
-// A change (add, delete) reads the group once into the class's in-memory model, applies every
-// file or name of the call there and writes the result once, through a temporary file beside the
-// group that is renamed over it. A call that fails before anything changed leaves the group as
+// A change (add, delete, create) holds the group's write lock for the whole call, reads the group
+// once into the class's in-memory model, applies every file or name of the call there and writes
+// the result once, through a temporary file beside the group that is renamed over it. A call that fails before anything changed leaves the group as
 // it was; files added before a refused one stay added, as they would after one write per file.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,8 @@ class OldGroupContainer : public GroupContainer {
   // ---- Changing the group in memory ----------------------------------------------------------
   // Parses the group file into the model; false when it cannot be read or is refused.
   virtual bool BeginEdit() = 0;
+  // The bytes BeginEdit parses: the group file, or the new group a create starts from.
+  bool ReadForEdit(std::vector<unsigned char>& file);
   virtual int32_t EditMemberCount() const = 0;
   virtual bool EditContains(const std::string& name) const = 0;
   // Deletes in the model with the rules of DeleteMembers; false (model unchanged) on refusal.
@@ -98,6 +101,12 @@ class OldGroupContainer : public GroupContainer {
   // What the prompt's answers kept out of the current AddMembers: file paths as given, or the
   // names of members of a group file being merged in (see RecordFilesLeftOut).
   StringList leftOut_;
+  // The adding loop, with the group's write lock held; writes even an unchanged model when
+  // `writeAlways` (a create).
+  int32_t AddLocked(const StringList& files, const std::string& destFolder, int32_t& state,
+                    AddPromptFn prompt, void* context, bool writeAlways);
+
+  std::optional<std::vector<unsigned char>> seed_;  // a create's new group, read instead of the file
 };
 
 }  // namespace qx

@@ -56,7 +56,7 @@ std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string&
 
 bool OldGroupContainerKC::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) {
+  if (!ReadForEdit(file)) {
     diag::Record("cannot-read", path_, "cannot be read");
     return false;
   }

@@ -79,7 +79,7 @@ std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string&
 
 bool OldGroupContainerMA::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) {
+  if (!ReadForEdit(file)) {
     diag::Record("cannot-read", path_, "cannot be read");
     return false;
   }

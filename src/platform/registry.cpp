@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/TempFile.h"
 #include "platform/codepage.h"
 
 namespace qx::registry {
@@ -210,29 +211,10 @@ bool MakeParentFolders(const std::string& path) {
   return true;
 }
 
-bool WriteAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
 // Writes `text` to a new file beside `path` and renames it over `path`.
 bool ReplaceFile(const std::string& path, std::string_view text) {
-  std::string temp = path + ".XXXXXX";
-  const int fd = ::mkstemp(temp.data());
-  if (fd < 0) return false;
-  const bool ok = ::fchmod(fd, 0644) == 0 && WriteAll(fd, text) && ::fsync(fd) == 0;
-  if (::close(fd) != 0 || !ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-    ::unlink(temp.c_str());
-    return false;
-  }
-  return true;
+  fs::TempFile temp = fs::TempFile::ForNativePath(path);
+  return temp.IsOpen() && temp.file().Write(text.data(), text.size()) && temp.Keep();
 }
 
 // An exclusive flock on "<path>.lock", held for the object's life. The lock is on a file of its
