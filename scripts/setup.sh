@@ -6,6 +6,8 @@ set -euo pipefail
 need_pkgs=(cmake ninja-build g++ clang pkg-config python3 zlib1g-dev libgtest-dev libgmock-dev
            libbenchmark-dev libcli11-dev libxml2-dev libpugixml-dev unzip zip 7zip
            libarchive-tools tmux)
+# The Python package's tests, the man page, the Debian package and its dependency scan.
+need_pkgs+=(python3-pytest python3-setuptools python3-pip help2man man-db dpkg-dev file)
 # clang's sanitizer and fuzzer runtimes live in their own package on Debian 12.
 need_pkgs+=(libclang-rt-14-dev)
 

@@ -2,6 +2,8 @@
 # Builds everything with warnings as errors and runs every test suite.
 #   scripts/test.sh                 g++ (or $CXX), build/ folder
 #   BUILD_DIR=build-asan QX_SANITIZE=ON CXX=clang++ CC=clang scripts/test.sh
+# ctest runs the Python tests (python3 -m pytest, with the sanitizer runtimes preloaded in a
+# sanitized build) and the install test (fresh prefix, consumers, man page, .deb) as well.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh

@@ -374,6 +374,49 @@ struct ISupportErrorInfo {
 };
 
 #endif /* __cplusplus */
+/* ---- Error information ---------------------------------------------------------------------
+ * Why the last call on this thread failed: a failing method of a QXGroupMgr object leaves an
+ * error object behind (SetErrorInfo); the caller takes it with GetErrorInfo, which hands over
+ * the reference and empties the thread's slot. A successful call empties the slot, so a caller
+ * that asks after a failure never reads a reason left over from an earlier one.
+ *   IErrorInfo* info = NULL;
+ *   if (GetErrorInfo(0, &info) == S_OK) { info->GetDescription(&text); info->Release(); }
+ * The description is "subject: sentence" (the file or member at fault first). */
+
+QX_EXTERN_C QX_EXPORT const IID IID_IErrorInfo;
+
+#ifdef __cplusplus
+struct IErrorInfo : IUnknown {
+  virtual HRESULT GetGUID(GUID* pGUID) = 0;
+  virtual HRESULT GetSource(BSTR* pBstrSource) = 0;
+  virtual HRESULT GetDescription(BSTR* pBstrDescription) = 0;
+  virtual HRESULT GetHelpFile(BSTR* pBstrHelpFile) = 0;
+  virtual HRESULT GetHelpContext(DWORD* pdwHelpContext) = 0;
+
+ protected:
+  ~IErrorInfo() = default;
+};
+#else
+typedef struct IErrorInfo IErrorInfo;
+typedef struct IErrorInfoVtbl {
+  HRESULT (*QueryInterface)(IErrorInfo* This, REFIID riid, void** ppv);
+  ULONG (*AddRef)(IErrorInfo* This);
+  ULONG (*Release)(IErrorInfo* This);
+  HRESULT (*GetGUID)(IErrorInfo* This, GUID* pGUID);
+  HRESULT (*GetSource)(IErrorInfo* This, BSTR* pBstrSource);
+  HRESULT (*GetDescription)(IErrorInfo* This, BSTR* pBstrDescription);
+  HRESULT (*GetHelpFile)(IErrorInfo* This, BSTR* pBstrHelpFile);
+  HRESULT (*GetHelpContext)(IErrorInfo* This, DWORD* pdwHelpContext);
+} IErrorInfoVtbl;
+struct IErrorInfo {
+  const IErrorInfoVtbl* lpVtbl;
+};
+#endif
+
+/* dwReserved must be 0. SetErrorInfo keeps a reference to `info` (null empties the slot);
+ * GetErrorInfo gives S_OK and the object (the caller releases it), or S_FALSE and null. */
+QX_EXTERN_C QX_EXPORT HRESULT SetErrorInfo(ULONG dwReserved, IErrorInfo* info);
+QX_EXTERN_C QX_EXPORT HRESULT GetErrorInfo(ULONG dwReserved, IErrorInfo** info);
 
 /* ---- IObjectSafety ---------------------------------------------------------------------------
  * Lets a script host ask whether an object is safe to call from untrusted scripts and switch

@@ -3,6 +3,10 @@
 #include "containers/OldGroupContainerKC.h"
 #include "containers/OldGroupContainerMA.h"
 #include "formats/DeviceFamily.h"
+#include "platform/Diagnostic.h"
+#include "platform/codepage.h"
+#include "platform/fs.h"
+#include "platform/path.h"
 
 namespace qx {
 
@@ -31,6 +35,14 @@ ContainerKind ContainerKindForSignature(std::string_view signature) {
   return ContainerKind::None;
 }
 
+ContainerKind ContainerKindForCreate(std::string_view groupPath,
+                                     std::string_view firstFileSignature) {
+  const std::string ext = codepage::ToUpper1252(path::Extension(groupPath));
+  if (ext == ".QXG" || ext == ".QXP") return ContainerKind::Zip;
+  const ContainerKind kind = ContainerKindForSignature(firstFileSignature);
+  return kind == ContainerKind::None ? ContainerKind::Zip : kind;
+}
+
 std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std::string& path,
                                                    ContainerFactory* factory) {
   // One line per container class once it is built, e.g.
@@ -45,10 +57,46 @@ std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std
   return nullptr;
 }
 
+namespace {
+
+// Why no container took the file at `path` whose signature is `sig`, in a few words.
+std::string WhyNotAGroup(const std::string& path, const std::string& sig, ContainerKind kind,
+                         bool constructed) {
+  const uint32_t attrs = fs::GetAttributes(path);
+  if (attrs == fs::kInvalidAttributes) return "no such file";
+  if (attrs & fs::kAttrDirectory) return "is a folder";
+  fs::File probe = fs::File::OpenRead(path);
+  if (!probe.IsOpen()) return "cannot be read";
+  if (probe.Size() == 0) return "empty file";
+  if (sig == kSigUnknown) return "unknown signature";
+  if (sig == kSigFlash) return "a flash file";
+  const FamilyInfo* family = FindFamilyBySignature(sig);
+  if (kind == ContainerKind::None)
+    return family == nullptr ? std::string("unknown signature")
+                             : "the " + std::string(family->name) + " device family has no group files";
+  if (!constructed)
+    return kind == ContainerKind::Zip ? "zip-based groups are not supported by this build"
+                                      : "old-style groups are not supported by this build";
+  if (kind == ContainerKind::Zip) return "not a readable zip archive";
+  if (family != nullptr && family->name == "HWL") return "HWL-family groups cannot be opened";
+  return "a single-variable file, not a group";
+}
+
+}  // namespace
+
 std::unique_ptr<GroupContainer> ContainerFactory::CreateContainer(const std::string& path) {
-  const ContainerKind kind = ContainerKindForSignature(DetectFileSignature(path));
+  const std::string sig = DetectFileSignature(path);
+  const ContainerKind kind = ContainerKindForSignature(sig);
   std::unique_ptr<GroupContainer> container = ConstructContainer(kind, path, this);
-  if (container != nullptr && container->IsValid() == 0) container.reset();
+  const bool constructed = container != nullptr;
+  if (container != nullptr) {
+    // IsValid is a question: what it notes on the way is not the reason given below.
+    diag::DiagnosticScope probe;
+    if (container->IsValid() == 0) container.reset();
+  }
+  if (container == nullptr)
+    diag::Record("not-a-group", path,
+                 "not a group file (" + WhyNotAGroup(path, sig, kind, constructed) + ")");
   return container;
 }
 

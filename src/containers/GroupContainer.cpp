@@ -1,6 +1,14 @@
 #include "containers/GroupContainer.h"
 
+#include "platform/Diagnostic.h"
+
 namespace qx {
+
+void RecordFilesLeftOut(const std::string& groupPath, const StringList& items) {
+  std::string text = "files left out:";
+  for (const std::string& item : items) text += "\n" + item;
+  diag::Record("files-left-out", groupPath, text);
+}
 
 int32_t GroupContainer::SetPath(const std::string& path) {
   path_ = path;

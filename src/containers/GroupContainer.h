@@ -34,6 +34,12 @@ enum PromptResult : int32_t {
 using AddPromptFn = PromptResult (*)(const std::string& filePath, PromptReason reason,
                                      GroupContainer* container, void* context);
 
+// Records the diagnostic of an add that succeeded with files left out by the prompt's answers:
+// code "files-left-out", the group as subject, the text "files left out:" followed by one line
+// ("\n" then the item) per file path as given, or per member name of a group file being
+// merged in. Callers of AddFiles read the items back from the error description's lines.
+void RecordFilesLeftOut(const std::string& groupPath, const StringList& items);
+
 // Results are 32-bit integers, nonzero for success unless an operation says otherwise. Member
 // names may hold folder parts separated by "\"; destination folders are empty or end in their
 // separator ("/" on the file system, "\" inside a group). The order of the virtual operations

@@ -1,8 +1,13 @@
 #include "containers/OldGroupContainer.h"
 
+#include <cerrno>
+#include <cstring>
+
 #include "containers/ContentsXml.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
+#include "platform/Diagnostic.h"
+#include "platform/GroupLock.h"
 #include "platform/TempFile.h"
 #include "platform/fs.h"
 
@@ -10,39 +15,18 @@ namespace qx {
 
 namespace {
 
-unsigned char Lower1252(unsigned char c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<unsigned char>(c + 0x20);
-  if (c >= 0xC0 && c <= 0xDE && c != 0xD7) return static_cast<unsigned char>(c + 0x20);
-  switch (c) {
-    case 0x8A: return 0x9A;  // S caron
-    case 0x8C: return 0x9C;  // OE
-    case 0x8E: return 0x9E;  // Z caron
-    case 0x9F: return 0xFF;  // Y diaeresis
-    default: return c;
-  }
-}
-
 // A member name becomes a file name inside the destination folder; one that would name a folder
 // or step out of it is not written.
 bool IsPlainFileName(std::string_view name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos;
 }
 
+std::string FamilyName(std::string_view signature) {
+  const FamilyInfo* family = FindFamilyBySignature(signature);
+  return family != nullptr ? std::string(family->name) : std::string("an unknown");
+}
+
 }  // namespace
-
-bool EqualsNoCase1252(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (Lower1252(static_cast<unsigned char>(a[i])) != Lower1252(static_cast<unsigned char>(b[i])))
-      return false;
-  return true;
-}
-
-std::string ToLower1252(std::string_view text) {
-  std::string out(text);
-  for (char& c : out) c = static_cast<char>(Lower1252(static_cast<unsigned char>(c)));
-  return out;
-}
 
 OldGroupContainer::OldGroupContainer(std::string path, ContainerFactory* factory)
     : GroupContainer(std::move(path), factory), family_(DetectFileSignature(path_)) {}
@@ -55,9 +39,54 @@ int32_t OldGroupContainer::SetPath(const std::string& path) {
 
 bool OldGroupContainer::ReadListing(Listing& out) {
   out = Listing{};
-  if (!fs::ReadWholeFile(path_, out.file)) return false;
+  if (!fs::ReadWholeFile(path_, out.file)) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
   ListBytes(out);
+  if (out.count == 0) diag::Record("no-members", path_, "the group lists no member");
+  else if (!out.namesComplete)
+    diag::Record("unreadable-name", path_,
+                 "member " + std::to_string(out.names.size() + 1) + " has no readable name");
   return true;
+}
+
+void OldGroupContainer::RecordRefusal(const std::string& file, std::string_view fileFamily) const {
+  if (fileFamily == kSigFlash) {
+    diag::Record("flash-file", file,
+                 "cannot go into " + path_ + ": old-style groups cannot hold flash applications");
+  } else if (fileFamily == kSigUnknown) {
+    diag::Record("not-a-variable", file, "cannot go into " + path_ + ": not a calculator file");
+  } else {
+    diag::Record("other-family", file,
+                 "cannot go into " + path_ + ": a " + FamilyName(fileFamily) +
+                     "-family file; the group holds " + FamilyName(family_) + "-family files");
+  }
+}
+
+bool OldGroupContainer::FindMember(const Listing& listing, const std::string& name,
+                                   size_t& index) const {
+  for (index = 0; index < listing.names.size(); ++index)
+    if (EqualsNoCase1252(listing.names[index], name)) return true;
+  diag::Record("no-member", name, "no such member in " + path_);
+  return false;
+}
+
+bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
+                                        const std::string& destFolder) {
+  const std::string& name = listing.names[index];
+  if (!IsPlainFileName(name)) {
+    diag::Record("bad-member-name", name, "cannot be written as a file name");
+    return false;
+  }
+  errno = 0;
+  if (WriteMember(listing, index, destFolder + name)) return true;
+  // The system's reason, when the failure was the file's creation or writing.
+  const int error = errno;
+  diag::Record("cannot-write", destFolder + name,
+               error != 0 ? std::string("cannot be written: ") + std::strerror(error)
+                          : std::string("cannot be written"));
+  return false;
 }
 
 // ---- Finding and listing -------------------------------------------------------------------------
@@ -99,7 +128,10 @@ int32_t OldGroupContainer::WriteContentsXml(std::string& xml, int32_t, std::stri
   members.reserve(listing.names.size());
   for (size_t i = 0; i < listing.names.size(); ++i)
     members.push_back({listing.names[i], listing.sizes[i]});
-  if (!WriteOldStyleListing(GetGroupFileName(), members, xml)) return 0;
+  if (!WriteOldStyleListing(GetGroupFileName(), members, xml)) {
+    diag::Record("cannot-list", path_, "the contents listing could not be written");
+    return 0;
+  }
   return listing.namesComplete ? 1 : 0;
 }
 
@@ -108,44 +140,59 @@ int32_t OldGroupContainer::WriteContentsXml(std::string& xml, int32_t, std::stri
 int32_t OldGroupContainer::ExtractMember(const std::string& name, const std::string& destFolder) {
   Listing listing;
   if (!ReadListing(listing)) return 0;
-  for (size_t i = 0; i < listing.names.size(); ++i)
-    if (EqualsNoCase1252(listing.names[i], name))
-      return IsPlainFileName(listing.names[i]) &&
-                     WriteMember(listing, i, destFolder + listing.names[i])
-                 ? 1
-                 : 0;
-  return 0;
+  size_t index = 0;
+  if (!FindMember(listing, name, index)) return 0;
+  return WriteMemberFile(listing, index, destFolder) ? 1 : 0;
 }
 
 int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
   Listing listing;
   if (!ReadListing(listing) || listing.count == 0) return 0;
   for (size_t i = 0; i < listing.names.size(); ++i)
-    if (!IsPlainFileName(listing.names[i]) ||
-        !WriteMember(listing, i, destFolder + listing.names[i]))
-      return 0;
+    if (!WriteMemberFile(listing, i, destFolder)) return 0;
   return listing.namesComplete ? 1 : 0;
 }
 
 // ---- Creating and adding -------------------------------------------------------------------------
 
+bool OldGroupContainer::ReadForEdit(std::vector<unsigned char>& file) {
+  if (seed_) {
+    file = std::move(*seed_);
+    seed_.reset();
+    return true;
+  }
+  return fs::ReadWholeFile(path_, file);
+}
+
 bool OldGroupContainer::CommitBytes(const std::vector<unsigned char>& bytes) {
   fs::TempFile tmp(path_);
-  if (!tmp.IsOpen()) return false;
-  if (!tmp.file().Write(bytes.data(), bytes.size())) return false;
+  if (!tmp.IsOpen()) return false;  // the temporary file said why
+  if (!tmp.file().Write(bytes.data(), bytes.size())) {
+    diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
+    return false;
+  }
   return tmp.Keep();
 }
 
 int32_t OldGroupContainer::CreateWithMembers(const StringList& files,
                                              const std::string& destFolder) {
   if (files.empty()) {
-    if (family_.empty() || family_ == kSigUnknown) return 0;
+    if (family_.empty() || family_ == kSigUnknown) {
+      diag::Record("no-files", path_, "an old-style group needs a first file to take its family from");
+      return 0;
+    }
   } else {
     family_ = DetectFileSignature(files.front());
   }
-  if (!CommitBytes(NewGroupBytes(LocalGroupCommentText()))) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  std::vector<unsigned char> fresh = NewGroupBytes(LocalGroupCommentText());
+  if (files.empty()) return CommitBytes(fresh) ? 1 : 0;
+  // The new group and what goes into it are one write: a second lock on the replaced file
+  // would not exclude the writers waiting for the first.
+  seed_ = std::move(fresh);
   int32_t state = 0;
-  return AddMembers(files, destFolder, &state, nullptr, nullptr);
+  return AddLocked(files, destFolder, state, nullptr, nullptr, true);
 }
 
 int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string& destFolder,
@@ -153,11 +200,27 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
   if (files.empty()) return 1;
   int32_t localState = 0;
   int32_t& state = promptState != nullptr ? *promptState : localState;
-  if (!BeginEdit()) return 0;
+  // Held from the read to the rename, so a concurrent writer's change is read, not overwritten.
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
+  return AddLocked(files, destFolder, state, prompt, context, false);
+}
+
+int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string& destFolder,
+                                     int32_t& state, AddPromptFn prompt, void* context,
+                                     bool writeAlways) {
+  const bool begun = BeginEdit();
+  seed_.reset();
+  if (!begun) return 0;
   editChanged_ = false;
+  leftOut_.clear();
   int32_t result = 1;
-  for (const std::string& file : files) {
-    if (state == PromptCancel) break;
+  for (size_t f = 0; f < files.size(); ++f) {
+    const std::string& file = files[f];
+    if (state == PromptCancel) {
+      leftOut_.insert(leftOut_.end(), files.begin() + static_cast<std::ptrdiff_t>(f), files.end());
+      break;
+    }
     if (state != PromptReplaceAll) state = 0;
     // A calculator file of a family the group cannot hold (a flash application included) is
     // refused with the question before its table is read: read with this group's layout its
@@ -166,6 +229,7 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
     const std::string fileFamily = DetectFileSignature(file);
     if (fileFamily != kSigUnknown && fileFamily != family_ &&
         !AreFamiliesCompatible(fileFamily, family_)) {
+      RecordRefusal(file, fileFamily);
       if (prompt != nullptr) prompt(file, PromptRefused, this, context);
       result = 0;
       break;
@@ -174,10 +238,15 @@ int32_t OldGroupContainer::AddMembers(const StringList& files, const std::string
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.
-  if (editChanged_) {
+  if (editChanged_ || writeAlways) {
     std::vector<unsigned char> bytes;
-    if (!SerializeEdit(bytes) || !CommitBytes(bytes)) return 0;
+    if (!SerializeEdit(bytes)) {
+      diag::Record("too-large", path_, "the members would not fit the group's layout");
+      return 0;
+    }
+    if (!CommitBytes(bytes)) return 0;
   }
+  if (result != 0 && !leftOut_.empty()) RecordFilesLeftOut(path_, leftOut_);
   return result;
 }
 
@@ -185,6 +254,7 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
     const std::string& filePath, std::string_view fileFamily, const std::string& memberName,
     int32_t& state, AddPromptFn prompt, void* context) {
   if (fileFamily != family_) {
+    RecordRefusal(filePath, fileFamily);
     if (prompt != nullptr) prompt(filePath, PromptRefused, this, context);
     return AddCheck::Refuse;
   }
@@ -206,10 +276,17 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
 }
 
 int32_t OldGroupContainer::DeleteMembers(const StringList& names) {
-  if (!BeginEdit()) return 0;
-  if (!EditDelete(names)) return 0;
+  fs::GroupLock lock(path_);
+  if (!lock.Held() || !BeginEdit()) return 0;
+  if (!EditDelete(names)) {
+    diag::Record("cannot-delete", path_, "the members named cannot be deleted");
+    return 0;
+  }
   std::vector<unsigned char> bytes;
-  if (!SerializeEdit(bytes)) return 0;
+  if (!SerializeEdit(bytes)) {
+    diag::Record("too-large", path_, "the members would not fit the group's layout");
+    return 0;
+  }
   return CommitBytes(bytes) ? 1 : 0;
 }
 

@@ -2,25 +2,26 @@
 // member lookups built on a listing, creating a group, and the adding loop with its prompt
 // state and the checks made before a file goes in.
 //
-// A change (add, delete) reads the group once into the class's in-memory model, applies every
-// file or name of the call there and writes the result once, through a temporary file beside the
-// group that is renamed over it. A call that fails before anything changed leaves the group as
+// A change (add, delete, create) holds the group's write lock for the whole call, reads the group
+// once into the class's in-memory model, applies every file or name of the call there and writes
+// the result once, through a temporary file beside the group that is renamed over it. A call that fails before anything changed leaves the group as
 // it was; files added before a refused one stay added, as they would after one write per file.
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "containers/GroupContainer.h"
+#include "platform/codepage.h"
 
 namespace qx {
 
-// Case-insensitive equality in the 1252 code page (letters of both cases, accented ones too).
-bool EqualsNoCase1252(std::string_view a, std::string_view b);
-// Lower case in the 1252 code page.
-std::string ToLower1252(std::string_view text);
+// Member names compare without regard to case in the 1252 code page.
+using codepage::EqualsNoCase1252;
+using codepage::ToLower1252;
 
 class OldGroupContainer : public GroupContainer {
  public:
@@ -65,6 +66,8 @@ class OldGroupContainer : public GroupContainer {
   // ---- Changing the group in memory ----------------------------------------------------------
   // Parses the group file into the model; false when it cannot be read or is refused.
   virtual bool BeginEdit() = 0;
+  // The bytes BeginEdit parses: the group file, or the new group a create starts from.
+  bool ReadForEdit(std::vector<unsigned char>& file);
   virtual int32_t EditMemberCount() const = 0;
   virtual bool EditContains(const std::string& name) const = 0;
   // Deletes in the model with the rules of DeleteMembers; false (model unchanged) on refusal.
@@ -84,9 +87,26 @@ class OldGroupContainer : public GroupContainer {
                              void* context);
   // Writes bytes in place of the group through a temporary file beside it.
   bool CommitBytes(const std::vector<unsigned char>& bytes);
+  // Records why a file of `fileFamily` cannot go into this group ("flash-file", "other-family",
+  // "not-a-variable").
+  void RecordRefusal(const std::string& file, std::string_view fileFamily) const;
+  // The index of the member named `name` (without regard to case); false, with the diagnostic
+  // "no-member", when there is none.
+  bool FindMember(const Listing& listing, const std::string& name, size_t& index) const;
+  // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
+  bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
 
   std::string family_;
   bool editChanged_ = false;  // the model differs from the file
+  // What the prompt's answers kept out of the current AddMembers: file paths as given, or the
+  // names of members of a group file being merged in (see RecordFilesLeftOut).
+  StringList leftOut_;
+  // The adding loop, with the group's write lock held; writes even an unchanged model when
+  // `writeAlways` (a create).
+  int32_t AddLocked(const StringList& files, const std::string& destFolder, int32_t& state,
+                    AddPromptFn prompt, void* context, bool writeAlways);
+
+  std::optional<std::vector<unsigned char>> seed_;  // a create's new group, read instead of the file
 };
 
 }  // namespace qx

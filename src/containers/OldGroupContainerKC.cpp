@@ -3,6 +3,7 @@
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
 #include "formats/MemberNames.h"
+#include "platform/Diagnostic.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -55,9 +56,16 @@ std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string&
 
 bool OldGroupContainerKC::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return false;
+  if (!ReadForEdit(file)) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
   edit_ = KCGroup{};
-  if (!KCGroup::Parse(file, edit_)) return false;
+  const LayoutResult parsed = KCGroup::Parse(file, edit_);
+  if (!parsed) {
+    RecordLayoutFailure(parsed, path_);
+    return false;
+  }
   IndexModel();
   return true;
 }
@@ -80,14 +88,22 @@ bool OldGroupContainerKC::EditContains(const std::string& name) const {
 
 bool OldGroupContainerKC::EditDelete(const StringList& names) {
   // A group is never emptied by deleting; names that match nothing are ignored.
-  if (static_cast<int64_t>(names.size()) >= EditMemberCount()) return false;
+  if (static_cast<int64_t>(names.size()) >= EditMemberCount()) {
+    diag::Record("keeps-one", path_, "cannot delete every member: a group keeps at least one");
+    return false;
+  }
   const auto dropped = edit_.RemoveEntriesIf(family_, [&](const KCEntryView& e) {
     const std::string member = MemberFileNameKC(e.name, e.type, family_);
     for (const std::string& n : names)
       if (EqualsNoCase1252(member, n)) return true;
     return false;
   });
-  if (!dropped) return false;
+  if (!dropped) {
+    std::string list;
+    for (const std::string& n : names) list += (list.empty() ? "" : ", ") + n;
+    diag::Record("no-member", list, "no such member in " + path_);
+    return false;
+  }
   IndexModel();
   return true;
 }
@@ -106,12 +122,20 @@ int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::str
   }
   switch (CheckBeforeAdding(file, fileFamily, name, state, prompt, context)) {
     case AddCheck::Refuse: return 0;
-    case AddCheck::Skip: return 1;
+    case AddCheck::Skip:
+      leftOut_.push_back(file);
+      return 1;
     case AddCheck::Insert: break;
   }
-  if (!readable) return 0;
+  if (!readable) {
+    diag::Record("cannot-read", file, "cannot be read");
+    return 0;
+  }
   const auto entries = KCFileEntries(bytes);
-  if (!entries) return 0;
+  if (!entries) {
+    diag::Record("not-a-variable", file, "holds no variable entries that can be read");
+    return 0;
+  }
   edit_.AppendEntries(*entries);
   editChanged_ = true;
   // The appended entries, as the group will read them.

@@ -5,6 +5,7 @@
 
 #include "formats/DeviceFamily.h"
 #include "formats/MemberNames.h"
+#include "platform/Diagnostic.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -78,9 +79,16 @@ std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string&
 
 bool OldGroupContainerMA::BeginEdit() {
   std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return false;
+  if (!ReadForEdit(file)) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
   edit_ = MAGroup{};
-  if (!MAGroup::Parse(file, edit_)) return false;
+  const LayoutResult parsed = MAGroup::Parse(file, edit_);
+  if (!parsed) {
+    RecordLayoutFailure(parsed, path_);
+    return false;
+  }
   IndexModel();
   return true;
 }
@@ -133,9 +141,6 @@ bool OldGroupContainerMA::ModelTypesHaveExtensions() const {
 }
 
 bool OldGroupContainerMA::EditDelete(const StringList& names) {
-  // Unsigned, so a group without a first member does not fail here but below.
-  if (names.size() >= static_cast<uint32_t>(EditMemberCount())) return false;
-  if (edit_.EntryCount() < 2 || !typesHaveExtensions_) return false;
   std::unordered_map<std::string, size_t> wanted;
   for (const std::string& n : names) ++wanted[ToLower1252(n)];
   // Decide first, so that a refusal leaves the model as it was.
@@ -145,7 +150,10 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members) {
       std::string member;
-      if (!MemberName(f.name, v.fields, family_, member)) return false;
+      if (!MemberName(f.name, v.fields, family_, member)) {
+        diag::Record("unreadable-name", path_, "a member has no readable name");
+        return false;
+      }
       const auto it = wanted.find(ToLower1252(member));
       const bool match = it != wanted.end() && it->second > 0;
       if (match) {
@@ -155,7 +163,29 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
       drop.push_back(match);
     }
   // Every name must strike exactly one member: unknown or repeated names refuse the delete.
-  if (dropped != names.size()) return false;
+  if (dropped != names.size()) {
+    std::string list;
+    for (const std::string& n : names) {
+      const auto it = wanted.find(ToLower1252(n));
+      if (it == wanted.end() || it->second == 0) continue;
+      --it->second;  // each unmatched name once, in the order given
+      list += (list.empty() ? "" : ", ") + n;
+    }
+    diag::Record("no-member", list, "no such member in " + path_);
+    return false;
+  }
+  // Checked after the names so that an unknown name is what the caller hears about; the
+  // outcome is the same refusal. Unsigned, so a group without a first member fails here too.
+  if (names.size() >= static_cast<uint32_t>(EditMemberCount())) {
+    diag::Record("keeps-one", path_, "cannot delete every member: a group keeps at least one");
+    return false;
+  }
+  if (edit_.EntryCount() < 2 || !typesHaveExtensions_) {
+    diag::Record("cannot-delete", path_,
+                 "members can only be deleted from a group of two or more entries whose "
+                 "variable types all have file extensions");
+    return false;
+  }
   size_t i = 0;
   edit_.RemoveMembersIf([&](const MAFolder&, const MAVariable&) { return drop[i++]; });
   IndexModel();
@@ -165,10 +195,17 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
 int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::string& destFolder,
                                          int32_t& state, AddPromptFn prompt, void* context) {
   std::vector<unsigned char> bytes;
-  if (!fs::ReadWholeFile(file, bytes)) return 0;
+  if (!fs::ReadWholeFile(file, bytes)) {
+    diag::Record("cannot-read", file, "cannot be read");
+    return 0;
+  }
   const std::string fileFamily = DetectFileSignature(file);
   const MAWalk walk = WalkMAGroup(bytes);
-  if (walk.members.empty()) return 0;
+  if (walk.members.empty()) {
+    if (fileFamily == kSigUnknown) RecordRefusal(file, fileFamily);
+    else diag::Record("not-a-variable", file, "holds no variable that can be read");
+    return 0;
+  }
 
   // A single-variable file gives one variable; a group file gives each of its members, each
   // to its own folder with its own duplicate check.
@@ -179,6 +216,7 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     std::optional<MAVariable> variable;
   };
   std::vector<Candidate> candidates;
+  LayoutResult parsed;  // why a single-variable file's data could not be read
   if (MAIsGroup(bytes).value_or(false)) {
     for (const MAMemberView& m : walk.members) {
       const auto block = MABlock(bytes, m);
@@ -188,18 +226,29 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
   } else {
     MASingleFile single;
     candidates.push_back({&walk.members.front(), std::nullopt});
-    if (ParseMASingleFile(bytes, single))
+    parsed = ParseMASingleFile(bytes, single);
+    if (parsed)
       candidates.back().variable = MAVariable{single.fields, {single.data.begin(), single.data.end()}};
   }
 
+  // A skipped variable of a group file being merged in is named by its member name.
+  const bool merging = candidates.size() > 1;
   for (size_t c = 0; c < candidates.size(); ++c) {
     Candidate& cand = candidates[c];
+    std::string name;
     if (c > 0) {
-      if (state == PromptCancel) break;
+      if (state == PromptCancel) {
+        if (MemberName(cand.member->folder, cand.member->fields, fileFamily, name))
+          leftOut_.push_back(name);
+        continue;
+      }
       if (state != PromptReplaceAll) state = 0;
     }
-    std::string name;
-    if (!MemberName(cand.member->folder, cand.member->fields, fileFamily, name)) return 0;
+    if (!MemberName(cand.member->folder, cand.member->fields, fileFamily, name)) {
+      diag::Record("unreadable-name", file,
+                   "variable " + std::to_string(c + 1) + " has no readable name");
+      return 0;
+    }
     std::string_view family = fileFamily;
     if (fileFamily != family_ && AreFamiliesCompatible(fileFamily, family_)) {
       family = family_;
@@ -207,11 +256,20 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     }
     switch (CheckBeforeAdding(file, family, name, state, prompt, context)) {
       case AddCheck::Refuse: return 0;
-      case AddCheck::Skip: continue;
+      case AddCheck::Skip:
+        leftOut_.push_back(merging ? name : file);
+        continue;
       case AddCheck::Insert: break;
     }
-    if (!cand.variable) return 0;
-    if (!typesHaveExtensions_) return 0;
+    if (!cand.variable) {
+      RecordLayoutFailure(parsed, file);
+      diag::Record("damaged", file, "the data of variable " + std::to_string(c + 1) + " cannot be read");
+      return 0;
+    }
+    if (!typesHaveExtensions_) {
+      diag::Record("cannot-add", path_, "a member's variable type has no file extension, so the group cannot be changed");
+      return 0;
+    }
     std::string target = destFolder.empty() ? std::string("main") : destFolder;
     if (cand.member->folder[0] != 0) target = NameFieldText(cand.member->folder);
     target = ToLower1252(target);
@@ -223,7 +281,10 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     const bool inserted = at < folders.size()
                               ? edit_.InsertFirst(at, std::move(*cand.variable))
                               : edit_.AppendFolder(folderName, std::move(*cand.variable));
-    if (!inserted) return 0;
+    if (!inserted) {
+      diag::Record("too-large", path_, "the group cannot take another variable");
+      return 0;
+    }
     editChanged_ = true;
     IndexMember(folderName, fields);
     typesHaveExtensions_ = typesHaveExtensions_ && HasExtension(fields.type);

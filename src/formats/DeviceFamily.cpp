@@ -4,6 +4,7 @@
 #include <array>
 #include <cstring>
 
+#include "platform/codepage.h"
 #include "platform/fs.h"
 #include "platform/path.h"
 
@@ -34,10 +35,7 @@ constexpr std::array<std::pair<std::string_view, std::string_view>, 3> kTailFixe
 // The extension of the path's file name, dot included, in lower case:
 //   "a/b.MAP" => ".map";  "a.b/c" => "";  "x." => "."
 std::string LowerExtension(const std::string& path) {
-  std::string ext(path::Extension(path));
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; });
-  return ext;
+  return codepage::ToLower1252(path::Extension(path));
 }
 
 bool InCompatibleSet(std::string_view sig) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/ByteOrder.h"
+#include "platform/Diagnostic.h"
 #include "formats/DeviceFamily.h"
 
 namespace qx {
@@ -57,20 +58,32 @@ std::string FlashExtension(uint8_t device, uint8_t kind, uint8_t variant) {
   return {};
 }
 
-HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::string& outFiles) {
+HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::string& outFiles,
+                           std::string_view flashName) {
   const uint64_t fileSize = flash.Size();
   std::vector<unsigned char> data;
   while (flash.Tell() < fileSize) {
+    const uint64_t at = flash.Tell();
+    const auto stop = [&](const char* what) {
+      if (at == 0)
+        diag::Record("not-a-flash-file", flashName, std::string("not a flash file (") + what + ")");
+      else
+        diag::Record("not-a-flash-record", flashName,
+                     std::string(what) + " (record at offset " + std::to_string(at) +
+                         "); the records before it were written");
+      return S_FALSE;
+    };
     std::array<unsigned char, kFlashHeaderSize> header{};
-    if (flash.Read(header.data(), header.size()) != header.size()) return S_FALSE;
-    if (!std::equal(kSigFlash.begin(), kSigFlash.end(), header.begin())) return S_FALSE;
+    if (flash.Read(header.data(), header.size()) != header.size()) return stop("header cut short");
+    if (!std::equal(kSigFlash.begin(), kSigFlash.end(), header.begin()))
+      return stop("no flash signature");
 
     // Checked against what is left before anything is allocated: a damaged length must not
     // turn into a huge allocation.
     const uint32_t dataLength = ReadLE32(&header[kFlashDataLengthAt]);
-    if (dataLength > fileSize - flash.Tell()) return S_FALSE;
+    if (dataLength > fileSize - flash.Tell()) return stop("data length past the end of the file");
     data.resize(dataLength);
-    if (flash.Read(data.data(), data.size()) != data.size()) return S_FALSE;
+    if (flash.Read(data.data(), data.size()) != data.size()) return stop("data cut short");
 
     const uint8_t kind = header[kFlashKindAt];
     if (kind == kFlashKindSkipped) continue;
@@ -88,7 +101,10 @@ HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::
     const std::string outPath =
         destFolder + name + FlashExtension(header[kFlashDeviceAt], kind, header[kFlashVariantAt]);
     fs::File out = fs::File::CreateWrite(outPath);
-    if (!out.IsOpen()) return kCannotCreate;
+    if (!out.IsOpen()) {
+      diag::Record("cannot-write", outPath, "cannot be created");
+      return kCannotCreate;
+    }
     outFiles += outPath;
     outFiles += ',';
     out.Write(header.data(), header.size());

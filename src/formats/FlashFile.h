@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 #include "platform/fs.h"
 #include "qxgroupmgr/com.h"
@@ -36,6 +37,9 @@ std::string FlashExtension(uint8_t device, uint8_t kind, uint8_t variant);
 // to `outFiles`. Returns S_OK; S_FALSE at a record that does not begin with "**QXFL**", is cut
 // short, or claims more data than the file holds (records before it stay written); 0x8007006E
 // when an output file cannot be created.
-HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::string& outFiles);
+// `flashName` names the file in the diagnostic a stop records ("not-a-flash-file",
+// "not-a-flash-record" with the offset, "cannot-write" naming the output file).
+HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::string& outFiles,
+                           std::string_view flashName = {});
 
 }  // namespace qx

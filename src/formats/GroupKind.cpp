@@ -1,11 +1,11 @@
 #include "formats/GroupKind.h"
 
 #include <algorithm>
-#include <cctype>
 #include <vector>
 
 #include "formats/LayoutKC.h"
 #include "formats/LayoutMA.h"
+#include "platform/codepage.h"
 #include "platform/fs.h"
 #include "platform/path.h"
 
@@ -19,9 +19,7 @@ constexpr uint64_t kMaxClassifiedSize = 64u << 20;
 }  // namespace
 
 bool HasKCGroupExtension(const std::string& path) {
-  std::string ext(path::Extension(path));
-  std::transform(ext.begin(), ext.end(), ext.begin(),
-                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  const std::string ext = codepage::ToLower1252(path::Extension(path));
   return ext == ".kdg" || ext == ".kcg" || ext == ".kag" || ext == ".kfg";
 }
 

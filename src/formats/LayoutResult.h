@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <string_view>
 
 namespace qx {
 
@@ -19,8 +20,16 @@ struct LayoutResult {
   const char* what = "";    // one line for people
 
   explicit operator bool() const { return code == kOk; }
+  // The code as a diagnostic names it: "truncated", "not-a-group", "bad-table", "bad-offset",
+  // "too-large".
+  std::string_view CodeName() const;
   static LayoutResult Ok() { return {}; }
   static LayoutResult Fail(Code c, size_t at, const char* text) { return {c, at, text}; }
 };
+
+// Records a failed result as the call's diagnostic, naming the file and the offset:
+//   {kTruncated, 156, "table entry past the end"} for "g.mag"
+//     => {"truncated", "g.mag", "table entry past the end (offset 156)"}
+void RecordLayoutFailure(const LayoutResult& result, std::string_view file);
 
 }  // namespace qx

@@ -1,8 +1,12 @@
 #include "frame/DispatchObject.h"
 
 #include <new>
+#include <string>
+#include <string_view>
 
 #include "frame/Module.h"
+#include "platform/Diagnostic.h"
+#include "platform/codepage.h"
 
 namespace qx {
 
@@ -61,14 +65,23 @@ HRESULT ObjectCore::RunCall(const std::function<HRESULT()>& body) {
 HRESULT ObjectCore::IDsOfNames(REFIID riid, LPOLESTR* names, UINT count, DISPID* ids) {
   return RunCall([&] {
     if (riid != IID_NULL) return DISP_E_UNKNOWNINTERFACE;
-    return typelib::GetIDsOfNames(described_, names, count, ids);
+    const HRESULT hr = typelib::GetIDsOfNames(described_, names, count, ids);
+    if (hr == DISP_E_UNKNOWNNAME && count > 0 && names != nullptr && names[0] != nullptr)
+      diag::Record("no-such-name", codepage::WideToAnsi(std::u16string_view(names[0])),
+                   "is not a member of " + std::string(described_.name));
+    return hr;
   });
 }
 
 HRESULT ObjectCore::InvokeMember(IDispatch* self, DISPID dispid, REFIID riid, WORD flags,
                                  DISPPARAMS* params, VARIANT* result, UINT* argErr) {
   return RunCall([&] {
-    return typelib::Invoke(described_, self, dispid, riid, flags, params, result, argErr);
+    const HRESULT hr =
+        typelib::Invoke(described_, self, dispid, riid, flags, params, result, argErr);
+    if (FAILED(hr) && (hr & 0xFFFF0000) == (DISP_E_MEMBERNOTFOUND & 0xFFFF0000))
+      diag::Record("bad-dispatch", "dispid " + std::to_string(dispid),
+                   "the member or its arguments do not match " + std::string(described_.name));
+    return hr;
   });
 }
 

@@ -6,6 +6,9 @@
 #include "containers/DuplicateFileDialog.h"
 #include "formats/DeviceFamily.h"
 #include "formats/FlashFile.h"
+#include "platform/CommaList.h"
+#include "platform/Diagnostic.h"
+#include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "platform/shell.h"
@@ -21,10 +24,16 @@ constexpr char kPathSeparator = '/';
 constexpr HRESULT kFilesLeftOut = 2;  // AddFiles: success, but not every file went in
 
 // A caller's string in 1252; null is the empty string. Conversion stops at the first NUL, as the
-// platform's converter does for NUL-terminated input.
+// platform's converter does for NUL-terminated input. A character 1252 cannot hold becomes "?",
+// so the call works on another name than the caller gave; that is said first if it then fails.
 std::string ToAnsi(BSTR text) {
   if (text == nullptr) return {};
-  return codepage::WideToAnsi(std::u16string_view(text));
+  const std::u16string_view wide(text);
+  std::string ansi = codepage::WideToAnsi(wide);
+  if (std::count(ansi.begin(), ansi.end(), '?') != std::count(wide.begin(), wide.end(), u'?'))
+    diag::Record("not-1252", ansi,
+                 "holds characters that Windows-1252 cannot hold; they became \"?\"");
+  return ansi;
 }
 
 // A new automation string for the caller; it owns it.
@@ -38,17 +47,74 @@ void NotifyShell(LONG eventId, const std::string& groupPath) {
                         nullptr);
 }
 
-// Runs a method body; exceptions from the standard library end the call as a failure instead of
-// crossing the interface.
+// The source every error object of this class names: the version-independent ProgID.
+constexpr std::string_view kErrorSource = "QXGroupMgr.FileManager";
+
+// How deep this thread is in FileManager calls. A method calling another through the object's
+// own interface is still one call for its caller: only the outermost one forgets the previous
+// diagnostic and publishes the new one.
+thread_local int callDepth = 0;
+
+// What a failure without a recorded reason is said to be, from its status alone.
+void RecordFromStatus(HRESULT hr) {
+  switch (hr) {
+    case E_OUTOFMEMORY: diag::Record("out-of-memory", "", "memory ran out"); break;
+    case E_NOTIMPL: diag::Record("not-implemented", "", "this member does nothing here"); break;
+    case E_POINTER: diag::Record("null-pointer", "", "an out-argument is a null pointer"); break;
+    default: diag::Record("failed", "", "the call failed"); break;
+  }
+}
+
+// Runs a method body as one call: exceptions from the standard library end it as a failure
+// instead of crossing the interface, and its outcome is published as the thread's error
+// information: a failure or a partial result leaves why, S_OK leaves nothing.
 template <class Body>
 HRESULT Guarded(Body&& body) {
+  const bool outermost = callDepth++ == 0;
+  if (outermost) diag::Clear();
+  HRESULT hr = E_FAIL;
   try {
-    return body();
+    hr = body();
   } catch (const std::bad_alloc&) {
-    return E_OUTOFMEMORY;
+    hr = E_OUTOFMEMORY;
   } catch (...) {
-    return E_FAIL;
+    diag::Record("internal", "", "an unexpected error ended the call");
+    hr = E_FAIL;
   }
+  --callDepth;
+  if (outermost) {
+    if (hr == S_OK) diag::Clear();
+    else if (FAILED(hr)) RecordFromStatus(hr);  // first record wins: a specific reason stays
+    PublishDiagnostic(kErrorSource);
+  }
+  return hr;
+}
+
+// A file name holding a comma cannot travel in a list of files: it arrives as pieces that name
+// no file. Said before the call goes on, so the failure that follows is explained by its cause.
+void NoteNamesCutAtCommas(std::string_view fileList) {
+  if (fileList.find(',') == std::string_view::npos) return;
+  const std::vector<std::string> pieces = SplitCommaList(fileList);
+  constexpr size_t kMostCommasInAName = 4;
+  for (size_t i = 0; i + 1 < pieces.size(); ++i) {
+    if (pieces[i].empty() || fs::Exists(pieces[i])) continue;
+    std::string joined = pieces[i];
+    for (size_t j = i + 1; j < pieces.size() && j <= i + kMostCommasInAName; ++j) {
+      joined += ',' + pieces[j];
+      if (fs::Exists(joined)) {
+        diag::Record("comma-in-name", joined,
+                     "holds a comma, so the comma-separated list of files cut it into names "
+                     "that do not exist");
+        return;
+      }
+    }
+  }
+}
+
+// E_POINTER for a null out-argument, with its name as the subject.
+HRESULT NullArgument(std::string_view name) {
+  diag::Record("null-pointer", name, "is a null pointer where the result should go");
+  return E_POINTER;
 }
 
 std::string LastComponent(std::string_view path, char separator) {
@@ -61,14 +127,7 @@ std::string LastComponent(std::string_view path, char separator) {
 // ---- Helpers ---------------------------------------------------------------------------------------
 
 StringList SplitList(std::string_view text) {
-  StringList list;
-  size_t start = 0;
-  for (size_t comma = text.find(','); comma != std::string_view::npos;
-       comma = text.find(',', start)) {
-    list.emplace_back(text.substr(start, comma - start));
-    start = comma + 1;
-  }
-  if (start < text.size()) list.emplace_back(text.substr(start));
+  StringList list = SplitCommaList(text);
   // Bytewise on unsigned bytes, shorter first on a common prefix; equal items keep text order.
   std::stable_sort(list.begin(), list.end(), [](const std::string& a, const std::string& b) {
     return std::lexicographical_compare(
@@ -86,16 +145,6 @@ std::string CompleteFolder(std::string folder, char separator) {
 std::string MemberFolder(std::string folder) {
   std::replace(folder.begin(), folder.end(), kPathSeparator, kMemberSeparator);
   return CompleteFolder(std::move(folder), kMemberSeparator);
-}
-
-std::string UpperExtension(std::string_view path) {
-  const std::string name = LastComponent(path, kPathSeparator);
-  const size_t dot = name.find_last_of('.');
-  if (dot == std::string::npos) return {};
-  std::string ext = name.substr(dot);
-  for (char& c : ext)
-    if (c >= 'a' && c <= 'z') c = static_cast<char>(c - 'a' + 'A');
-  return ext;
 }
 
 bool PathPrefixExists(const std::string& path) {
@@ -152,6 +201,9 @@ HRESULT FileManager::CreateInstance(IUnknown* outer, REFIID riid, void** ppv) {
   return CreateAggregable<FileManager>(outer, riid, ppv);
 }
 
+// Calls through IDispatch (name look-ups included) publish their outcome like direct calls.
+HRESULT FileManager::RunCall(const std::function<HRESULT()>& body) { return Guarded(body); }
+
 // ---- Building groups ---------------------------------------------------------------------------------
 
 std::unique_ptr<GroupContainer> FileManager::ConstructForCreate(ContainerKind kind,
@@ -163,18 +215,23 @@ HRESULT FileManager::CreateGrpFile(BSTR grpfile, BSTR newfiles) {
   return Guarded([&] {
     const std::string group = ToAnsi(grpfile);
     const bool existed = fs::Exists(group);
-    const StringList files = SplitList(ToAnsi(newfiles));
-    const std::string ext = UpperExtension(group);
+    const std::string fileList = ToAnsi(newfiles);
+    NoteNamesCutAtCommas(fileList);
+    const StringList files = SplitList(fileList);
     const std::string signature = files.empty() ? std::string(kSigUnknown) : DetectFileSignature(files[0]);
-    // The extension forces a zip-based group; otherwise the first file's family decides, and
-    // anything no old-style class takes goes into a zip-based group too.
-    ContainerKind kind = ContainerKind::Zip;
-    if (ext != ".QXG" && ext != ".QXP") {
-      kind = ContainerKindForSignature(signature);
-      if (kind == ContainerKind::None) kind = ContainerKind::Zip;
-    }
+    const ContainerKind kind = ContainerKindForCreate(group, signature);
     std::unique_ptr<GroupContainer> container = ConstructForCreate(kind, group);
-    if (container == nullptr || container->CreateWithMembers(files, "") == 0) return E_FAIL;
+    if (container == nullptr) {
+      diag::Record("no-container", group,
+                   kind == ContainerKind::Zip
+                       ? "cannot be created: zip-based groups are not supported by this build"
+                       : "cannot be created: old-style groups are not supported by this build");
+      return E_FAIL;
+    }
+    if (container->CreateWithMembers(files, "") == 0) {
+      diag::Record("cannot-create", group, "the group could not be written");
+      return E_FAIL;
+    }
     NotifyShell(existed ? shell::SHCNE_UPDATEDIR : shell::SHCNE_CREATE, group);
     return S_OK;
   });
@@ -186,12 +243,17 @@ HRESULT FileManager::AddFiles(BSTR grpfile, BSTR indfiles, BSTR bdestFolder) {
     const std::string destFolder = MemberFolder(ToAnsi(bdestFolder));
     std::unique_ptr<GroupContainer> container = CreateContainer(group);
     if (container == nullptr) return E_FAIL;
-    const StringList files = SplitList(ToAnsi(indfiles));
+    const std::string fileList = ToAnsi(indfiles);
+    NoteNamesCutAtCommas(fileList);
+    const StringList files = SplitList(fileList);
     filesSkipped_ = 0;
     int32_t promptState = 0;
     if (container->AddMembers(files, destFolder, &promptState, &FileManager::AddPrompt, this) == 0)
       return E_FAIL;
-    if (filesSkipped_ != 0) return kFilesLeftOut;
+    if (filesSkipped_ != 0) {
+      diag::Record("files-left-out", group, "files left out");  // a container names them first
+      return kFilesLeftOut;
+    }
     NotifyShell(shell::SHCNE_UPDATEDIR, group);
     return S_OK;
   });
@@ -236,7 +298,7 @@ HRESULT FileManager::DeleteFiles(BSTR grpfile, BSTR indfiles) {
 
 HRESULT FileManager::DeleteFile(BSTR grpfile, BSTR indfile) {
   // Through the object's own interface, so a name with a comma is two names.
-  return static_cast<IGroupManager2*>(this)->DeleteFiles(grpfile, indfile);
+  return Guarded([&] { return static_cast<IGroupManager2*>(this)->DeleteFiles(grpfile, indfile); });
 }
 
 // ---- Reading groups ----------------------------------------------------------------------------------
@@ -272,8 +334,8 @@ HRESULT FileManager::ExpandGrpFile(BSTR grpfile, BSTR destdir) {
 }
 
 HRESULT FileManager::ReadContents(BSTR grpfile, BSTR* indfiles) {
-  if (indfiles == nullptr) return E_POINTER;
   return Guarded([&] {
+    if (indfiles == nullptr) return NullArgument("indfiles");
     std::unique_ptr<GroupContainer> container = CreateContainer(ToAnsi(grpfile));
     if (container == nullptr) return E_FAIL;
     StringList names;
@@ -293,8 +355,8 @@ HRESULT FileManager::ReadContents(BSTR grpfile, BSTR* indfiles) {
 
 HRESULT FileManager::ReadContentsXml(BSTR grpfile, LONG bIncludeMetaInfo,
                                      BSTR sIncludeSubGrpsPatt, BSTR* pxmlDir) {
-  if (pxmlDir == nullptr) return E_POINTER;
   return Guarded([&] {
+    if (pxmlDir == nullptr) return NullArgument("pxmlDir");
     std::unique_ptr<GroupContainer> container = CreateContainer(ToAnsi(grpfile));
     if (container == nullptr) return E_FAIL;
     std::string xml;
@@ -310,10 +372,15 @@ HRESULT FileManager::ReadContentsXml(BSTR grpfile, LONG bIncludeMetaInfo,
 HRESULT FileManager::ExpandFlashFile(BSTR flashfile, BSTR destdir, BSTR* outfiles) {
   return Guarded([&] {
     const std::string destFolder = CompleteFolder(ToAnsi(destdir), kPathSeparator);
-    fs::File flash = fs::File::OpenRead(ToAnsi(flashfile));
-    if (!flash.IsOpen()) return QX_E_OPEN_FAILED;  // outfiles stays as it was
+    const std::string flashPath = ToAnsi(flashfile);
+    fs::File flash = fs::File::OpenRead(flashPath);
+    if (!flash.IsOpen()) {
+      diag::Record("cannot-open", flashPath,
+                   fs::Exists(flashPath) ? "cannot be opened for reading" : "no such file");
+      return QX_E_OPEN_FAILED;  // outfiles stays as it was
+    }
     std::string written;
-    const HRESULT status = ExpandFlashRecords(flash, destFolder, written);
+    const HRESULT status = ExpandFlashRecords(flash, destFolder, written, flashPath);
     flash.Close();
     // The list replaces (and releases) what the caller passed in, whatever the status: files
     // already written are reported even when the walk stopped early.
@@ -330,20 +397,26 @@ HRESULT FileManager::ExpandFlashFile(BSTR flashfile, BSTR destdir, BSTR* outfile
 // ---- Options -----------------------------------------------------------------------------------------
 
 HRESULT FileManager::UseQXAscii(LONG bUse) {
-  useQXAscii_ = bUse;  // kept, but nothing depends on it
-  return E_NOTIMPL;
+  return Guarded([&] {
+    useQXAscii_ = bUse;  // kept, but nothing depends on it
+    diag::Record("not-implemented", "UseQXAscii", "the flag is kept but changes nothing");
+    return E_NOTIMPL;
+  });
 }
 
 HRESULT FileManager::put_ShowUI(HWND hWnd) {
-  owner_ = hWnd;
-  return S_OK;
+  return Guarded([&] {
+    owner_ = hWnd;
+    return S_OK;
+  });
 }
 
 // ---- Paths inside groups -----------------------------------------------------------------------------
 
 HRESULT FileManager::SplitPath(BSTR* psGrpPath, BSTR* psInGrpPath) {
-  if (psGrpPath == nullptr || psInGrpPath == nullptr) return E_POINTER;
   return Guarded([&] {
+    if (psGrpPath == nullptr) return NullArgument("psGrpPath");
+    if (psInGrpPath == nullptr) return NullArgument("psInGrpPath");
     const GroupPathParts parts = SplitGroupPath(ToAnsi(*psGrpPath));
     BSTR group = ToBstr(parts.group);
     BSTR inGroup = ToBstr(parts.inGroup);
@@ -356,9 +429,11 @@ HRESULT FileManager::SplitPath(BSTR* psGrpPath, BSTR* psInGrpPath) {
 }
 
 HRESULT FileManager::get_IsGroup(BSTR grpfile, LONG* pVal) {
-  if (pVal == nullptr) return E_POINTER;
-  *pVal = 0;
   return Guarded([&] {
+    if (pVal == nullptr) return NullArgument("pVal");
+    *pVal = 0;
+    // The answer is the result; why a file is no group is not an error of this call.
+    diag::DiagnosticScope quiet;
     const std::string path = ToAnsi(grpfile);
     if (fs::Exists(path)) {
       *pVal = CreateContainer(path) != nullptr ? 1 : 0;
@@ -382,9 +457,9 @@ HRESULT FileManager::get_IsGroup(BSTR grpfile, LONG* pVal) {
 }
 
 HRESULT FileManager::get_DoesPathExist(BSTR sGrpPathWithInPath, LONG* pVal) {
-  if (pVal == nullptr) return E_POINTER;
-  *pVal = 0;
   return Guarded([&] {
+    if (pVal == nullptr) return NullArgument("pVal");
+    *pVal = 0;
     IGroupManager2* self = this;
     Bstr group = Bstr::Attach(ToBstr(ToAnsi(sGrpPathWithInPath)));
     Bstr inGroup;

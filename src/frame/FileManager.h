@@ -3,6 +3,7 @@
 // nothing is kept open between calls.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -29,10 +30,6 @@ std::string CompleteFolder(std::string folder, char separator);
 //   "sub" => "sub\";  "a/b" => "a\b\";  "" => ""
 std::string MemberFolder(std::string folder);
 
-// The extension of the path's file name, dot included, ASCII upper-cased:
-//   "/d/x.QxP" => ".QXP";  "/d.e/x" => "";  "x." => "."
-std::string UpperExtension(std::string_view path);
-
 // True when something exists at `path` or `path` is a folder one can list (so "" stands for
 // the root). Touches the file system.
 bool PathPrefixExists(const std::string& path);
@@ -52,6 +49,10 @@ std::string GetTempGroupFolder();
 
 // IUnknown (with aggregation), IDispatch over the type library and ISupportErrorInfo come from
 // DispatchObject; the class itself holds only the methods and their state.
+// Every call publishes its outcome as the thread's error information (platform/ErrorInfo.h):
+// S_OK clears it; a failure, AddFiles' 2 and the other partial results leave the diagnostic the
+// call recorded, with the source "QXGroupMgr.FileManager". A member called through the object's
+// own interface from inside another call leaves the publishing to the outer call.
 class FileManager : public DispatchObject<IGroupManager2>, public ContainerFactory {
  public:
   // Creation function of the class object (aggregation supported: see module::CreateInstanceFn).
@@ -85,6 +86,7 @@ class FileManager : public DispatchObject<IGroupManager2>, public ContainerFacto
   HWND OwnerWindow() const { return owner_; }
 
  protected:
+  HRESULT RunCall(const std::function<HRESULT()>& body) override;
   ~FileManager() override;
 
   // The container CreateGrpFile writes with: constructed directly, IsValid not asked.

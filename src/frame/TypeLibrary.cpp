@@ -3,6 +3,7 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/codepage.h"
 #include "platform/com.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
@@ -199,8 +200,6 @@ constexpr Library kLibrary = {
     "QXGroupMgrLib", &LIBID_QXGroupMgrLib, 1, 0, "QXGroupMgr 1.0 Type Library",
     kCoclasses,      kInterfaces};
 
-char AsciiLower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
 // A wide name as ASCII; false when it holds anything else (no member name does).
 bool NarrowAscii(const OLECHAR* wide, std::string& out) {
   out.clear();
@@ -229,12 +228,7 @@ const Param* Member::Retval() const {
 
 const Library& TheLibrary() { return kLibrary; }
 
-bool NameEquals(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (AsciiLower(a[i]) != AsciiLower(b[i])) return false;
-  return true;
-}
+bool NameEquals(std::string_view a, std::string_view b) { return codepage::EqualsNoCase1252(a, b); }
 
 const Interface* FindInterface(std::string_view name) {
   for (const Interface* itf : kLibrary.interfaces)

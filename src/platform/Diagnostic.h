@@ -15,6 +15,14 @@
 
 namespace qx::diag {
 
+// Codes in use: the group file: "not-a-group", "no-members", "unreadable-name", "cannot-read",
+// "cannot-write", "cannot-create", "no-container", "cannot-list", "cannot-delete", "keeps-one",
+// "too-large", "files-left-out"; its layout (LayoutResult): "truncated", "bad-table",
+// "bad-offset", "too-large", "not-a-group"; a member: "no-member", "bad-member-name"; a file
+// to add: "flash-file", "other-family", "not-a-variable", "damaged", "cannot-add",
+// "comma-in-name"; a flash file: "cannot-open", "not-a-flash-file", "not-a-flash-record";
+// an argument: "not-1252", "null-pointer", "no-such-name", "bad-dispatch"; otherwise
+// "not-implemented", "out-of-memory", "internal", "failed".
 struct Diagnostic {
   std::string code;     // short and stable, for scripts: "not-a-group", "truncated", "no-member"
   std::string subject;  // the file or member at fault (1252 text), may be empty

@@ -305,4 +305,61 @@ bool ConvertCharset(std::string_view from, std::string_view to, std::string_view
   return true;
 }
 
+// ---- Case ------------------------------------------------------------------------------------
+
+char Lower1252(char ch) {
+  const auto c = static_cast<unsigned char>(ch);
+  if ((c >= 'A' && c <= 'Z') || (c >= 0xC0 && c <= 0xDE && c != 0xD7))
+    return static_cast<char>(c + 0x20);
+  switch (c) {
+    case 0x8A: return '\x9A';  // S caron
+    case 0x8C: return '\x9C';  // OE
+    case 0x8E: return '\x9E';  // Z caron
+    case 0x9F: return '\xFF';  // Y diaeresis
+    default: return ch;
+  }
+}
+
+char Upper1252(char ch) {
+  const auto c = static_cast<unsigned char>(ch);
+  if ((c >= 'a' && c <= 'z') || (c >= 0xE0 && c <= 0xFE && c != 0xF7))
+    return static_cast<char>(c - 0x20);
+  switch (c) {
+    case 0x9A: return '\x8A';
+    case 0x9C: return '\x8C';
+    case 0x9E: return '\x8E';
+    case 0xFF: return '\x9F';
+    default: return ch;
+  }
+}
+
+std::string ToLower1252(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = Lower1252(c);
+  return out;
+}
+
+std::string ToUpper1252(std::string_view text) {
+  std::string out(text);
+  for (char& c : out) c = Upper1252(c);
+  return out;
+}
+
+bool EqualsNoCase1252(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i)
+    if (Lower1252(a[i]) != Lower1252(b[i])) return false;
+  return true;
+}
+
+bool LessNoCase1252(std::string_view a, std::string_view b) {
+  const size_t n = std::min(a.size(), b.size());
+  for (size_t i = 0; i < n; ++i) {
+    const auto x = static_cast<unsigned char>(Lower1252(a[i]));
+    const auto y = static_cast<unsigned char>(Lower1252(b[i]));
+    if (x != y) return x < y;
+  }
+  return a.size() < b.size();
+}
+
 }  // namespace qx::codepage

@@ -23,6 +23,17 @@ std::string Utf8ToAnsi(std::string_view utf8);
 std::u16string Utf8ToWide(std::string_view utf8);
 std::string WideToUtf8(std::u16string_view wide);
 
+// Case in Windows-1252: ASCII letters and the accented letters of both cases (0xC0-0xDE but
+// 0xD7, S/Z caron, OE, Y diaeresis). The one case-folding rule for names, extensions and keys:
+//   Lower1252('\xC9') => '\xE9';  ToUpper1252(".qxg") => ".QXG";  EqualsNoCase1252("Abc", "aBC")
+char Lower1252(char c);
+char Upper1252(char c);
+std::string ToLower1252(std::string_view text);
+std::string ToUpper1252(std::string_view text);
+bool EqualsNoCase1252(std::string_view a, std::string_view b);
+// Bytewise order of the lower-cased texts, shorter first on a common prefix.
+bool LessNoCase1252(std::string_view a, std::string_view b);
+
 // Code page 850 (zip entry names) <-> ANSI (1252). Unmappable characters become '?'.
 std::string Cp850ToAnsi(std::string_view cp850);
 std::string AnsiToCp850(std::string_view ansi);

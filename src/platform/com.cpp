@@ -11,6 +11,7 @@ const IID IID_IUnknown = {0x00000000, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0
 const IID IID_IDispatch = {0x00020400, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 const IID IID_IClassFactory = {0x00000001, 0x0000, 0x0000, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};
 const IID IID_NULL = {0, 0, 0, {0, 0, 0, 0, 0, 0, 0, 0}};
+const IID IID_IErrorInfo = {0x1CF2B120, 0x547D, 0x101B, {0x8E, 0x65, 0x08, 0x00, 0x2B, 0x2B, 0xD1, 0x19}};
 }
 
 extern "C" {
@@ -119,6 +120,40 @@ HRESULT VariantCopy(VARIANTARG* dest, const VARIANTARG* src) {
   VariantClear(dest);
   *dest = copy;
   return S_OK;
+}
+
+// ---- Error information ---------------------------------------------------------------------------
+// One slot per thread. It holds a reference; the thread's exit releases what is left in it.
+
+namespace {
+
+struct ErrorSlot {
+  IErrorInfo* info = nullptr;
+  ~ErrorSlot() {
+    if (info != nullptr) info->Release();
+  }
+};
+thread_local ErrorSlot errorSlot;
+
+}  // namespace
+
+HRESULT SetErrorInfo(ULONG dwReserved, IErrorInfo* info) {
+  if (dwReserved != 0) return E_INVALIDARG;
+  if (info != nullptr) info->AddRef();
+  IErrorInfo* old = errorSlot.info;
+  errorSlot.info = info;
+  if (old != nullptr) old->Release();
+  return S_OK;
+}
+
+HRESULT GetErrorInfo(ULONG dwReserved, IErrorInfo** info) {
+  if (info == nullptr) return E_INVALIDARG;
+  *info = nullptr;
+  if (dwReserved != 0) return E_INVALIDARG;
+  // Taking the object empties the slot: the reason belongs to one failure.
+  *info = errorSlot.info;
+  errorSlot.info = nullptr;
+  return *info != nullptr ? S_OK : S_FALSE;
 }
 
 }  // extern "C"

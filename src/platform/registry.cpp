@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/TempFile.h"
 #include "platform/codepage.h"
 
 namespace qx::registry {
@@ -22,14 +23,6 @@ constexpr std::string_view kHeader = "Windows Registry Editor Version 5.00";
 constexpr std::string_view kHeader4 = "REGEDIT4";
 constexpr std::string_view kRootName = "HKEY_CLASSES_ROOT";
 
-unsigned char LowerAscii(unsigned char c) { return (c >= 'A' && c <= 'Z') ? c + ('a' - 'A') : c; }
-
-bool EqualNoCase(std::string_view a, std::string_view b) {
-  if (a.size() != b.size()) return false;
-  for (size_t i = 0; i < a.size(); ++i)
-    if (LowerAscii(a[i]) != LowerAscii(b[i])) return false;
-  return true;
-}
 
 // Cuts "a\b\c" into its names. False for "", an empty name ("\a", "a\\b", "a\") or a control
 // character, which the file could not hold on one line.
@@ -218,29 +211,10 @@ bool MakeParentFolders(const std::string& path) {
   return true;
 }
 
-bool WriteAll(int fd, std::string_view data) {
-  while (!data.empty()) {
-    const ssize_t n = ::write(fd, data.data(), data.size());
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    data.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
 // Writes `text` to a new file beside `path` and renames it over `path`.
 bool ReplaceFile(const std::string& path, std::string_view text) {
-  std::string temp = path + ".XXXXXX";
-  const int fd = ::mkstemp(temp.data());
-  if (fd < 0) return false;
-  const bool ok = ::fchmod(fd, 0644) == 0 && WriteAll(fd, text) && ::fsync(fd) == 0;
-  if (::close(fd) != 0 || !ok || ::rename(temp.c_str(), path.c_str()) != 0) {
-    ::unlink(temp.c_str());
-    return false;
-  }
-  return true;
+  fs::TempFile temp = fs::TempFile::ForNativePath(path);
+  return temp.IsOpen() && temp.file().Write(text.data(), text.size()) && temp.Keep();
 }
 
 // An exclusive flock on "<path>.lock", held for the object's life. The lock is on a file of its
@@ -284,12 +258,7 @@ LONG Read(const std::function<LONG(const Tree&)>& visit) {
 }  // namespace
 
 bool NoCaseLess::operator()(std::string_view a, std::string_view b) const {
-  const size_t n = a.size() < b.size() ? a.size() : b.size();
-  for (size_t i = 0; i < n; ++i) {
-    const unsigned char x = LowerAscii(a[i]), y = LowerAscii(b[i]);
-    if (x != y) return x < y;
-  }
-  return a.size() < b.size();
+  return codepage::LessNoCase1252(a, b);
 }
 
 // ---- Tree -----------------------------------------------------------------------------------------------
@@ -414,7 +383,7 @@ LONG Tree::Parse(std::string_view text, std::string* error) {
     if (line.front() == '[') {
       if (line.back() != ']') return fail(lineNo, "key line without ']'");
       const std::string path = codepage::Utf8ToAnsi(line.substr(1, line.size() - 2));
-      if (path.size() <= kRootName.size() || !EqualNoCase(path.substr(0, kRootName.size()), kRootName) ||
+      if (path.size() <= kRootName.size() || !codepage::EqualsNoCase1252(path.substr(0, kRootName.size()), kRootName) ||
           path[kRootName.size()] != '\\')
         return fail(lineNo, "key outside HKEY_CLASSES_ROOT");
       keyPath = path.substr(kRootName.size() + 1);

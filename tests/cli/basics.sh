@@ -44,10 +44,12 @@ touch empty.bin
 mkdir folder
 
 # call: any member by name, case-insensitive, JSON on stdout.
-expect "UseQXAscii is not implemented" 1 '^\{"hr":"0x80004001","out":\{\}\}$' '^$' -- \
+expect "UseQXAscii is not implemented" 1 '^\{"hr":"0x80004001","out":\{\}\}$' \
+  '^qxgroup: UseQXAscii: the flag is kept but changes nothing$' -- \
   "$qx" call UseQXAscii 1
 expect "member names ignore case" 1 '"hr":"0x80004001"' '' -- "$qx" call usEqxasCII 0
-expect "nonexistent group fails" 1 '^\{"hr":"0x80004005","out":\{"indfiles":""\}\}$' '' -- \
+expect "nonexistent group fails" 1 '^\{"hr":"0x80004005","out":\{"indfiles":""\}\}$' \
+  'nothere.mag: not a group file \(no such file\)' -- \
   "$qx" call ReadContents nothere.mag
 expect "retval of IsGroup" 0 '^\{"hr":"0x00000000","out":\{"pVal":0\}\}$' '' -- \
   "$qx" call IsGroup notes.txt
@@ -72,11 +74,14 @@ cp prog1.map 'a,b.map'
 expect "comma in a file name" 2 '' 'holds a comma' -- "$qx" create new.mag 'a,b.map' prog1.map
 [ -e new.mag ] && { echo "FAIL comma refusal wrote new.mag"; failures=$((failures + 1)); }
 expect "missing input file" 1 '' 'no such file: nothere.map' -- "$qx" add school.mag nothere.map
-expect "list of a text file" 1 '' 'not a group file: notes.txt \(unknown signature\)' -- \
+expect "list of a text file" 1 '' 'notes.txt: not a group file \(unknown signature\)' -- \
   "$qx" list notes.txt
-expect "list of a missing file" 1 '' 'not a group file: gone.mag \(no such file\)' -- \
+expect "list of a missing file" 1 '' 'gone.mag: not a group file \(no such file\)' -- \
   "$qx" list gone.mag
 expect "list of a flash file" 1 '' '\(a flash file\)' -- "$qx" list Hello.kdk
+head -c 150 school.mag >cut.mag
+expect "damaged group names the offset" 1 '' '^qxgroup: cut.mag: .* \(offset [0-9]+\)$' -- \
+  "$qx" delete cut.mag main.PROG1.map
 expect "get into a missing folder" 1 '' 'no such folder: nowhere' -- \
   "$qx" get school.mag main.PROG1.map -C nowhere
 
@@ -89,13 +94,13 @@ expect "duplicate cancelled with the rest" 3 '' 'already there\): greeting.mas, 
   "$qx" add class.mag prog1.map greeting.mas --on-duplicate=cancel
 expect "ask without a terminal" 2 '' 'needs a terminal' -- \
   setsid "$qx" add class.mag prog1.map --on-duplicate=ask
-expect "flash file refused" 1 '' 'cannot add Hello.kdk to class.mag: old-style groups cannot hold flash' -- \
+expect "flash file refused" 1 '' 'Hello.kdk: cannot go into class.mag: old-style groups cannot hold flash' -- \
   "$qx" add class.mag Hello.kdk
-expect "other family refused" 1 '' 'PROG.kdp to class.mag: a KDX-family file; the group holds MA-family' -- \
+expect "other family refused" 1 '' 'PROG.kdp: cannot go into class.mag: a KDX-family file; the group holds MA-family' -- \
   "$qx" add class.mag PROG.kdp
-expect "no such member" 1 '' 'no such member in class.mag: main.NOPE.map' -- \
+expect "no such member" 1 '' 'main.NOPE.map: no such member in class.mag' -- \
   "$qx" get class.mag main.NOPE.map
-expect "delete names the unknown member" 1 '' 'no such member in class.mag: main.NOPE.map' -- \
+expect "delete names the unknown member" 1 '' '^qxgroup: main.NOPE.map: no such member in class.mag$' -- \
   "$qx" delete class.mag main.PROG1.map main.NOPE.map
 expect "extract moves out" 0 '' '^$' -- "$qx" extract class.mag main.GREETING.mas -C folder
 expect "what is left" 0 '^main\.PROG1\.map$' '' -- "$qx" list class.mag

@@ -1,6 +1,7 @@
 // KC-style groups through their container; expected files are built from the field layout.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -160,6 +161,17 @@ TEST_F(KCGroupTest, DuplicateAnswers) {
   }
 }
 
+TEST_F(KCGroupTest, TheSameNameTwiceInOneAddKeepsOne) {
+  // The second copy must see the first, the last entry appended, as a duplicate to replace.
+  const std::string group = ThreeMemberGroup();
+  const std::string p = dir_.Write("p.kcp", KCFile(kKC, "", Entry(5, "P", "pp")));
+  OldGroupContainerKC c(group, nullptr);
+  int32_t state = 0;
+  EXPECT_EQ(c.AddMembers({p, p}, "", &state, nullptr, nullptr), 1);
+  EXPECT_EQ(Read(group), KCFile(kKC, "c", Entry(5, "A", "aa") + Entry(5, "B", "bbb") +
+                                              Entry(5, "C", "c") + Entry(5, "P", "pp")));
+}
+
 TEST_F(KCGroupTest, Deleting) {
   const struct {
     const char* name;
@@ -234,6 +246,13 @@ TEST_F(KCGroupTest, ExtractWritesASingleVariableFile) {
   EXPECT_EQ(c.ExtractMember("b.kcp", out + "missing/"), 0);
   ASSERT_EQ(c.ExtractAllMembers(out), 1);
   EXPECT_EQ(Read(out + "C.kcp"), KCFile(kKC, "", Entry(5, "C", "c")));
+
+  // A member whose name would climb out of the folder is not written anywhere.
+  const std::string evil = dir_.Write("evil.kcg", KCFile(kKC, "", Entry(5, "A", "a") + Entry(5, "../EVIL", "e")));
+  std::filesystem::create_directory(dir_ / "dest");
+  OldGroupContainerKC e(evil, nullptr);
+  EXPECT_EQ(e.ExtractMember("../EVIL.kcp", dir_ / "dest/"), 0);
+  EXPECT_FALSE(std::filesystem::exists(dir_ / "EVIL.kcp"));
 }
 
 TEST_F(KCGroupTest, ContentsListingOfAKdxList) {

@@ -137,9 +137,26 @@ TEST(LayoutKC, AddWritesWhereTheChecksumStood) {
 
   KCGroup h;
   ASSERT_TRUE(KCGroup::Parse(file, h));
-  h.AppendEntries(std::span(b.vec()).first(4));  // a short write leaves "6789"
-  const auto got = h.Serialize();
-  EXPECT_EQ(std::string(got.end() - 4, got.end()), "6789");
+  h.AppendEntries(std::span(b.vec()).first(4));  // a short write leaves "456789"
+  Bytes section;
+  section.Raw(a).Raw(std::span(b.vec()).first(4));
+  Bytes shortWant;
+  shortWant.Text(kSigKC, 11).Zeros(42).U16(static_cast<unsigned>(section.size())).Raw(section);
+  shortWant.U16(Sum(section)).Text("456789");
+  EXPECT_EQ(h.Serialize(), shortWant.vec());
+}
+
+TEST(LayoutKC, AnEntryMayEndWithTheFile) {
+  // Without its checksum the last entry reaches the end of the bytes, and is still whole.
+  const Bytes c = Entry(0, "C", "333");
+  const Bytes whole = Group(kSigKC, {Entry(0, "A", "1"), c});
+  const std::span<const unsigned char> cut(whole.vec().data(), whole.size() - 2);
+  const KCWalk w = WalkKCGroup(cut, kSigKC);
+  ASSERT_EQ(w.entries.size(), 2u);
+  const auto bytes = KCEntryBytes(cut, w.entries[1]);
+  ASSERT_TRUE(bytes);
+  EXPECT_TRUE(std::equal(bytes->begin(), bytes->end(), c.vec().begin(), c.vec().end()));
+  EXPECT_FALSE(KCEntryBytes(cut.first(cut.size() - 1), w.entries[1]));
 }
 
 TEST(LayoutKC, DamagedFiles) {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <map>
+#include <optional>
 
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
@@ -266,6 +267,40 @@ TEST(LayoutMA, WalkOfDamagedFilesStopsCleanly) {
   std::vector<unsigned char> early = whole;
   early[60] = 60 + 16 * 2 + 6;
   EXPECT_EQ(WalkMAGroup(early).members.size(), 1u);
+}
+
+// Each bound at its edge: one byte either side of where reading must stop.
+TEST(LayoutMA, BoundsHoldAtTheirEdges) {
+  const std::vector<unsigned char> whole = SampleGroup().vec();
+  // A first data offset of 159 lets files cut to 159 or 160 bytes reach c's entry at 140.
+  std::vector<unsigned char> early = whole;
+  early[60] = 159;
+  // A member is read only with the block-end field after it: c's ends at 160.
+  for (const size_t keep : {size_t{160}, size_t{159}}) {
+    SCOPED_TRACE(keep);
+    const MAWalk w = WalkMAGroup(std::span(early).first(keep));
+    EXPECT_EQ(w.members.size(), keep == 160 ? 3u : 2u);
+    EXPECT_EQ(w.end, keep == 160 ? MAWalk::kTableEnd : MAWalk::kMemberUnreadable);
+  }
+  const struct {
+    const char* what;
+    uint32_t bOffset;  // b's data offset; its block ends at 168
+    std::optional<size_t> bLength;
+  } rows[] = {
+      {"block ends where its data starts", 168, 0},
+      {"block ends before its data", 169, std::nullopt},
+  };
+  for (const auto& r : rows) {
+    SCOPED_TRACE(r.what);
+    std::vector<unsigned char> b = whole;
+    b[92] = static_cast<unsigned char>(r.bOffset);
+    const MAWalk w = WalkMAGroup(b);
+    ASSERT_EQ(w.members.size(), 3u);
+    const auto block = MABlock(b, w.members[1]);
+    EXPECT_EQ(block ? std::optional(block->size()) : std::nullopt, r.bLength);
+    ASSERT_TRUE(MABlock(b, w.members[2]));  // the last block ends with the file
+    EXPECT_EQ(MABlock(b, w.members[2])->size(), 3u);
+  }
 }
 
 TEST(LayoutMA, SingleVariableFiles) {

@@ -2,6 +2,7 @@
 // nothing else.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <string_view>
 
 #include "qxgroupmgr/QXGroupMgr.h"
@@ -58,6 +59,17 @@ TEST(ModuleTest, InstanceThroughTheTableAndDispatch) {
   BSTR out = nullptr;
   EXPECT_EQ(fm->ReadContents(group.s, &out), E_FAIL);
   EXPECT_EQ(out, nullptr);
+  // Why, from the module's error information; taking it empties the slot.
+  IErrorInfo* info = nullptr;
+  ASSERT_EQ(GetErrorInfo(0, &info), S_OK);
+  BSTR why = nullptr;
+  EXPECT_EQ(info->GetDescription(&why), S_OK);
+  EXPECT_EQ(std::u16string_view(why, SysStringLen(why)),
+            std::u16string(kMissingGroup) + u": not a group file (no such file)");
+  SysFreeString(why);
+  info->Release();
+  EXPECT_EQ(GetErrorInfo(0, &info), S_FALSE);
+  EXPECT_EQ(fm->ReadContents(group.s, &out), E_FAIL);  // left again, for the success to clear
 
   IFileManager* base = nullptr;
   ASSERT_EQ(fm->QueryInterface(IID_IFileManager, reinterpret_cast<void**>(&base)), S_OK);
@@ -80,6 +92,8 @@ TEST(ModuleTest, InstanceThroughTheTableAndDispatch) {
   ASSERT_EQ(disp->Invoke(id, IID_NULL, 0, DISPATCH_PROPERTYGET, &one, &result, nullptr, nullptr), S_OK);
   EXPECT_EQ(result.vt, VT_I4);
   EXPECT_EQ(result.lVal, 0);
+  EXPECT_EQ(GetErrorInfo(0, &info), S_FALSE) << "a successful call leaves nothing";
+  EXPECT_EQ(info, nullptr);
   disp->Release();
 
   EXPECT_EQ(fm->Release(), 0u);

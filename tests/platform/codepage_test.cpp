@@ -102,3 +102,33 @@ TEST(Codepage, ConcurrentConversions) {
 
 }  // namespace
 }  // namespace qx::codepage
+
+namespace qx::codepage {
+namespace {
+
+TEST(Codepage, CaseFoldsLettersOf1252Only) {
+  struct Row {
+    char upper, lower;
+  };
+  const Row letters[] = {{'A', 'a'}, {'Z', 'z'}, {'\xC0', '\xE0'}, {'\xDE', '\xFE'},
+                         {'\x8A', '\x9A'}, {'\x8C', '\x9C'}, {'\x8E', '\x9E'}, {'\x9F', '\xFF'}};
+  for (const Row& r : letters) {
+    SCOPED_TRACE(static_cast<int>(static_cast<unsigned char>(r.upper)));
+    EXPECT_EQ(Lower1252(r.upper), r.lower);
+    EXPECT_EQ(Upper1252(r.lower), r.upper);
+  }
+  // Multiplication and division signs sit among the letters; sharp s has no capital here.
+  for (char c : {'\xD7', '\xF7', '\xDF', '[', '@', '1', '\x80', '\x9B'}) {
+    SCOPED_TRACE(static_cast<int>(static_cast<unsigned char>(c)));
+    EXPECT_EQ(Lower1252(c), c);
+    EXPECT_EQ(Upper1252(c), c);
+  }
+  EXPECT_TRUE(EqualsNoCase1252("Caf\xC9.MAP", "caf\xE9.map"));
+  EXPECT_FALSE(EqualsNoCase1252("a\xD7", "a\xF7"));
+  EXPECT_FALSE(LessNoCase1252("B", "a\x01"));
+  EXPECT_TRUE(LessNoCase1252("a", "B"));
+  EXPECT_TRUE(LessNoCase1252("ab", "AB1"));
+}
+
+}  // namespace
+}  // namespace qx::codepage

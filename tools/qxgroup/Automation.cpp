@@ -2,11 +2,8 @@
 
 #include <cstdio>
 
-#include "containers/ContainerFactory.h"
-#include "formats/DeviceFamily.h"
 #include "frame/Module.h"
 #include "platform/codepage.h"
-#include "platform/fs.h"
 #include "platform/shell.h"
 
 namespace qx::cli {
@@ -29,6 +26,12 @@ FileManagerSession::FileManagerSession() {
 
 FileManagerSession::~FileManagerSession() {
   if (fm_ != nullptr) fm_->Release();
+}
+
+FileManagerSession& Session() {
+  static FileManagerSession session;
+  if (session.get() == nullptr) throw Failure{session.Error()};
+  return session;
 }
 
 Bstr ToBstr(std::string_view utf8) { return Bstr(codepage::Utf8ToWide(utf8)); }
@@ -68,33 +71,30 @@ std::string HexStatus(HRESULT hr) {
   return buf;
 }
 
-std::string WhyNotAGroup(const std::string& utf8Path) {
-  const std::string path = codepage::Utf8ToAnsi(utf8Path);
-  const uint32_t attrs = fs::GetAttributes(path);
-  if (attrs == fs::kInvalidAttributes) return "no such file";
-  if (attrs & fs::kAttrDirectory) return "is a folder";
-  fs::File probe = fs::File::OpenRead(path);
-  if (!probe.IsOpen()) return "cannot be read";
-  if (probe.Size() == 0) return "empty file";
-  probe.Close();
+std::string TakeErrorDescription() {
+  IErrorInfo* info = nullptr;
+  if (GetErrorInfo(0, &info) != S_OK || info == nullptr) return {};
+  Bstr description;
+  info->GetDescription(description.receive());
+  info->Release();
+  return FromBstr(description.get());
+}
 
-  const std::string sig = DetectFileSignature(path);
-  if (sig == kSigUnknown) return "unknown signature";
-  if (sig == kSigFlash) return "a flash file";
-  const FamilyInfo* family = FindFamilyBySignature(sig);
-  if (ContainerKindForSignature(sig) == ContainerKind::None) {
-    if (family == nullptr) return "unknown signature";
-    return "the " + std::string(family->name) + " device family has no group files";
+void FailWithReason(const std::string& otherwise) {
+  const std::string why = TakeErrorDescription();
+  throw Failure{why.empty() ? otherwise : why};
+}
+
+std::vector<std::string> TakeFilesLeftOut() {
+  const std::string description = TakeErrorDescription();
+  std::vector<std::string> files;
+  size_t start = description.find('\n');
+  while (start != std::string::npos) {
+    const size_t end = description.find('\n', start + 1);
+    files.push_back(description.substr(start + 1, end == std::string::npos ? end : end - start - 1));
+    start = end;
   }
-  ContainerFactory factory;
-  if (factory.CreateContainer(path) != nullptr) return {};
-  if (ConstructContainer(ContainerKindForSignature(sig), path, &factory) == nullptr)
-    return sig == kSigZip ? "zip-based groups are not supported by this build"
-                          : "old-style groups are not supported by this build";
-  if (sig == kSigZip) return "not a readable zip archive";
-  if (family != nullptr && std::string_view(family->name) == "HWL")
-    return "HWL-family groups cannot be opened";
-  return "a single-variable file, not a group";
+  return files;
 }
 
 OwnerWindow::OwnerWindow(IGroupManager2* fm, std::shared_ptr<ui::Host> host) : fm_(fm) {
@@ -107,37 +107,6 @@ OwnerWindow::~OwnerWindow() {
   if (window_ == nullptr) return;
   fm_->put_ShowUI(nullptr);
   ui::ReleaseOwnerWindow(window_);
-}
-
-std::string WhyNotAddable(const std::string& utf8Group, const std::string& utf8File) {
-  const std::string groupSig = DetectFileSignature(codepage::Utf8ToAnsi(utf8Group));
-  const std::string fileSig = DetectFileSignature(codepage::Utf8ToAnsi(utf8File));
-  const ContainerKind kind = ContainerKindForSignature(groupSig);
-  if (kind == ContainerKind::None || groupSig == kSigZip) return {};
-  if (fileSig == kSigFlash) return "old-style groups cannot hold flash applications";
-  if (fileSig == kSigUnknown) return "not a calculator file";
-  if (AreFamiliesCompatible(groupSig, fileSig)) return {};
-  const FamilyInfo* groupFamily = FindFamilyBySignature(groupSig);
-  const FamilyInfo* fileFamily = FindFamilyBySignature(fileSig);
-  if (groupFamily == nullptr) return {};
-  const std::string fileWhat =
-      fileFamily != nullptr ? "a " + std::string(fileFamily->name) + "-family file"
-                            : "a file of an unknown device family";
-  return fileWhat + "; the group holds " + std::string(groupFamily->name) + "-family files";
-}
-
-intptr_t RecordingHost::RunModal(const ui::DialogTemplate& tmpl, ui::DialogState& state) {
-  const intptr_t result = inner_->RunModal(tmpl, state);
-  std::string text;
-  for (const ui::DialogControl& c : state.Controls())
-    if (c.kind == ui::DialogItem::Static) text += c.text;
-  answers_.push_back({std::move(text), state.Ended() ? state.Result() : result});
-  return result;
-}
-
-int RecordingHost::MessageBox(const std::string& text, const std::string& caption,
-                              unsigned type) {
-  return inner_->MessageBox(text, caption, type);
 }
 
 NotificationEcho::NotificationEcho(bool enabled) {

@@ -69,6 +69,9 @@ struct Failure {
   std::string message;
 };
 
+// The command's one FileManager, made on first use; throws Failure when it cannot be made.
+FileManagerSession& Session();
+
 // A file name travels inside the component as Windows-1252 text and inside lists separated by
 // commas: refuse what cannot make that trip before anything is touched.
 void CheckRepresentable(const std::string& utf8Path, std::string_view what);
@@ -79,33 +82,18 @@ std::string JoinList(const std::vector<std::string>& items, std::string_view wha
 // "0x80004005"
 std::string HexStatus(HRESULT hr);
 
-// A short reason why `path` is not something a group operation can open, in words:
-// "no such file", "is a folder", "unknown signature", "a single-variable file", ...
-// Empty when the file looks like a group this build can open.
-std::string WhyNotAGroup(const std::string& utf8Path);
+// The description of the error information the component left on this thread (UTF-8):
+// "subject: why", e.g. "notes.txt: not a group file (unknown signature)". Empty when there is
+// none. Taking it empties the slot.
+std::string TakeErrorDescription();
 
-// Why `file` cannot go into `group` in words ("old-style groups cannot hold flash
-// applications", "a KC-family file; the group holds MA-family files"), or "" when nothing
-// about the two files stands in the way.
-std::string WhyNotAddable(const std::string& utf8Group, const std::string& utf8File);
+// Throws Failure with the component's description of why the last call failed, or with
+// `otherwise` when it left none.
+[[noreturn]] void FailWithReason(const std::string& otherwise);
 
-// Shows dialogs through another host and remembers, for each one, the text of its message and
-// the answer given, so that a command can say afterwards what the user chose.
-class RecordingHost : public ui::Host {
- public:
-  struct Answer {
-    std::string text;  // the dialog's message, as shown
-    intptr_t result = 0;
-  };
-  explicit RecordingHost(std::shared_ptr<ui::Host> inner) : inner_(std::move(inner)) {}
-  intptr_t RunModal(const ui::DialogTemplate& tmpl, ui::DialogState& state) override;
-  int MessageBox(const std::string& text, const std::string& caption, unsigned type) override;
-  const std::vector<Answer>& Answers() const { return answers_; }
-
- private:
-  std::shared_ptr<ui::Host> inner_;
-  std::vector<Answer> answers_;
-};
+// The files an AddFiles that returned 2 left out, from its error information: the description
+// "GROUP: files left out:" followed by one line per file path (or merged member name).
+std::vector<std::string> TakeFilesLeftOut();
 
 // Prints the shell change notifications of this process on stderr while it lives (--verbose).
 class NotificationEcho {

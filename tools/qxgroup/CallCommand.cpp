@@ -299,6 +299,11 @@ int RunCall(const std::string& className, const std::string& uiMode,
   top.AddString("hr", HexStatus(hr));
   top.AddRaw("out", out.Str());
   std::printf("%s\n", top.Str().c_str());
+  // Why, when the component says: stdout stays the one JSON object.
+  if (hr != S_OK) {
+    const std::string why = TakeErrorDescription();
+    if (!why.empty()) std::fprintf(stderr, "qxgroup: %s\n", why.c_str());
+  }
   return SUCCEEDED(hr) ? kExitOk : kExitFailed;
 }
 

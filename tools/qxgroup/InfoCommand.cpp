@@ -1,9 +1,9 @@
 // `qxgroup info FILE...`: what each file is, for people who wonder what they have.
 #include <cstdio>
 
-#include "containers/ContainerFactory.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
+#include "platform/CommaList.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
@@ -13,13 +13,14 @@ namespace qx::cli {
 
 namespace {
 
-// "group of 3 variables" / "group" when the count is not known.
+// "group of 3 variables", counted from the component's listing; "group" when it gives none.
 std::string GroupText(const std::string& path, const char* noun) {
-  ContainerFactory factory;
-  std::unique_ptr<GroupContainer> c = factory.CreateContainer(path);
-  if (c == nullptr) return "group";
-  const int32_t n = c->GetMemberCount();
-  if (n < 0) return std::string("group of 0 ") + noun + "s";
+  Bstr names;
+  if (Session()->ReadContents(ToBstr(codepage::AnsiToUtf8(path)).get(), names.receive()) != S_OK) {
+    TakeErrorDescription();  // `info` says what a file is; why it cannot be listed is not asked
+    return "group";
+  }
+  const size_t n = SplitCommaList(FromBstr(names.get())).size();
   return "group of " + std::to_string(n) + " " + noun + (n == 1 ? "" : "s");
 }
 
@@ -27,9 +28,8 @@ std::string Describe(const std::string& path) {
   const std::string sig = DetectFileSignature(path);
   if (sig == kSigFlash) return "flash file (calculator software records)";
   if (sig == kSigZip) {
-    ContainerFactory factory;
-    if (factory.CreateContainer(path) == nullptr) return "zip archive";
-    return "zip archive, " + GroupText(path, "member");
+    const std::string text = GroupText(path, "member");
+    return text == "group" ? "zip archive" : "zip archive, " + text;
   }
   const FamilyInfo* family = FindFamilyBySignature(sig);
   if (family == nullptr) return "not a calculator file (unknown signature)";

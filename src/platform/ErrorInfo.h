@@ -1,0 +1,23 @@
+// The error objects behind GetErrorInfo: what a failed call of a component object leaves on its
+// thread, made from the diagnostic the call recorded (platform/Diagnostic.h).
+//
+//   diag::Record("no-member", "main.NOPE.map", "no such member in class.mag");
+//   PublishDiagnostic("QXGroupMgr.FileManager");   // GetErrorInfo now gives that description
+//   PublishDiagnostic(...) with nothing recorded    // empties the slot: the call succeeded
+#pragma once
+
+#include <string_view>
+
+#include "qxgroupmgr/com.h"
+
+namespace qx {
+
+// A new error object (reference count 1) with the given source and description (1252 text).
+// Null when memory runs out.
+IErrorInfo* NewErrorInfo(std::string_view source, std::string_view description);
+
+// Sets the thread's error information to the current diagnostic, described as
+// diag::Describe() gives it, or clears it when none was recorded.
+void PublishDiagnostic(std::string_view source);
+
+}  // namespace qx
