@@ -34,6 +34,16 @@ show expand "$out/lesson.kdg" -C "$out/lesson"
 # A flash file split into its records.
 show flash samples/Hello.kdk -C "$out"
 show call IsGroup samples/prog1.map
+# A content package's metadata, by the command and through the second class by name.
+show package samples/lesson.qxp
+show call --class=QXPackageInfo --set Filename=samples/lesson.qxp LearningTool
+# The module registered into a registry file of its own, then both classes made by ProgID from
+# the module that registration names.
+export QXGROUPMGR_REGISTRY="$out/registry.reg"
+show register
+show call --progid QXGroupMgr.QXPackageInfo --set Filename=samples/lesson.qxp Title
+show call --progid QXGroupMgr.FileManager ReadContents samples/mixed.qxg
+show register --unregister
 echo
 echo "Files written (in a temporary folder, removed on exit):"
 (cd "$out" && find . -type f | sort | sed 's|^\./|  |')

@@ -5,6 +5,7 @@
 #include "package/CallTempFolder.h"
 #include "package/ManifestLookup.h"
 #include "platform/Diagnostic.h"
+#include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 
@@ -26,8 +27,11 @@ constexpr const char* kAbstractPath[] = {"imsmd:description", "imsmd:langstring"
 constexpr const char* kObjectivesPath[] = {"imsmd:classification", "imsmd:purpose",
                                            "imsmd:value", "imsmd:langstring"};
 
-// How deep this thread is in QXPackageInfo calls: only the outermost one starts and ends the
-// call's diagnostic, so a property reached through Invoke is one call, not two.
+// The source every error object of this class names: the version-independent ProgID.
+constexpr std::string_view kErrorSource = "QXGroupMgr.QXPackageInfo";
+
+// How deep this thread is in QXPackageInfo calls: only the outermost one forgets the previous
+// diagnostic and publishes the new one, so a property reached through Invoke is one call.
 thread_local int callDepth = 0;
 
 std::string ToAnsi(BSTR text) {
@@ -82,7 +86,11 @@ HRESULT QXPackageInfo::Call(const std::function<HRESULT()>& body) {
     hr = E_FAIL;
   }
   --callDepth;
-  if (outermost && hr == S_OK) diag::Clear();
+  if (outermost) {
+    if (hr == S_OK) diag::Clear();
+    else if (FAILED(hr)) diag::Record("failed", filename_, "the call failed");  // first record wins
+    PublishDiagnostic(kErrorSource);
+  }
   return hr;
 }
 
@@ -181,8 +189,10 @@ HRESULT QXPackageInfo::get_ComputerApps(BSTR* pVal) {
 
 HRESULT QXPackageInfo::get_IsQXP(LONG* pVal) {
   if (pVal == nullptr) return E_POINTER;
-  *pVal = isPackage_;
-  return S_OK;
+  return Call([&] {
+    *pVal = isPackage_;
+    return S_OK;
+  });
 }
 
 // ---- IObjectSafety ---------------------------------------------------------------------------------

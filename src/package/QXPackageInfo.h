@@ -52,8 +52,8 @@ class QXPackageInfo : public DispatchObject<IQXPackageInfo, IObjectSafety>,
 
  protected:
   ~QXPackageInfo() override;
-  // One call through IDispatch: the outermost forgets the previous diagnostic and leaves this
-  // call's as the thread's error information.
+  // One call through IDispatch: the outermost forgets the previous diagnostic and publishes this
+  // call's as the thread's error information (none after S_OK).
   HRESULT RunCall(const std::function<HRESULT()>& body) override;
 
  private:

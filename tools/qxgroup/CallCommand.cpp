@@ -11,6 +11,8 @@
 
 #include "frame/Module.h"
 #include "frame/TypeLibrary.h"
+#include "platform/activation.h"
+#include "platform/registry.h"
 #include "platform/ui.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Json.h"
@@ -57,10 +59,19 @@ const typelib::Coclass& FindClass(const std::string& name) {
   return *coclass;
 }
 
-// A new instance of the class, held through its IDispatch for the life of the command.
+// A new instance of the class, held through its IDispatch for the life of the command: made by
+// the class object linked into this program, or, given a ProgID, found through the registry
+// store and made by the module registered there.
 class Instance {
  public:
-  explicit Instance(const typelib::Coclass& coclass) {
+  Instance(const typelib::Coclass& coclass, const std::string& progId) {
+    if (!progId.empty()) {
+      const HRESULT hr = CoCreateInstance(*coclass.clsid, nullptr, CLSCTX_INPROC_SERVER,
+                                          IID_IDispatch, reinterpret_cast<void**>(&disp_));
+      if (FAILED(hr) || disp_ == nullptr)
+        throw Failure{"cannot create " + progId + " (" + HexStatus(hr) + ")"};
+      return;
+    }
     IClassFactory* factory = nullptr;
     HRESULT hr = module::GetClassObject(*coclass.clsid, IID_IClassFactory,
                                         reinterpret_cast<void**>(&factory));
@@ -122,6 +133,20 @@ const typelib::Member* OwnerWindowMember(const typelib::Interface& itf) {
   return nullptr;
 }
 
+// The class a ProgID names in the registry store (its CurVer followed).
+const typelib::Coclass& ClassOfProgId(const std::string& progId) {
+  const Bstr wide = ToBstr(progId);
+  CLSID clsid{};
+  const HRESULT hr = CLSIDFromProgID(wide.get(), &clsid);
+  if (FAILED(hr))
+    throw Failure{"no class registered as " + progId + " in " + registry::StorePath() + " (" +
+                  HexStatus(hr) + ")"};
+  const typelib::Coclass* coclass = typelib::FindCoclass(clsid);
+  if (coclass == nullptr)
+    throw Failure{progId + " names " + GuidToString(clsid) + ", a class of another component"};
+  return *coclass;
+}
+
 // Puts "Name=value" through IDispatch: the status of the put.
 HRESULT PutProperty(IDispatch* disp, const typelib::Interface& itf, const std::string& set,
                     std::string& name) {
@@ -180,8 +205,8 @@ std::string DescribeMembers(const std::string& className) {
 
 int RunCall(const std::string& className, const std::string& uiMode,
             const std::string& memberName, const std::vector<std::string>& args,
-            const std::vector<std::string>& sets) {
-  const typelib::Coclass& coclass = FindClass(className);
+            const std::vector<std::string>& sets, const std::string& progId) {
+  const typelib::Coclass& coclass = progId.empty() ? FindClass(className) : ClassOfProgId(progId);
   const typelib::Interface& itf = typelib::DispatchInterface(coclass);
   const typelib::Member* member = typelib::FindMember(itf, memberName);
   if (member == nullptr)
@@ -208,7 +233,7 @@ int RunCall(const std::string& className, const std::string& uiMode,
     if (showUI == nullptr)
       throw UsageError{"--ui: " + std::string(coclass.name) + " shows no dialogs"};
   }
-  Instance object(coclass);
+  Instance object(coclass, progId);
   std::optional<DispatchOwnerWindow> owner;
   if (showUI != nullptr) owner.emplace(object.operator->(), *showUI, std::move(host));
   for (const std::string& set : sets) {

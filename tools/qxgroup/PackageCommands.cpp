@@ -8,9 +8,6 @@
 #include <cstdio>
 
 #include "frame/Module.h"
-#include "frame/Registration.h"
-#include "platform/Diagnostic.h"
-#include "platform/codepage.h"
 #include "platform/registry.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Json.h"
@@ -64,8 +61,8 @@ class PackageInfo {
 };
 
 std::string Reason(const char* fallback) {
-  const std::string why = diag::Describe();
-  return why.empty() ? fallback : codepage::AnsiToUtf8(why);
+  const std::string why = TakeErrorDescription();
+  return why.empty() ? fallback : why;
 }
 
 // The module beside this program (the build folder), else where an install puts it.
@@ -132,23 +129,35 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
   return status;
 }
 
+// Why the registry store refused, from the module's status (its own diagnostic stays inside it).
+std::string RegistryFailure(HRESULT hr) {
+  const std::string store = registry::StorePath();
+  if (hr == HRESULT_FROM_WIN32(registry::kErrorBadDb))
+    return "the registry file " + store + " does not parse; it was left as it is";
+  if (hr == HRESULT_FROM_WIN32(registry::kErrorCantRead))
+    return "the registry file " + store + " cannot be read";
+  if (hr == HRESULT_FROM_WIN32(registry::kErrorCantWrite))
+    return "the registry file " + store + " (or its lock file) cannot be written";
+  return "the module answered " + HexStatus(hr);
+}
+
 int CmdRegister(bool unregister, const std::string& modulePath) {
   const std::string given = modulePath.empty() ? DefaultModule() : modulePath;
   char resolved[PATH_MAX];
-  if (::realpath(given.c_str(), resolved) == nullptr)
-    throw Failure{"no such module: " + given};
-  // Only a file that loads and serves classes is entered as the classes' server.
+  if (::realpath(given.c_str(), resolved) == nullptr) throw Failure{"no such module: " + given};
+  // The module writes its own entries, under the path it was loaded from.
   void* handle = ::dlopen(resolved, RTLD_NOW | RTLD_LOCAL);
   if (handle == nullptr) throw Failure{"cannot load " + std::string(resolved) + ": " + ::dlerror()};
-  const bool serves = ::dlsym(handle, "DllGetClassObject") != nullptr;
+  using EntryFn = HRESULT (*)();
+  const auto entry = reinterpret_cast<EntryFn>(
+      ::dlsym(handle, unregister ? "DllUnregisterServer" : "DllRegisterServer"));
+  const HRESULT hr = entry != nullptr ? entry() : E_NOTIMPL;
   ::dlclose(handle);
-  if (!serves) throw Failure{std::string(resolved) + " is not a component module (no DllGetClassObject)"};
-
-  const std::string module = codepage::Utf8ToAnsi(resolved);
-  diag::Clear();
-  const HRESULT hr = unregister ? module::UnregisterServer() : module::RegisterServer(module);
-  if (FAILED(hr)) throw Failure{"cannot " + std::string(unregister ? "unregister" : "register") +
-                                " the module: " + Reason("the registry refused")};
+  if (entry == nullptr)
+    throw Failure{std::string(resolved) + " is not a component module (no registration entry)"};
+  if (FAILED(hr))
+    throw Failure{"cannot " + std::string(unregister ? "unregister " : "register ") + resolved +
+                  ": " + RegistryFailure(hr)};
   std::printf("%s %s %s %s\n", unregister ? "unregistered" : "registered", resolved,
               unregister ? "from" : "in", registry::StorePath().c_str());
   return kExitOk;

@@ -36,6 +36,7 @@ struct Options {
   std::string member;
   std::vector<std::string> args;
   std::vector<std::string> sets;
+  std::string progId;
   bool json = false;
   bool unregister = false;
   std::string module;
@@ -163,11 +164,14 @@ int main(int argc, char** argv) {
       ->check(CLI::IsMember({"none", "tty", "replace", "all", "skip", "cancel"}));
   call->add_option("--class", o.className,
                    "The class to make, by its type-library name (default FileManager)");
+  call->add_option("--progid", o.progId,
+                   "Make the class registered under this ProgID, from the module the registry "
+                   "names (instead of --class)");
   call->add_option("--set", o.sets,
                    "Set a property first, as NAME=VALUE (repeatable), e.g. Filename=lesson.qxp");
   call->add_option("member", o.member, "Member name, e.g. ReadContents")->required();
   call->add_option("args", o.args, "Arguments for its [in] parameters, in order");
-  commands.emplace_back(call, [&] { return RunCall(o.className, o.uiMode, o.member, o.args, o.sets); });
+  commands.emplace_back(call, [&] { return RunCall(o.className, o.uiMode, o.member, o.args, o.sets, o.progId); });
 
   CLI::App* package = Sub(app, "package", "Show the metadata of content packages (.qxp)",
                           "qxgroup package lesson.qxp");
