@@ -1,0 +1,79 @@
+/* Loads the module with dlopen as a host program does, works both classes (the XML service
+ * builds a listing, the package object opens a group), releases everything and unloads the
+ * module once DllCanUnloadNow allows it. Under the sanitizers LeakSanitizer then checks that the
+ * unload freed what the module kept for the process.
+ *   unload MODULE SAMPLES_DIR */
+#include <dlfcn.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "qxgroupmgr/QXGroupMgr.h"
+
+#define FAIL(...) do { fprintf(stderr, __VA_ARGS__); fputc('\n', stderr); return 1; } while (0)
+
+static void* module;
+static void* Symbol(const char* name) { return dlsym(module, name); }
+/* Functions through dlsym the way POSIX allows under ISO C: the pointer's bytes are copied. */
+#define LOAD(fn, name) memcpy(&(fn), &(void*){Symbol(name)}, sizeof(fn))
+static BSTR (*allocString)(const OLECHAR*);
+
+/* An ASCII path as an automation string. */
+static BSTR Wide(const char* text) {
+  OLECHAR buffer[4096];
+  size_t n = strlen(text);
+  if (n >= sizeof buffer / sizeof buffer[0]) n = sizeof buffer / sizeof buffer[0] - 1;
+  for (size_t i = 0; i < n; ++i) buffer[i] = (OLECHAR)(unsigned char)text[i];
+  buffer[n] = 0;
+  return allocString(buffer);
+}
+
+int main(int argc, char** argv) {
+  if (argc != 3) FAIL("usage: unload MODULE SAMPLES_DIR");
+  module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+  if (module == NULL) FAIL("cannot load %s: %s", argv[1], dlerror());
+  HRESULT (*getClassObject)(REFCLSID, REFIID, void**);
+  HRESULT (*canUnloadNow)(void);
+  void (*freeString)(BSTR);
+  LOAD(getClassObject, "DllGetClassObject");
+  LOAD(canUnloadNow, "DllCanUnloadNow");
+  LOAD(freeString, "SysFreeString");
+  LOAD(allocString, "SysAllocString");
+  const IID* iidFactory = Symbol("IID_IClassFactory");
+  if (getClassObject == NULL || canUnloadNow == NULL || freeString == NULL ||
+      allocString == NULL || iidFactory == NULL)
+    FAIL("the module lacks its entry points");
+
+  char group[4096];
+  snprintf(group, sizeof group, "%s/school.mag", argv[2]);
+  BSTR path = Wide(group);
+
+  IClassFactory* cf = NULL;
+  if (getClassObject(Symbol("CLSID_FileManager"), iidFactory, (void**)&cf) != S_OK)
+    FAIL("no FileManager class object");
+  IGroupManager2* fm = NULL;
+  if (cf->lpVtbl->CreateInstance(cf, NULL, Symbol("IID_IGroupManager2"), (void**)&fm) != S_OK)
+    FAIL("no FileManager");
+  cf->lpVtbl->Release(cf);
+  BSTR xml = NULL;
+  if (fm->lpVtbl->ReadContentsXml(fm, path, 1, NULL, &xml) != S_OK) FAIL("no listing");
+  freeString(xml);
+  fm->lpVtbl->Release(fm);
+
+  if (getClassObject(Symbol("CLSID_QXPackageInfo"), iidFactory, (void**)&cf) != S_OK)
+    FAIL("no QXPackageInfo class object");
+  IQXPackageInfo* info = NULL;
+  if (cf->lpVtbl->CreateInstance(cf, NULL, Symbol("IID_IQXPackageInfo"), (void**)&info) != S_OK)
+    FAIL("no QXPackageInfo");
+  cf->lpVtbl->Release(cf);
+  if (info->lpVtbl->put_Filename(info, path) != S_FALSE) FAIL("an old-style group is no package");
+  BSTR title = NULL;
+  if (info->lpVtbl->get_Title(info, &title) != S_OK) FAIL("no title answer");
+  freeString(title);
+  info->lpVtbl->Release(info);
+  freeString(path);
+
+  if (canUnloadNow() != S_OK) FAIL("DllCanUnloadNow refuses after every release");
+  if (dlclose(module) != 0) FAIL("dlclose: %s", dlerror());
+  puts("unload: ok");
+  return 0;
+}
