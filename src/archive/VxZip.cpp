@@ -63,7 +63,8 @@ using Sink = std::function<bool(const unsigned char*, size_t)>;
 // Streams a record's compressed bytes (as they stand in the archive file) to the sink.
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink) {
   if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
-  std::vector<unsigned char> buf(zip::kChunk);
+  // No larger than the member: zeroing a whole chunk per small member dominated rewrites.
+  std::vector<unsigned char> buf(static_cast<size_t>(std::min<uint64_t>(zip::kChunk, r.compressedSize)));
   uint64_t left = r.compressedSize;
   while (left > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));

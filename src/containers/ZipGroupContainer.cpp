@@ -118,11 +118,19 @@ void ZipGroupContainer::IndexEntry(uint64_t serial, const std::string& name, boo
   bool folder = false;
   for (;;) {
     const std::string key = Upper(n);
+    const auto bySerial = [](const auto& c, uint64_t s) { return c.first < s; };
     if (add) {
-      memberIndex_[key][serial] = IndexValue{n.substr(0, kStoredNameMax), folder};
+      IndexSlot& slot = memberIndex_[key];
+      IndexValue value{n.substr(0, kStoredNameMax), folder};
+      if (slot.empty() || slot.back().first < serial)
+        slot.emplace_back(serial, std::move(value));
+      else
+        slot.emplace(std::lower_bound(slot.begin(), slot.end(), serial, bySerial), serial, std::move(value));
     } else if (auto it = memberIndex_.find(key); it != memberIndex_.end()) {
-      it->second.erase(serial);
-      if (it->second.empty()) memberIndex_.erase(it);
+      IndexSlot& slot = it->second;
+      const auto at = std::lower_bound(slot.begin(), slot.end(), serial, bySerial);
+      if (at != slot.end() && at->first == serial) slot.erase(at);
+      if (slot.empty()) memberIndex_.erase(it);
     }
     const size_t cut = n.find_last_of(kSep);
     if (cut == std::string::npos) break;
@@ -133,6 +141,7 @@ void ZipGroupContainer::IndexEntry(uint64_t serial, const std::string& name, boo
 
 void ZipGroupContainer::RebuildMemberIndex() {
   memberIndex_.clear();
+  memberIndex_.reserve(static_cast<size_t>(zip_.EntryCount()) * 2);
   for (std::unique_ptr<VxZipEntry> e = zip_.FirstEntry(); e != nullptr; e = e->NextEntry())
     IndexEntry(e->Serial(), EntryName(*e), true);
   indexStale_ = false;
@@ -141,7 +150,7 @@ void ZipGroupContainer::RebuildMemberIndex() {
 const ZipGroupContainer::IndexValue* ZipGroupContainer::LookUp(const std::string& name) {
   if (indexStale_) RebuildMemberIndex();
   const auto it = memberIndex_.find(Upper(name));
-  return it == memberIndex_.end() ? nullptr : &it->second.rbegin()->second;
+  return it == memberIndex_.end() ? nullptr : &it->second.back().second;
 }
 
 std::unique_ptr<VxZipEntry> ZipGroupContainer::Append(const std::string& name,
@@ -340,6 +349,8 @@ bool ZipGroupContainer::DeleteOne(const std::string& name, bool& handled) {
   handled = e != nullptr || folder;
   if (e != nullptr && !folder) return Delete(e.get());
   if (folder) {
+    // One rebuild later costs less than taking each entry out of its folders' slots.
+    indexStale_ = true;
     std::unique_ptr<VxZipEntry> m = zip_.FirstEntry();
     while (m != nullptr) {
       std::unique_ptr<VxZipEntry> next = m->NextEntry();

@@ -14,7 +14,6 @@
 #pragma once
 
 #include <cstdint>
-#include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
@@ -69,9 +68,9 @@ class ZipGroupContainer : public GroupContainer {
     std::string stored;  // the name in its stored letter case (at most 259 bytes)
     bool folder = false;
   };
-  // Every entry's contribution to a key, by entry serial (archive order): the last one holds,
-  // as if the index were rebuilt in archive order.
-  using IndexSlot = std::map<uint64_t, IndexValue>;
+  // Every entry's contribution to a key, sorted by entry serial (archive order): the last one
+  // holds, as if the index were rebuilt in archive order.
+  using IndexSlot = std::vector<std::pair<uint64_t, IndexValue>>;
 
   void Open();
   void RebuildMemberIndex();
