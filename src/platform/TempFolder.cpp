@@ -36,8 +36,9 @@ void RemoveContents(int dir) {
   ::closedir(d);
 }
 
-// True when the private folder at `native` is fit to use; else records why.
-bool CheckPrivate(const std::string& native, const std::string& shown) {
+// True when the private folder at `native` is fit to use; else records why. With `dirFd` the
+// folder stays open (the checked folder itself, not whatever the path names later).
+bool CheckPrivate(const std::string& native, const std::string& shown, int* dirFd = nullptr) {
   struct stat st {};
   if (::lstat(native.c_str(), &st) != 0) {
     diag::Record("temp-folder", shown, std::string("the temporary folder cannot be examined: ") +
@@ -63,12 +64,41 @@ bool CheckPrivate(const std::string& native, const std::string& shown) {
                  "the temporary folder gives group or other users access (it must be 0700)");
     return false;
   }
+  if (dirFd == nullptr) return true;
+  // Opened without following a link and checked again on the descriptor, so a folder swapped
+  // in after the lstat is not the one used.
+  *dirFd = ::open(native.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+  struct stat opened {};
+  if (*dirFd < 0 || ::fstat(*dirFd, &opened) != 0 || opened.st_ino != st.st_ino ||
+      opened.st_dev != st.st_dev) {
+    if (*dirFd >= 0) ::close(*dirFd);
+    *dirFd = -1;
+    diag::Record("temp-folder", shown, "the temporary folder changed while it was checked");
+    return false;
+  }
   return true;
+}
+
+// A fresh "call-XXXXXX" folder (mode 0700) inside the open folder; its name, or empty.
+std::string MakeCallFolder(int dirFd) {
+  static const char kChars[] = "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+  for (int attempt = 0; attempt < 64; ++attempt) {
+    unsigned char random[6];
+    if (::getentropy(random, sizeof random) != 0) return {};
+    std::string name = "call-";
+    for (unsigned char r : random) name += kChars[r % (sizeof kChars - 1)];
+    if (::mkdirat(dirFd, name.c_str(), 0700) == 0) return name;
+    if (errno != EEXIST) return {};
+  }
+  return {};
 }
 
 }  // namespace
 
-std::string PrivateTempFolder() {
+namespace {
+
+// Makes the private folder when missing and checks it; see PrivateTempFolder.
+std::string OpenPrivate(int* dirFd) {
   const std::string folder = TempFolder() + "QXGrpMgr-" + std::to_string(::geteuid()) + "/";
   const std::string native = ToNative(folder.substr(0, folder.size() - 1));
   if (::mkdir(native.c_str(), 0700) != 0 && errno != EEXIST) {
@@ -76,21 +106,29 @@ std::string PrivateTempFolder() {
                                             std::strerror(errno));
     return {};
   }
-  return CheckPrivate(native, folder) ? folder : std::string();
+  return CheckPrivate(native, folder, dirFd) ? folder : std::string();
 }
+
+}  // namespace
+
+std::string PrivateTempFolder() { return OpenPrivate(nullptr); }
 
 TempWorkFolder::TempWorkFolder() {
   for (int attempt = 0; attempt < kMakeAttempts; ++attempt) {
-    const std::string root = PrivateTempFolder();
+    int dirFd = -1;
+    const std::string root = OpenPrivate(&dirFd);
     if (root.empty()) return;
-    std::string tmpl = ToNative(root) + "call-XXXXXX";
-    if (::mkdtemp(tmpl.data()) != nullptr) {
-      path_ = FromNative(tmpl) + "/";
+    const std::string name = MakeCallFolder(dirFd);
+    const int error = errno;
+    ::close(dirFd);
+    if (!name.empty()) {
+      path_ = root + name + "/";
       return;
     }
-    if (errno != ENOENT) {
+    // Another call may have removed the empty private folder meanwhile: make it again.
+    if (error != ENOENT) {
       diag::Record("temp-folder", root, std::string("no work folder can be made in it: ") +
-                                            std::strerror(errno));
+                                            std::strerror(error));
       return;
     }
   }

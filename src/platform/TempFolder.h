@@ -4,7 +4,8 @@
 // we extract, so the folder is per user and checked before every use:
 //
 //   ${TMPDIR:-/tmp}/QXGrpMgr-<uid>/           mode 0700, ours, a real folder (lstat, never followed)
-//   ${TMPDIR:-/tmp}/QXGrpMgr-<uid>/call-XXXXXX/   one per call (mkdtemp), removed by its owner
+//   ${TMPDIR:-/tmp}/QXGrpMgr-<uid>/call-XXXXXX/   one per call, made through a descriptor of
+//                                              the checked folder; removed by its owner
 //
 //   fs::TempWorkFolder work;            // checks the folder, makes a fresh subfolder
 //   if (!work.IsOpen()) return 0;       // why is recorded as a diagnostic
