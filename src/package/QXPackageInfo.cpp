@@ -2,11 +2,11 @@
 
 #include <new>
 
-#include "package/CallTempFolder.h"
 #include "package/ManifestLookup.h"
 #include "platform/Diagnostic.h"
 #include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
+#include "platform/TempFolder.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -112,11 +112,11 @@ HRESULT QXPackageInfo::put_Filename(BSTR newVal) {
       return E_FAIL;
     }
     // A fresh folder of this call's own: nothing another process left can pass for the manifest.
-    const CallTempFolder folder;
+    const fs::TempWorkFolder folder;
     const int32_t extracted =
-        folder.IsValid() ? container->ExtractMember(kManifestMember, folder.Path()) : 0;
+        folder.IsOpen() ? container->ExtractMember(kManifestMember, folder.Path()) : 0;
     container.reset();
-    const std::string copy = folder.IsValid() ? ExtractedManifest(folder.Path()) : std::string();
+    const std::string copy = folder.IsOpen() ? ExtractedManifest(folder.Path()) : std::string();
     if (!copy.empty()) {
       // A manifest that does not load leaves the previous one in place.
       if (!manifest_.LoadXmlFile(copy.c_str())) {

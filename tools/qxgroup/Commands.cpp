@@ -19,13 +19,13 @@ namespace {
 
 std::string Ansi(const std::string& utf8) { return codepage::Utf8ToAnsi(utf8); }
 
-// Inputs that must be readable files; checked before anything is written.
+// Inputs that must exist; checked before anything is written. Folders go into zip-based
+// groups as trees.
 void RequireFiles(const std::vector<std::string>& files) {
   for (const std::string& f : files) {
     CheckListItem(f, "file name");
     const uint32_t attrs = fs::GetAttributes(Ansi(f));
     if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f};
-    if (attrs & fs::kAttrDirectory) throw Failure{"is a folder, not a file: " + f};
   }
 }
 
