@@ -57,13 +57,66 @@ expect "call --set unknown" 2 "" "no property \"Nope\"" -- "$qx" call --class=QX
 expect "call on a fresh object" 0 '^\{"hr":"0x00000001","out":\{"pVal":""\}\}$' "no such requirement" -- \
   "$qx" call --class=qxpackageinfo LearningTool
 
-# Through real packages once zip-based groups open.
-if "$qx" list "$samples/mixed.qxg" >/dev/null 2>&1; then
-  expect "package table" 0 "^  Title +Area <r>: circles$" "^$" -- "$qx" package "$samples/lesson.qxp"
-  expect "package json" 0 '"Connectivity":\{"hr":"0x00000000","value":"USB link cable"\}' "" -- \
-    "$qx" package --json "$samples/lesson.qxp"
-  expect "call --set Filename" 0 '^\{"hr":"0x00000000","out":\{"pVal":"Grade 7"\}\}$' "" -- \
-    "$qx" call --class=QXPackageInfo --set Filename="$samples/lesson.qxp" GradeLevel
+# Real packages: the sample, crafted bad ones and the corpus's, each opened in a private
+# temporary folder that must be gone afterwards.
+export TMPDIR=$work/tmp
+mkdir -p "$TMPDIR"
+expect "package table" 0 "^  Title +Area <r>: circles$" "^$" -- "$qx" package "$samples/lesson.qxp"
+expect "package json" 0 '"Connectivity":\{"hr":"0x00000000","value":"USB link cable"\}' "" -- \
+  "$qx" package --json "$samples/lesson.qxp"
+expect "call --set Filename" 0 '^\{"hr":"0x00000000","out":\{"pVal":"Grade 7"\}\}$' "" -- \
+  "$qx" call --class=QXPackageInfo --set Filename="$samples/lesson.qxp" GradeLevel
+python3 - <<'PY'
+import struct, zipfile
+M = b'<?xml version="1.0"?><manifest><imsmd:title><imsmd:langstring>T</imsmd:langstring></imsmd:title></manifest>'
+def z(name, members, comp=zipfile.ZIP_STORED):
+    with zipfile.ZipFile(name, "w") as f:
+        for n, d in members:
+            i = zipfile.ZipInfo(n, date_time=(2026, 1, 1, 0, 0, 0))
+            i.compress_type = comp
+            if n.endswith("/"):
+                i.external_attr = 0x10
+            f.writestr(i, d)
+z("upper.qxp", [("IMSMANIFEST.XML", M)])
+z("folder.qxp", [("imsmanifest.xml/", b""), ("imsmanifest.xml/x.txt", b"x")])
+z("plain.qxg", [("a.txt", b"a")])
+z("ok.qxp", [("imsmanifest.xml", M)])
+b = bytearray(open("ok.qxp", "rb").read())
+b[b.find(M) + 5] ^= 0xFF  # stored bytes no longer match the CRC
+open("damaged.qxp", "wb").write(b)
+z("big.qxp", [("imsmanifest.xml", M + b" " * (1 << 20))], zipfile.ZIP_DEFLATED)
+b = bytearray(open("big.qxp", "rb").read())
+for sig, off in ((b"PK\x03\x04", 22), (b"PK\x01\x02", 24)):
+    struct.pack_into("<I", b, b.find(sig) + off, 100)  # states 100 bytes, inflates to 1 MB
+open("overinflate.qxp", "wb").write(b)
+PY
+corpus=$2/../shared/corpus/ims
+if [ -d "$corpus" ]; then
+  for f in "$corpus"/*.zip; do cp "$f" "$(basename "$f" .zip).qxp"; done
 fi
+# file  Filename's status  IsQXP  Title
+while read -r file hr isqxp title; do
+  [ -f "$file" ] || continue
+  expect "$file" "$([ "$hr" = 0 ] && echo 0 || echo 1)" \
+    "\"Filename\":\\{\"hr\":\"0x0000000$hr\"\\}.*\"Title\":\\{\"hr\":\"0x00000000\",\"value\":\"${title#-}\"\\}.*\"IsQXP\":\\{\"hr\":\"0x00000000\",\"value\":$isqxp\\}" "" -- \
+    "$qx" package --json "$file"
+done <<'ROWS'
+ok.qxp 0 1 T
+upper.qxp 0 1 T
+folder.qxp 0 1 -
+plain.qxg 1 0 -
+damaged.qxp 1 0 -
+overinflate.qxp 1 0 -
+jcputney_scorm12.qxp 0 1 -
+pyslet_package_1.qxp 0 1 -
+qtiworks_BadManifest.qxp 0 1 -
+qtiworks_MissingFile.qxp 0 1 -
+qtiworks_NotContentPackage.qxp 1 0 -
+qtiworks_WebDeveloperTest1-incomplete.qxp 1 0 -
+qtiworks_WebDeveloperTest1.qxp 0 1 -
+qtiworks_ZipSlip.qxp 1 0 -
+ROWS
+left=$(find "$TMPDIR" -mindepth 1 | head -3)
+[ -z "$left" ] || { echo "FAIL left in the temporary folder: $left"; failures=$((failures + 1)); }
 [ "$failures" = 0 ] && echo "package: ok"
 exit $((failures > 0))
