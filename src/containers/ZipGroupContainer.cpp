@@ -8,6 +8,7 @@
 #include "containers/NestedGroup.h"
 #include "formats/DeviceFamily.h"
 #include "platform/Diagnostic.h"
+#include "platform/GroupLock.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -91,10 +92,10 @@ ZipGroupContainer::ZipGroupContainer(std::string path, ContainerFactory* factory
 
 ZipGroupContainer::~ZipGroupContainer() = default;
 
-void ZipGroupContainer::Open() {
+bool ZipGroupContainer::Open() {
   indexStale_ = true;
   copies_.clear();
-  zip_.OpenZip(path_.c_str());  // IsValid decides whether the container is used at all
+  return zip_.OpenZip(path_.c_str());  // IsValid decides whether the container is used at all
 }
 
 int32_t ZipGroupContainer::SetPath(const std::string& path) {
@@ -362,7 +363,17 @@ bool ZipGroupContainer::DeleteOne(const std::string& name, bool& handled) {
   return true;
 }
 
+bool ZipGroupContainer::ReopenLocked() {
+  if (Open()) return true;
+  diag::Record("cannot-read", path_, "changed while waiting for the write lock and no longer opens ("
+                                         + LastLog(zip_) + ")");
+  return false;
+}
+
 int32_t ZipGroupContainer::DeleteMembers(const StringList& names) {
+  // Held from the read to the rename, so a concurrent writer's change is read, not overwritten.
+  fs::GroupLock lock(path_);
+  if (!lock.Held() || !ReopenLocked()) return 0;
   nested::CallScope call;
   copies_.clear();
   for (const std::string& name : names) {
@@ -404,6 +415,8 @@ int32_t ZipGroupContainer::DeleteMembers(const StringList& names) {
 
 int32_t ZipGroupContainer::CreateWithMembers(const StringList& files,
                                              const std::string& destFolder) {
+  fs::GroupLock lock(path_);
+  if (!lock.Held()) return 0;
   if (!zip_.NewZip(path_.c_str())) {
     diag::Record("create-failed", path_, "a new archive cannot be started (" + LastLog(zip_) + ")");
     return 0;
@@ -411,11 +424,18 @@ int32_t ZipGroupContainer::CreateWithMembers(const StringList& files,
   indexStale_ = true;
   // The empty archive and the added files go to disk in one write, at the end of AddMembers.
   int32_t state = 0;
-  return AddMembers(files, destFolder, &state, nullptr, nullptr);
+  return AddLocked(files, destFolder, &state, nullptr, nullptr);
 }
 
 int32_t ZipGroupContainer::AddMembers(const StringList& files, const std::string& destFolder,
                                       int32_t* promptState, AddPromptFn prompt, void* context) {
+  fs::GroupLock lock(path_);
+  if (!lock.Held() || !ReopenLocked()) return 0;
+  return AddLocked(files, destFolder, promptState, prompt, context);
+}
+
+int32_t ZipGroupContainer::AddLocked(const StringList& files, const std::string& destFolder,
+                                     int32_t* promptState, AddPromptFn prompt, void* context) {
   nested::CallScope call;
   copies_.clear();
   int32_t localState = 0;

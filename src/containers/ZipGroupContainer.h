@@ -72,7 +72,13 @@ class ZipGroupContainer : public GroupContainer {
   // holds, as if the index were rebuilt in archive order.
   using IndexSlot = std::vector<std::pair<uint64_t, IndexValue>>;
 
-  void Open();
+  bool Open();
+  // Opens the archive again once the write lock is held; false, with a diagnostic, when what
+  // is there now no longer opens.
+  bool ReopenLocked();
+  // The adding loop of AddMembers and CreateWithMembers, with the write lock held.
+  int32_t AddLocked(const StringList& files, const std::string& destFolder, int32_t* promptState,
+                    AddPromptFn prompt, void* context);
   void RebuildMemberIndex();
   void IndexEntry(uint64_t serial, const std::string& name, bool add);
   const IndexValue* LookUp(const std::string& name);
