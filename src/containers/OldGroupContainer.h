@@ -9,19 +9,36 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "containers/GroupContainer.h"
+#include "formats/LayoutKC.h"
+#include "formats/LayoutMA.h"
 #include "platform/codepage.h"
+#include "platform/fs.h"
 
 namespace qx {
 
 // Member names compare without regard to case in the 1252 code page.
 using codepage::EqualsNoCase1252;
 using codepage::ToLower1252;
+
+// While one lives (on any thread), an old-style group listed for one call is kept and served
+// again to the next call on the same file while the file is unchanged (same device, inode, size
+// and modification and change times), so a caller taking many members out one call at a time
+// walks the table once. A program sets one around such a run of calls; nothing is kept outside.
+class ListingReuseScope {
+ public:
+  ListingReuseScope();
+  ~ListingReuseScope();
+  ListingReuseScope(const ListingReuseScope&) = delete;
+  ListingReuseScope& operator=(const ListingReuseScope&) = delete;
+};
 
 class OldGroupContainer : public GroupContainer {
  public:
@@ -46,19 +63,28 @@ class OldGroupContainer : public GroupContainer {
   const std::string& Family() const { return family_; }
 
  protected:
-  // The members as the cursor meets them, read from the group's bytes.
+  // The members as the cursor meets them: what one walk of the group's table gives, kept so
+  // that every member of a call is reached by its place without walking again.
   struct Listing {
-    std::vector<unsigned char> file;
-    size_t count = 0;               // members the cursor reaches
-    StringList names;               // names of the first members, in order
-    std::vector<uint32_t> sizes;    // their sizes, as the contents listing reports them
-    bool namesComplete = true;      // false when a name could not be read (names stop there)
+    std::vector<unsigned char> file;  // the bytes the walk read (KC: the file; MA: unused)
+    uint64_t fileSize = 0;            // the group file's size when it was read
+    size_t count = 0;                 // members the cursor reaches
+    StringList names;                 // names of the first members, in order
+    std::vector<uint32_t> sizes;      // their sizes, as the contents listing reports them
+    bool namesComplete = true;        // false when a name could not be read (names stop there)
+    std::vector<MAMemberView> ma;     // where each member stands, for the layout that read it
+    std::vector<KCEntryView> kc;
+    // Lower-case name -> index of the first member of that name.
+    std::unordered_map<std::string, size_t> index;
   };
 
-  // Reads the group file and lists it. False when the file cannot be read.
-  bool ReadListing(Listing& out);
-  virtual void ListBytes(Listing& out) const = 0;
-  // Writes the index-th member as a single-variable file.
+  // Reads and lists the group, or serves the listing of the same unchanged file again while a
+  // ListingReuseScope lives. Null when the file cannot be read.
+  std::shared_ptr<const Listing> ReadListing();
+  // Reads what the listing needs and lists it; false when the file cannot be read.
+  virtual bool LoadListing(Listing& out) = 0;
+  // Writes the index-th member as a single-variable file; false with a diagnostic when the
+  // member's bytes cannot be read, and then no file is left at `outPath`.
   virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
@@ -93,6 +119,12 @@ class OldGroupContainer : public GroupContainer {
   // The index of the member named `name` (without regard to case); false, with the diagnostic
   // "no-member", when there is none.
   bool FindMember(const Listing& listing, const std::string& name, size_t& index) const;
+  // The index-th member's bytes in the group could not be read back (the table points past the
+  // end of the file, or the file shrank meanwhile); removes a part-written `outPath`.
+  // Closes and removes a member file whose writing failed, keeping errno for the diagnostic.
+  static void DiscardPartial(fs::File& out, const std::string& outPath);
+  void RecordUnreadableMember(const Listing& listing, size_t index,
+                              const std::string& outPath) const;
   // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
   bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
 

@@ -1,11 +1,14 @@
 #include "containers/OldGroupContainerMA.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <unordered_map>
 
 #include "formats/DeviceFamily.h"
 #include "formats/MemberNames.h"
 #include "platform/Diagnostic.h"
+#include "platform/StreamCopy.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -29,9 +32,12 @@ OldGroupContainerMA::~OldGroupContainerMA() = default;
 
 int32_t OldGroupContainerMA::IsValid() {
   if (!TakesMAGroups(family_)) return 0;
-  std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return 0;
-  return MAIsGroup(file).value_or(false) ? 1 : 0;
+  // The group test looks at the header only.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return 0;
+  unsigned char head[kMAFolderOffset + 1] = {};
+  const size_t n = f.Read(head, sizeof head);
+  return MAIsGroup(std::span<const unsigned char>(head, n)).value_or(false) ? 1 : 0;
 }
 
 bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryFields& fields,
@@ -43,30 +49,58 @@ bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryField
   return true;
 }
 
-void OldGroupContainerMA::ListBytes(Listing& out) const {
-  const MAWalk walk = WalkMAGroup(out.file);
+bool OldGroupContainerMA::LoadListing(Listing& out) {
+  // The header and the table, not the data: members are read when they are taken out.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return false;
+  out.fileSize = f.Size();
+  std::vector<unsigned char> head(static_cast<size_t>(std::min<uint64_t>(out.fileSize, kMATableOffset + 4)));
+  if (f.Read(head.data(), head.size()) != head.size()) return false;
+  const uint64_t extent = MAWalkExtent(head, out.fileSize);
+  if (extent > SIZE_MAX) return false;
+  head.resize(static_cast<size_t>(std::max<uint64_t>(extent, head.size())));
+  const size_t rest = head.size() - std::min<size_t>(head.size(), kMATableOffset + 4);
+  if (rest > 0 && f.Read(head.data() + kMATableOffset + 4, rest) != rest) return false;
+  MAWalk walk = WalkMAGroup(head, out.fileSize);
   out.count = walk.members.size();
   for (const MAMemberView& m : walk.members) {
     std::string name;
     if (!MemberName(m.folder, m.fields, family_, name)) {
       out.namesComplete = false;
-      return;
+      break;
     }
     out.names.push_back(std::move(name));
     out.sizes.push_back(m.BlockLength());
   }
+  out.ma = std::move(walk.members);
+  return true;
 }
 
 bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
                                       const std::string& outPath) {
-  const MAWalk walk = WalkMAGroup(listing.file);
-  if (index >= walk.members.size()) return false;
-  const MAMemberView& m = walk.members[index];
-  const auto block = MABlock(listing.file, m);
-  if (!block) return false;
-  const std::vector<unsigned char> bytes = BuildMASingleFile(family_, m.folder, m.fields, *block);
+  if (index >= listing.ma.size()) return false;
+  const MAMemberView& m = listing.ma[index];
+  // Checked before the file is made, so a table pointing past the end leaves nothing behind.
+  if (m.blockEnd < m.dataOffset || m.blockEnd > listing.fileSize) {
+    RecordUnreadableMember(listing, index, std::string());
+    return false;
+  }
+  fs::File in = fs::File::OpenRead(path_);
+  if (!in.IsOpen()) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
+  const std::vector<unsigned char> header =
+      BuildMASingleFileHeader(family_, m.folder, m.fields, m.BlockLength());
   fs::File out = fs::File::CreateWrite(outPath);
-  return out.IsOpen() && out.Write(bytes.data(), bytes.size()) && out.Close();
+  if (!out.IsOpen()) return false;
+  const fs::CopyEnd end = out.Write(header.data(), header.size())
+                              ? fs::CopyRange(in, m.dataOffset, m.BlockLength(), out)
+                              : fs::CopyEnd::kWriteFailed;
+  if (end == fs::CopyEnd::kDone && out.Close()) return true;
+  DiscardPartial(out, outPath);
+  if (end == fs::CopyEnd::kShortRead) RecordUnreadableMember(listing, index, outPath);
+  return false;
 }
 
 std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string& comment) const {

@@ -59,10 +59,23 @@ class Writer {
 
 // ---- Reading ---------------------------------------------------------------------------------
 
-MAWalk WalkMAGroup(std::span<const unsigned char> file) {
+MAWalk WalkMAGroup(std::span<const unsigned char> file) { return WalkMAGroup(file, file.size()); }
+
+uint64_t MAWalkExtent(std::span<const unsigned char> first64, uint64_t fileSize) {
+  if (fileSize < kMATableOffset + 4 || first64.size() < kMATableOffset + 4) return fileSize;
+  const uint64_t firstDataOffset = ReadLE32(&first64[kMATableOffset]);
+  // The last entry the walk reads starts before the first data offset (or is the first one),
+  // and is read with the 4-byte offset field after it.
+  return std::min(fileSize, std::max<uint64_t>(firstDataOffset, kMATableOffset + 4) + kMAEntrySize + 4);
+}
+
+MAWalk WalkMAGroup(std::span<const unsigned char> file, uint64_t fileSize) {
   MAWalk walk;
-  const size_t size = file.size();
-  if (size < kMATableOffset + 4) {
+  // Checks are made against the file's size; reads stay inside the bytes held, which reach as
+  // far as the walk goes (MAWalkExtent).
+  const uint64_t size = fileSize;
+  const auto held = [&](uint64_t end) { return end <= file.size(); };
+  if (size < kMATableOffset + 4 || !held(kMATableOffset + 4)) {
     walk.end = MAWalk::kStepFailed;
     return walk;
   }
@@ -74,7 +87,7 @@ MAWalk WalkMAGroup(std::span<const unsigned char> file) {
 
   for (size_t pos = kMATableOffset;; pos += kMAEntrySize) {
     if (pos != kMATableOffset && static_cast<int64_t>(pos) >= tableEnd) break;
-    if (pos + kEntryType + 1 > size) {
+    if (pos + kEntryType + 1 > size || !held(pos + kEntryType + 1)) {
       walk.end = MAWalk::kStepFailed;
       break;
     }
@@ -84,7 +97,7 @@ MAWalk WalkMAGroup(std::span<const unsigned char> file) {
       continue;
     }
     // A member is read with the offset field that follows it (its block end).
-    if (pos + kMAEntrySize + 4 > size) {
+    if (pos + kMAEntrySize + 4 > size || !held(pos + kMAEntrySize + 4)) {
       walk.end = MAWalk::kMemberUnreadable;
       break;
     }
@@ -135,19 +148,28 @@ LayoutResult ParseMASingleFile(std::span<const unsigned char> file, MASingleFile
   return LayoutResult::Ok();
 }
 
-std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
-                                             const MAEntryFields& fields,
-                                             std::span<const unsigned char> data) {
-  std::vector<unsigned char> out(kMAOneEntryDataOffset + data.size());
+std::vector<unsigned char> BuildMASingleFileHeader(std::string_view signature,
+                                                   const NameField& folder,
+                                                   const MAEntryFields& fields,
+                                                   uint32_t dataLength) {
+  std::vector<unsigned char> out(kMAOneEntryDataOffset);
   Writer w(out);
   w.Put(PaddedField<kMASignatureSize>(signature));
   w.Put(folder);
   w.Take(kMACommentSize);  // zero bytes
   w.Put16(1);
   WriteEntry(w.Take(kMAEntrySize), kMAOneEntryDataOffset, fields);
-  w.Put32(static_cast<uint32_t>(out.size()));
+  w.Put32(kMAOneEntryDataOffset + dataLength);
   w.Put(kMASingleFileMarker);
-  w.Put(data);
+  return out;
+}
+
+std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
+                                             const MAEntryFields& fields,
+                                             std::span<const unsigned char> data) {
+  std::vector<unsigned char> out = BuildMASingleFileHeader(
+      signature, folder, fields, static_cast<uint32_t>(data.size()));
+  out.insert(out.end(), data.begin(), data.end());
   return out;
 }
 

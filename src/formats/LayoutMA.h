@@ -86,6 +86,12 @@ struct MAWalk {
 // of the table in a well-formed file; folder entries set the current folder. No members when
 // the first data offset lies beyond the file. Never reads outside `file`.
 MAWalk WalkMAGroup(std::span<const unsigned char> file);
+// The same walk over the first bytes of a file of `fileSize` bytes: `head` holds at least the
+// MAWalkExtent(head, fileSize) bytes the walk reads, so the table is read without the data.
+MAWalk WalkMAGroup(std::span<const unsigned char> head, uint64_t fileSize);
+// How many leading bytes of the file the walk reads, from the first 64 bytes (or all of a
+// shorter file): the table up to the first data offset, never more than the file.
+uint64_t MAWalkExtent(std::span<const unsigned char> first64, uint64_t fileSize);
 
 // The member's data block; nullopt when it does not lie wholly inside the file.
 std::optional<std::span<const unsigned char>> MABlock(std::span<const unsigned char> file,
@@ -111,6 +117,12 @@ struct MASingleFile {
 // field. Fails when the file is shorter than 0x52 or the size field is below 0x52 or beyond the
 // end of the file.
 LayoutResult ParseMASingleFile(std::span<const unsigned char> file, MASingleFile& out);
+
+// The 0x52 bytes that precede the data of a single-variable file holding `dataLength` bytes.
+std::vector<unsigned char> BuildMASingleFileHeader(std::string_view signature,
+                                                   const NameField& folder,
+                                                   const MAEntryFields& fields,
+                                                   uint32_t dataLength);
 
 // A single-variable file: signature padded to 10 bytes, folder, 40 zero bytes, count 1, data
 // offset 0x52, the entry fields, file size 0x52 + data, marker A5 5A, data.
