@@ -365,7 +365,7 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
     case PromptReplace:
     case PromptReplaceAll:
       // A refused delete (the group's only member) leaves both, as the step-by-step add does.
-      if (EditDelete({memberName})) editChanged_ = true;
+      if (EditReplace(memberName)) editChanged_ = true;
       return AddCheck::Insert;
     case PromptSkip:
     case PromptCancel:

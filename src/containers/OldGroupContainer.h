@@ -98,6 +98,8 @@ class OldGroupContainer : public GroupContainer {
   virtual bool EditContains(const std::string& name) const = 0;
   // Deletes in the model with the rules of DeleteMembers; false (model unchanged) on refusal.
   virtual bool EditDelete(const StringList& names) = 0;
+  // Deletes the member `name` that an added file replaces; EditDelete({name}) by default.
+  virtual bool EditReplace(const std::string& name) { return EditDelete({name}); }
   // Runs the checks for one file and inserts what it holds; the per-file result.
   virtual int32_t EditAddFile(const std::string& file, const std::string& destFolder,
                               int32_t& state, AddPromptFn prompt, void* context) = 0;

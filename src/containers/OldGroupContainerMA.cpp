@@ -129,19 +129,39 @@ bool OldGroupContainerMA::BeginEdit() {
 
 void OldGroupContainerMA::IndexModel() {
   names_.clear();
+  where_.clear();
+  folderAt_.clear();
+  liveMembers_ = edit_.MemberCount();
   namesIndexed_ = true;
   typesHaveExtensions_ = ModelTypesHaveExtensions();
-  for (const MAFolder& f : edit_.folders())
-    for (const MAVariable& v : f.members) IndexMember(f.name, v.fields);
+  auto& folders = edit_.folders();
+  for (size_t f = 0; f < folders.size(); ++f) {
+    folderAt_.emplace(ToLower1252(NameFieldText(folders[f].name)), f);
+    for (MAVariable& v : folders[f].members)
+      if (!v.removed) IndexMember(f, v);
+  }
 }
 
-void OldGroupContainerMA::IndexMember(const NameField& folder, const MAEntryFields& fields) {
+void OldGroupContainerMA::IndexMember(size_t folder, MAVariable& member) {
   std::string name;
-  if (!namesIndexed_ || !MemberName(folder, fields, family_, name)) {
+  if (!namesIndexed_ || !MemberName(edit_.folders()[folder].name, member.fields, family_, name)) {
     namesIndexed_ = false;
     return;
   }
-  ++names_[ToLower1252(name)];
+  std::string key = ToLower1252(name);
+  ++names_[key];
+  where_[std::move(key)] = {folder, &member};
+}
+
+size_t OldGroupContainerMA::FindFolder(const std::string& lowerName) const {
+  const auto& folders = edit_.folders();
+  const auto it = folderAt_.find(lowerName);
+  if (it == folderAt_.end()) return folders.size();
+  if (!folders[it->second].Gone()) return it->second;
+  // A folder emptied by a replacement is gone; a later one of the same name may stand.
+  for (size_t at = it->second + 1; at < folders.size(); ++at)
+    if (!folders[at].Gone() && ToLower1252(NameFieldText(folders[at].name)) == lowerName) return at;
+  return folders.size();
 }
 
 int32_t OldGroupContainerMA::EditMemberCount() const {
@@ -156,6 +176,7 @@ bool OldGroupContainerMA::EditContains(const std::string& name) const {
   }
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members) {
+      if (v.removed) continue;
       std::string member;
       if (!MemberName(f.name, v.fields, family_, member)) return false;
       if (EqualsNoCase1252(member, name)) return true;
@@ -170,11 +191,28 @@ bool OldGroupContainerMA::HasExtension(uint8_t type) const {
 bool OldGroupContainerMA::ModelTypesHaveExtensions() const {
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members)
-      if (!HasExtension(v.fields.type)) return false;
+      if (!v.removed && !HasExtension(v.fields.type)) return false;
+  return true;
+}
+
+bool OldGroupContainerMA::EditReplace(const std::string& name) {
+  // The common case, a name held by one member of a group that may lose it, only marks that
+  // member; anything else takes the delete's own path with its checks and diagnostics.
+  const std::string key = ToLower1252(name);
+  const auto count = names_.find(key);
+  const auto at = where_.find(key);
+  if (!namesIndexed_ || !typesHaveExtensions_ || count == names_.end() || count->second != 1 ||
+      at == where_.end() || liveMembers_ < 2)
+    return EditDelete({name});
+  edit_.MarkRemoved(at->second.first, *at->second.second);
+  --liveMembers_;
+  count->second = 0;
+  where_.erase(at);
   return true;
 }
 
 bool OldGroupContainerMA::EditDelete(const StringList& names) {
+  if (edit_.DropRemoved()) IndexModel();
   std::unordered_map<std::string, size_t> wanted;
   for (const std::string& n : names) ++wanted[ToLower1252(n)];
   // Decide first, so that a refusal leaves the model as it was.
@@ -309,8 +347,8 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     target = ToLower1252(target);
     const MAEntryFields fields = cand.variable->fields;
     auto& folders = edit_.folders();
-    size_t at = 0;
-    while (at < folders.size() && ToLower1252(NameFieldText(folders[at].name)) != target) ++at;
+    const size_t at = FindFolder(target);
+    const bool appended = at == folders.size();
     const NameField folderName = at < folders.size() ? folders[at].name : MakeNameField(target);
     const bool inserted = at < folders.size()
                               ? edit_.InsertFirst(at, std::move(*cand.variable))
@@ -320,7 +358,12 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
       return 0;
     }
     editChanged_ = true;
-    IndexMember(folderName, fields);
+    ++liveMembers_;
+    if (appended) {
+      auto [it, fresh] = folderAt_.emplace(ToLower1252(NameFieldText(folderName)), at);
+      if (!fresh && folders[it->second].Gone()) it->second = at;
+    }
+    IndexMember(at, appended ? folders[at].members.back() : folders[at].members.front());
     typesHaveExtensions_ = typesHaveExtensions_ && HasExtension(fields.type);
   }
   return 1;

@@ -29,6 +29,7 @@ class OldGroupContainerMA final : public OldGroupContainer {
   int32_t EditMemberCount() const override;
   bool EditContains(const std::string& name) const override;
   bool EditDelete(const StringList& names) override;
+  bool EditReplace(const std::string& name) override;
   int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
                       AddPromptFn prompt, void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
@@ -41,7 +42,9 @@ class OldGroupContainerMA final : public OldGroupContainer {
   bool HasExtension(uint8_t type) const;
   // Rebuilds the name index and the type check from the model.
   void IndexModel();
-  void IndexMember(const NameField& folder, const MAEntryFields& fields);
+  void IndexMember(size_t folder, MAVariable& member);
+  // The first folder named `lowerName` that is not gone; the folder count when there is none.
+  size_t FindFolder(const std::string& lowerName) const;
 
   std::unique_ptr<DeviceNameTranslator> translator_;
   MAGroup edit_;
@@ -49,6 +52,11 @@ class OldGroupContainerMA final : public OldGroupContainer {
   // thousands of files. Not usable when a name could not be read.
   std::unordered_map<std::string, size_t> names_;
   bool namesIndexed_ = false;
+  // Where the member of each name stands; right for the names counted once in names_.
+  std::unordered_map<std::string, std::pair<size_t, MAVariable*>> where_;
+  // Lower-case folder name -> index of the first folder of that name.
+  std::unordered_map<std::string, size_t> folderAt_;
+  size_t liveMembers_ = 0;  // members of the model, kept as it changes
   bool typesHaveExtensions_ = true;
 };
 

@@ -262,13 +262,13 @@ LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
 size_t MAGroup::MemberCount() const {
   size_t n = 0;
   for (const MAFolder& f : folders_) n += f.members.size();
-  return n;
+  return n - removed_;
 }
 
-size_t MAGroup::EntryCount() const { return folders_.size() + MemberCount(); }
+size_t MAGroup::EntryCount() const { return folders_.size() - gone_ + MemberCount(); }
 
 bool MAGroup::InsertFirst(size_t folder, MAVariable variable) {
-  if (folder >= folders_.size() || folders_[folder].members.size() >= kMaxEntries ||
+  if (folder >= folders_.size() || folders_[folder].Live() >= kMaxEntries ||
       EntryCount() + 1 > kMaxEntries)
     return false;
   folders_[folder].members.push_front(std::move(variable));
@@ -281,6 +281,35 @@ bool MAGroup::AppendFolder(const NameField& name, MAVariable variable) {
   folder.name = name;
   folder.members.push_back(std::move(variable));
   folders_.push_back(std::move(folder));
+  return true;
+}
+
+void MAGroup::MarkRemoved(size_t folder, MAVariable& member) {
+  if (member.removed) return;
+  member.removed = true;
+  ++removed_;
+  MAFolder& f = folders_[folder];
+  ++f.removed;
+  if (f.Gone()) ++gone_;
+  // What the delete does with bytes after the old size: they join the last block left.
+  if (tail_.empty()) return;
+  std::vector<unsigned char>* last = &lead_;
+  for (auto fi = folders_.rbegin(); fi != folders_.rend() && last == &lead_; ++fi)
+    for (auto mi = fi->members.rbegin(); mi != fi->members.rend(); ++mi)
+      if (!mi->removed) {
+        last = &mi->data;
+        break;
+      }
+  last->insert(last->end(), tail_.begin(), tail_.end());
+  tail_.clear();
+}
+
+bool MAGroup::DropRemoved() {
+  if (removed_ == 0) return false;
+  removed_ = 0;
+  gone_ = 0;
+  RemoveMembersIf([](const MAFolder&, const MAVariable& m) { return m.removed; });
+  for (MAFolder& f : folders_) f.removed = 0;
   return true;
 }
 
@@ -301,8 +330,9 @@ bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
   const size_t dataStart = kMATableOffset + kMAEntrySize * count + 6;
   uint64_t fileSize = dataStart + lead_.size();
   for (const MAFolder& f : folders_) {
-    if (f.members.size() > kMaxEntries) return false;
-    for (const MAVariable& m : f.members) fileSize += m.data.size();
+    if (f.Live() > kMaxEntries) return false;
+    for (const MAVariable& m : f.members)
+      if (!m.removed) fileSize += m.data.size();
   }
   if (fileSize > UINT32_MAX) return false;
 
@@ -316,13 +346,15 @@ bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
   // empty folder the next folder's data, or the file size when nothing follows.
   uint32_t at = static_cast<uint32_t>(dataStart + lead_.size());
   for (const MAFolder& f : folders_) {
+    if (f.Gone()) continue;
     MAEntryFields entry;
     entry.name = f.name;
     entry.type = kMAFolderType;
     entry.attribute = f.attribute;
-    WriteLE16(entry.extra.data(), static_cast<uint16_t>(f.members.size()));
+    WriteLE16(entry.extra.data(), static_cast<uint16_t>(f.Live()));
     WriteEntry(w.Take(kMAEntrySize), at, entry);
     for (const MAVariable& m : f.members) {
+      if (m.removed) continue;
       WriteEntry(w.Take(kMAEntrySize), at, m.fields);
       at += static_cast<uint32_t>(m.data.size());
     }
@@ -331,7 +363,8 @@ bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
   w.Put(marker_);
   w.Put(lead_);
   for (const MAFolder& f : folders_)
-    for (const MAVariable& m : f.members) w.Put(m.data);
+    for (const MAVariable& m : f.members)
+      if (!m.removed) w.Put(m.data);
   w.Put(tail_);
   return true;
 }

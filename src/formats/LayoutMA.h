@@ -135,12 +135,18 @@ std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const N
 struct MAVariable {
   MAEntryFields fields;
   std::vector<unsigned char> data;
+  bool removed = false;  // marked by MarkRemoved: neither counted nor written
 };
 
 struct MAFolder {
   NameField name{};
   uint8_t attribute = 0;
-  std::deque<MAVariable> members;  // the member count field is written from this
+  std::deque<MAVariable> members;  // the member count field is written from the unmarked ones
+  size_t removed = 0;              // members marked removed
+
+  size_t Live() const { return members.size() - removed; }
+  // Had members and has none left unmarked: gone, as a delete drops it.
+  bool Gone() const { return !members.empty() && removed == members.size(); }
 };
 
 // A group table with its data, parsed so that adding and deleting happen in memory and the file
@@ -170,8 +176,16 @@ class MAGroup {
   // Appends a folder (type 0x1F, attribute 0) holding the one variable, at the end of the table
   // with its data at the end of the data. False when the entry count would overflow.
   bool AppendFolder(const NameField& name, MAVariable variable);
+  // Marks one member of folder `folder` as deleted, with the outcome of dropping it through
+  // RemoveMembersIf, but without touching any other member: a replacement costs O(1).
+  void MarkRemoved(size_t folder, MAVariable& member);
+  // Drops the marked members (and the folders gone with them) for good; the bytes written stay
+  // the same.
+  // True when there were any.
+  bool DropRemoved();
   // Drops every member for which drop(folder, member) is true, and every folder that had members
-  // and has none left. Returns the number of members dropped.
+  // and has none left. Returns the number of members dropped. Marked members must be dropped
+  // first (DropRemoved).
   template <typename Pred>
   size_t RemoveMembersIf(Pred&& drop);
 
@@ -180,6 +194,9 @@ class MAGroup {
 
  private:
   void AfterRemoval(size_t dropped);
+
+  size_t removed_ = 0;  // members marked removed, in all folders
+  size_t gone_ = 0;     // folders gone with them
 
   MASignatureField signature_{};
   NameField defaultFolder_{};
