@@ -338,14 +338,7 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.
-  if (editChanged_ || writeAlways) {
-    std::vector<unsigned char> bytes;
-    if (!SerializeEdit(bytes)) {
-      diag::Record("too-large", path_, "the members would not fit the group's layout");
-      return 0;
-    }
-    if (!CommitBytes(bytes)) return 0;
-  }
+  if ((editChanged_ || writeAlways) && !CommitEdit()) return 0;
   if (result != 0 && !leftOut_.empty()) RecordFilesLeftOut(path_, leftOut_);
   return result;
 }
@@ -382,12 +375,16 @@ int32_t OldGroupContainer::DeleteMembers(const StringList& names) {
     diag::Record("cannot-delete", path_, "the members named cannot be deleted");
     return 0;
   }
+  return CommitEdit() ? 1 : 0;
+}
+
+bool OldGroupContainer::CommitEdit() {
   std::vector<unsigned char> bytes;
   if (!SerializeEdit(bytes)) {
     diag::Record("too-large", path_, "the members would not fit the group's layout");
-    return 0;
+    return false;
   }
-  return CommitBytes(bytes) ? 1 : 0;
+  return CommitBytes(bytes);
 }
 
 }  // namespace qx

@@ -105,6 +105,9 @@ class OldGroupContainer : public GroupContainer {
                               int32_t& state, AddPromptFn prompt, void* context) = 0;
   // The model's bytes; false when they would not fit the layout's fields.
   virtual bool SerializeEdit(std::vector<unsigned char>& out) const = 0;
+  // Writes the model in place of the group (SerializeEdit, then CommitBytes); false with a
+  // diagnostic, the group unchanged.
+  virtual bool CommitEdit();
 
   enum class AddCheck { Insert, Skip, Refuse };
   // The checks shared by both layouts for a variable of family `fileFamily` named `memberName`:

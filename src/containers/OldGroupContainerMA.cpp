@@ -9,6 +9,7 @@
 #include "formats/MemberNames.h"
 #include "platform/Diagnostic.h"
 #include "platform/StreamCopy.h"
+#include "platform/TempFile.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -112,19 +113,59 @@ std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string&
 // ---- Changing --------------------------------------------------------------------------------
 
 bool OldGroupContainerMA::BeginEdit() {
-  std::vector<unsigned char> file;
-  if (!ReadForEdit(file)) {
-    diag::Record("cannot-read", path_, "cannot be read");
-    return false;
-  }
   edit_ = MAGroup{};
-  const LayoutResult parsed = MAGroup::Parse(file, edit_);
+  source_ = fs::File();
+  LayoutResult parsed;
+  if (seed_) {
+    std::vector<unsigned char> file;
+    ReadForEdit(file);
+    parsed = MAGroup::Parse(file, edit_);
+  } else {
+    // The header and table only: the members' data stay in the file until the rewrite copies
+    // them across.
+    source_ = fs::File::OpenRead(path_);
+    const uint64_t size = source_.Size();
+    std::vector<unsigned char> head(static_cast<size_t>(std::min<uint64_t>(size, kMATableOffset)));
+    bool read = source_.IsOpen() && source_.Read(head.data(), head.size()) == head.size();
+    if (read) {
+      head.resize(static_cast<size_t>(MAGroup::TableExtent(head, size)));
+      const size_t rest = head.size() - std::min<size_t>(head.size(), kMATableOffset);
+      read = rest == 0 || source_.Read(head.data() + kMATableOffset, rest) == rest;
+    }
+    if (!read) {
+      diag::Record("cannot-read", path_, "cannot be read");
+      return false;
+    }
+    const MAGroup::ReadFn readAt = [this](uint64_t at, size_t n, std::vector<unsigned char>& into) {
+      into.resize(n);
+      return source_.Seek(at) && source_.Read(into.data(), n) == n;
+    };
+    parsed = MAGroup::ParseTable(head, size, readAt, edit_);
+  }
   if (!parsed) {
     RecordLayoutFailure(parsed, path_);
     return false;
   }
   IndexModel();
   return true;
+}
+
+bool OldGroupContainerMA::CommitEdit() {
+  fs::TempFile tmp(path_);
+  if (!tmp.IsOpen()) return false;  // the temporary file said why
+  switch (edit_.WriteTo(tmp.file(), source_.IsOpen() ? &source_ : nullptr)) {
+    case MAGroup::WriteEnd::kDone: return tmp.Keep();
+    case MAGroup::WriteEnd::kTooLarge:
+      diag::Record("too-large", path_, "the members would not fit the group's layout");
+      return false;
+    case MAGroup::WriteEnd::kShortRead:
+      diag::Record("damaged", path_,
+                   "the group file shrank while it was rewritten (the old file stays as it was)");
+      return false;
+    case MAGroup::WriteEnd::kWriteFailed: break;
+  }
+  diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
+  return false;
 }
 
 void OldGroupContainerMA::IndexModel() {

@@ -33,6 +33,8 @@ class OldGroupContainerMA final : public OldGroupContainer {
   int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
                       AddPromptFn prompt, void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
+  // Streams the members left in the group file from it to the new file.
+  bool CommitEdit() override;
 
   // "folder.name.ext" for a variable of `family`; false when the translator gives no name.
   bool MemberName(const NameField& folder, const MAEntryFields& fields, std::string_view family,
@@ -48,6 +50,7 @@ class OldGroupContainerMA final : public OldGroupContainer {
 
   std::unique_ptr<DeviceNameTranslator> translator_;
   MAGroup edit_;
+  fs::File source_;  // the group file the model's data is left in, while a change runs
   // Lower-case member names of the model, so that duplicate checks stay cheap as a call adds
   // thousands of files. Not usable when a name could not be read.
   std::unordered_map<std::string, size_t> names_;

@@ -22,6 +22,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -29,6 +30,7 @@
 
 #include "formats/LayoutResult.h"
 #include "formats/NameField.h"
+#include "platform/fs.h"
 
 namespace qx {
 
@@ -134,8 +136,12 @@ std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const N
 
 struct MAVariable {
   MAEntryFields fields;
-  std::vector<unsigned char> data;
-  bool removed = false;  // marked by MarkRemoved: neither counted nor written
+  std::vector<unsigned char> data;  // held in memory; follows the bytes left in the group file
+  bool removed = false;             // marked by MarkRemoved: neither counted nor written
+  uint64_t sourceAt = 0;            // where the bytes left in the group file start
+  uint32_t sourceLength = 0;        // how many there are (0 for data held whole)
+
+  uint64_t Size() const { return sourceLength + data.size(); }
 };
 
 struct MAFolder {
@@ -164,6 +170,14 @@ class MAGroup {
   // by their members, member data offsets that go backwards or leave [table end, file size],
   // and a file size field past the end of the file.
   static LayoutResult Parse(std::span<const unsigned char> file, MAGroup& out);
+  // The same, from the first MATableExtent bytes of a file of `fileSize` bytes: the members'
+  // data stay in the file (copied by WriteTo); the few bytes outside any block are read through
+  // `read(offset, length, into)`.
+  using ReadFn = std::function<bool(uint64_t, size_t, std::vector<unsigned char>&)>;
+  static LayoutResult ParseTable(std::span<const unsigned char> head, uint64_t fileSize,
+                                 const ReadFn& read, MAGroup& out);
+  // How many leading bytes ParseTable needs, from the first 60 (or all of a shorter file).
+  static uint64_t TableExtent(std::span<const unsigned char> first60, uint64_t fileSize);
 
   std::vector<MAFolder>& folders() { return folders_; }
   const std::vector<MAFolder>& folders() const { return folders_; }
@@ -189,11 +203,21 @@ class MAGroup {
   template <typename Pred>
   size_t RemoveMembersIf(Pred&& drop);
 
-  // The whole file. False when it would not fit the 16- and 32-bit fields.
+  // The whole file. False when it would not fit the 16- and 32-bit fields. For a group parsed
+  // with Parse (all data in memory).
   bool Serialize(std::vector<unsigned char>& out) const;
+  // Writes the whole file to `out`, copying data left in the group file from `source` in
+  // chunks. kTooLarge when it would not fit the fields; kShortRead when the source no longer
+  // holds the bytes (it shrank); kWriteFailed when `out` did not take them.
+  enum class WriteEnd { kDone, kTooLarge, kShortRead, kWriteFailed };
+  WriteEnd WriteTo(fs::File& out, fs::File* source) const;
 
  private:
   void AfterRemoval(size_t dropped);
+  static LayoutResult ParseFrom(std::span<const unsigned char> head, uint64_t fileSize,
+                                const ReadFn* read, MAGroup& out);
+  // The header, table, file size and marker; false when they would not fit the fields.
+  bool Head(std::vector<unsigned char>& out, uint64_t& fileSize) const;
 
   size_t removed_ = 0;  // members marked removed, in all folders
   size_t gone_ = 0;     // folders gone with them
