@@ -11,6 +11,7 @@
 #include "formats/GroupComment.h"
 #include "platform/Diagnostic.h"
 #include "platform/GroupLock.h"
+#include "platform/ReuseScope.h"
 #include "platform/TempFile.h"
 #include "platform/fs.h"
 
@@ -64,9 +65,10 @@ bool Stamp(const std::string& path, FileStamp& out) {
   return true;
 }
 
+// The listing kept for the current run of ReuseScopes.
 struct ReusedListing {
   std::mutex lock;
-  int scopes = 0;
+  uint64_t run = 0;
   std::string path;
   std::string family;
   FileStamp stamp;
@@ -80,30 +82,18 @@ ReusedListing& Reused() {
 
 }  // namespace
 
-ListingReuseScope::ListingReuseScope() {
-  std::lock_guard<std::mutex> guard(Reused().lock);
-  ++Reused().scopes;
-}
-
-ListingReuseScope::~ListingReuseScope() {
-  ReusedListing& r = Reused();
-  std::lock_guard<std::mutex> guard(r.lock);
-  if (--r.scopes == 0) {
-    r.listing.reset();
-    r.path.clear();
-  }
-}
-
 std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing() {
   ReusedListing& reused = Reused();
   FileStamp stamp;
   bool reusable = false;
   std::shared_ptr<const Listing> listing;
+  const uint64_t run = ReuseScope::Current();
   {
     std::lock_guard<std::mutex> guard(reused.lock);
-    reusable = reused.scopes > 0 && Stamp(path_, stamp);
-    if (reusable && reused.listing && reused.path == path_ && reused.family == family_ &&
-        reused.stamp == stamp)
+    if (reused.run != run) reused.listing.reset();  // kept under an earlier run: let it go
+    reusable = run != 0 && Stamp(path_, stamp);
+    if (reusable && reused.listing && reused.run == run && reused.path == path_ &&
+        reused.family == family_ && reused.stamp == stamp)
       listing = std::static_pointer_cast<const Listing>(reused.listing);
   }
   if (!listing) {
@@ -119,7 +109,8 @@ std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing
     FileStamp after;
     if (reusable && Stamp(path_, after) && after == stamp) {
       std::lock_guard<std::mutex> guard(reused.lock);
-      if (reused.scopes > 0) {
+      {
+        reused.run = run;
         reused.path = path_;
         reused.family = family_;
         reused.stamp = stamp;

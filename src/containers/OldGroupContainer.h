@@ -28,18 +28,6 @@ namespace qx {
 using codepage::EqualsNoCase1252;
 using codepage::ToLower1252;
 
-// While one lives (on any thread), an old-style group listed for one call is kept and served
-// again to the next call on the same file while the file is unchanged (same device, inode, size
-// and modification and change times), so a caller taking many members out one call at a time
-// walks the table once. A program sets one around such a run of calls; nothing is kept outside.
-class ListingReuseScope {
- public:
-  ListingReuseScope();
-  ~ListingReuseScope();
-  ListingReuseScope(const ListingReuseScope&) = delete;
-  ListingReuseScope& operator=(const ListingReuseScope&) = delete;
-};
-
 class OldGroupContainer : public GroupContainer {
  public:
   OldGroupContainer(std::string path, ContainerFactory* factory);
@@ -79,7 +67,7 @@ class OldGroupContainer : public GroupContainer {
   };
 
   // Reads and lists the group, or serves the listing of the same unchanged file again while a
-  // ListingReuseScope lives. Null when the file cannot be read.
+  // ReuseScope lives. Null when the file cannot be read.
   std::shared_ptr<const Listing> ReadListing();
   // Reads what the listing needs and lists it; false when the file cannot be read.
   virtual bool LoadListing(Listing& out) = 0;

@@ -10,6 +10,7 @@
 #include "containers/OldGroupBytes.h"
 #include "containers/OldGroupContainerMA.h"
 #include "platform/Diagnostic.h"
+#include "platform/ReuseScope.h"
 #include "support/ScopedRegistry.h"
 #include "support/TempDir.h"
 
@@ -135,7 +136,7 @@ TEST_F(OldGroupStreamingTest, MembersPastTheEndFailCleanly) {
 TEST_F(OldGroupStreamingTest, ReusedListingFollowsChanges) {
   const std::string group = dir_.Write("g.mag", GroupFile({{"main", {{"A", "aaaa"}, {"B", "bb"}}}}));
   const std::string add = dir_.Write("c.map", SingleFile("main", {"C", "ccc"}));
-  const ListingReuseScope reuse;
+  const ReuseScope reuse;
   OldGroupContainerMA container(group, nullptr);
   EXPECT_EQ(container.ContainsMember("main.C.map"), 0);
   ASSERT_EQ(container.AddMembers({add}, "", nullptr, nullptr, nullptr), 1);

@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <memory>
 
-#include "containers/OldGroupContainer.h"
 #include "platform/CommaList.h"
+#include "platform/ReuseScope.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
@@ -132,7 +132,7 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
   RequireFolder(dest);
   for (const std::string& m : members) CheckRepresentable(m, "member name");
   // One walk of an old-style group's table serves every member while the group is unchanged.
-  const ListingReuseScope reuse;
+  const ReuseScope reuse;
   for (const std::string& m : members) {
     const Bstr g = ToBstr(group), name = ToBstr(m), d = ToBstr(dest);
     const HRESULT hr = move ? Session()->ExtractFile(g.get(), name.get(), d.get())
