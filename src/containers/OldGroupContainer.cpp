@@ -2,12 +2,16 @@
 
 #include <cerrno>
 #include <cstring>
+#include <mutex>
+
+#include <sys/stat.h>
 
 #include "containers/ContentsXml.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
 #include "platform/Diagnostic.h"
 #include "platform/GroupLock.h"
+#include "platform/ReuseScope.h"
 #include "platform/TempFile.h"
 #include "platform/fs.h"
 
@@ -37,18 +41,88 @@ int32_t OldGroupContainer::SetPath(const std::string& path) {
   return 1;
 }
 
-bool OldGroupContainer::ReadListing(Listing& out) {
-  out = Listing{};
-  if (!fs::ReadWholeFile(path_, out.file)) {
-    diag::Record("cannot-read", path_, "cannot be read");
-    return false;
+namespace {
+
+// What identifies a file's contents well enough to serve its listing again.
+struct FileStamp {
+  dev_t device = 0;
+  ino_t inode = 0;
+  off_t size = 0;
+  timespec modified{};
+  timespec changed{};
+
+  bool operator==(const FileStamp& o) const {
+    return device == o.device && inode == o.inode && size == o.size &&
+           modified.tv_sec == o.modified.tv_sec && modified.tv_nsec == o.modified.tv_nsec &&
+           changed.tv_sec == o.changed.tv_sec && changed.tv_nsec == o.changed.tv_nsec;
   }
-  ListBytes(out);
-  if (out.count == 0) diag::Record("no-members", path_, "the group lists no member");
-  else if (!out.namesComplete)
-    diag::Record("unreadable-name", path_,
-                 "member " + std::to_string(out.names.size() + 1) + " has no readable name");
+};
+
+bool Stamp(const std::string& path, FileStamp& out) {
+  struct stat st {};
+  if (::stat(fs::ToNative(path).c_str(), &st) != 0) return false;
+  out = {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
   return true;
+}
+
+// The listing kept for the current run of ReuseScopes.
+struct ReusedListing {
+  std::mutex lock;
+  uint64_t run = 0;
+  std::string path;
+  std::string family;
+  FileStamp stamp;
+  std::shared_ptr<const void> listing;
+};
+
+ReusedListing& Reused() {
+  static ReusedListing reused;
+  return reused;
+}
+
+}  // namespace
+
+std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing() {
+  ReusedListing& reused = Reused();
+  FileStamp stamp;
+  bool reusable = false;
+  std::shared_ptr<const Listing> listing;
+  const uint64_t run = ReuseScope::Current();
+  {
+    std::lock_guard<std::mutex> guard(reused.lock);
+    if (reused.run != run) reused.listing.reset();  // kept under an earlier run: let it go
+    reusable = run != 0 && Stamp(path_, stamp);
+    if (reusable && reused.listing && reused.run == run && reused.path == path_ &&
+        reused.family == family_ && reused.stamp == stamp)
+      listing = std::static_pointer_cast<const Listing>(reused.listing);
+  }
+  if (!listing) {
+    auto fresh = std::make_shared<Listing>();
+    if (!LoadListing(*fresh)) {
+      diag::Record("cannot-read", path_, "cannot be read");
+      return nullptr;
+    }
+    for (size_t i = 0; i < fresh->names.size(); ++i)
+      fresh->index.emplace(ToLower1252(fresh->names[i]), i);
+    listing = fresh;
+    // Kept only when the file was not changed while it was read.
+    FileStamp after;
+    if (reusable && Stamp(path_, after) && after == stamp) {
+      std::lock_guard<std::mutex> guard(reused.lock);
+      {
+        reused.run = run;
+        reused.path = path_;
+        reused.family = family_;
+        reused.stamp = stamp;
+        reused.listing = listing;
+      }
+    }
+  }
+  if (listing->count == 0) diag::Record("no-members", path_, "the group lists no member");
+  else if (!listing->namesComplete)
+    diag::Record("unreadable-name", path_,
+                 "member " + std::to_string(listing->names.size() + 1) + " has no readable name");
+  return listing;
 }
 
 void OldGroupContainer::RecordRefusal(const std::string& file, std::string_view fileFamily) const {
@@ -66,10 +140,29 @@ void OldGroupContainer::RecordRefusal(const std::string& file, std::string_view 
 
 bool OldGroupContainer::FindMember(const Listing& listing, const std::string& name,
                                    size_t& index) const {
-  for (index = 0; index < listing.names.size(); ++index)
-    if (EqualsNoCase1252(listing.names[index], name)) return true;
+  const auto it = listing.index.find(ToLower1252(name));
+  if (it != listing.index.end()) {
+    index = it->second;
+    return true;
+  }
   diag::Record("no-member", name, "no such member in " + path_);
   return false;
+}
+
+void OldGroupContainer::DiscardPartial(fs::File& out, const std::string& outPath) {
+  const int error = errno;
+  out.Close();
+  fs::DeleteFile(outPath);
+  errno = error;
+}
+
+void OldGroupContainer::RecordUnreadableMember(const Listing& listing, size_t index,
+                                               const std::string& outPath) const {
+  fs::DeleteFile(outPath);
+  diag::Record("damaged", path_,
+               "the data of member " + std::to_string(index + 1) +
+                   " lies past the end of the file (" + std::to_string(listing.fileSize) +
+                   " bytes when listed), or the file shrank while it was read");
 }
 
 bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
@@ -92,65 +185,63 @@ bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
 // ---- Finding and listing -------------------------------------------------------------------------
 
 int32_t OldGroupContainer::ContainsMember(const std::string& name) {
-  Listing listing;
-  if (!ReadListing(listing)) return 0;
-  for (const std::string& member : listing.names)
-    if (EqualsNoCase1252(member, name)) return 1;
-  return 0;
+  const auto listing = ReadListing();
+  if (!listing) return 0;
+  return listing->index.count(ToLower1252(name)) != 0 ? 1 : 0;
 }
 
 int32_t OldGroupContainer::GetMemberName(int32_t index, std::string& name) {
   name.clear();
-  Listing listing;
-  if (index < 0 || !ReadListing(listing)) return 0;
-  if (static_cast<size_t>(index) >= listing.names.size()) return 0;
-  name = listing.names[static_cast<size_t>(index)];
+  if (index < 0) return 0;
+  const auto listing = ReadListing();
+  if (!listing || static_cast<size_t>(index) >= listing->names.size()) return 0;
+  name = listing->names[static_cast<size_t>(index)];
   return 1;
 }
 
 int32_t OldGroupContainer::GetMemberCount() {
-  Listing listing;
-  if (!ReadListing(listing) || listing.count == 0) return -1;
-  return static_cast<int32_t>(listing.count);
+  const auto listing = ReadListing();
+  if (!listing || listing->count == 0) return -1;
+  return static_cast<int32_t>(listing->count);
 }
 
 int32_t OldGroupContainer::ListMembers(StringList& names) {
-  Listing listing;
-  if (!ReadListing(listing) || listing.count == 0) return -1;
-  names.insert(names.end(), listing.names.begin(), listing.names.end());
-  return listing.namesComplete ? 1 : 0;
+  const auto listing = ReadListing();
+  if (!listing || listing->count == 0) return -1;
+  names.insert(names.end(), listing->names.begin(), listing->names.end());
+  return listing->namesComplete ? 1 : 0;
 }
 
 int32_t OldGroupContainer::WriteContentsXml(std::string& xml, int32_t, std::string) {
-  Listing listing;
-  ReadListing(listing);
+  static const Listing kNone;
+  auto listing = ReadListing();
+  const Listing& l = listing ? *listing : kNone;
   std::vector<ListedMember> members;
-  members.reserve(listing.names.size());
-  for (size_t i = 0; i < listing.names.size(); ++i)
-    members.push_back({listing.names[i], listing.sizes[i]});
+  members.reserve(l.names.size());
+  for (size_t i = 0; i < l.names.size(); ++i) members.push_back({l.names[i], l.sizes[i]});
   if (!WriteOldStyleListing(GetGroupFileName(), members, xml)) {
     diag::Record("cannot-list", path_, "the contents listing could not be written");
     return 0;
   }
-  return listing.namesComplete ? 1 : 0;
+  return l.namesComplete ? 1 : 0;
 }
 
 // ---- Extracting ----------------------------------------------------------------------------------
 
 int32_t OldGroupContainer::ExtractMember(const std::string& name, const std::string& destFolder) {
-  Listing listing;
-  if (!ReadListing(listing)) return 0;
+  const auto listing = ReadListing();
+  if (!listing) return 0;
   size_t index = 0;
-  if (!FindMember(listing, name, index)) return 0;
-  return WriteMemberFile(listing, index, destFolder) ? 1 : 0;
+  if (!FindMember(*listing, name, index)) return 0;
+  return WriteMemberFile(*listing, index, destFolder) ? 1 : 0;
 }
 
 int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
-  Listing listing;
-  if (!ReadListing(listing) || listing.count == 0) return 0;
-  for (size_t i = 0; i < listing.names.size(); ++i)
-    if (!WriteMemberFile(listing, i, destFolder)) return 0;
-  return listing.namesComplete ? 1 : 0;
+  const auto listing = ReadListing();
+  if (!listing || listing->count == 0) return 0;
+  for (size_t i = 0; i < listing->names.size(); ++i)
+    if (!WriteMemberFile(*listing, i, destFolder)) return 0;
+  return listing->namesComplete ? 1 : 0;
 }
 
 // ---- Creating and adding -------------------------------------------------------------------------
@@ -238,14 +329,7 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.
-  if (editChanged_ || writeAlways) {
-    std::vector<unsigned char> bytes;
-    if (!SerializeEdit(bytes)) {
-      diag::Record("too-large", path_, "the members would not fit the group's layout");
-      return 0;
-    }
-    if (!CommitBytes(bytes)) return 0;
-  }
+  if ((editChanged_ || writeAlways) && !CommitEdit()) return 0;
   if (result != 0 && !leftOut_.empty()) RecordFilesLeftOut(path_, leftOut_);
   return result;
 }
@@ -265,7 +349,7 @@ OldGroupContainer::AddCheck OldGroupContainer::CheckBeforeAdding(
     case PromptReplace:
     case PromptReplaceAll:
       // A refused delete (the group's only member) leaves both, as the step-by-step add does.
-      if (EditDelete({memberName})) editChanged_ = true;
+      if (EditReplace(memberName)) editChanged_ = true;
       return AddCheck::Insert;
     case PromptSkip:
     case PromptCancel:
@@ -282,12 +366,16 @@ int32_t OldGroupContainer::DeleteMembers(const StringList& names) {
     diag::Record("cannot-delete", path_, "the members named cannot be deleted");
     return 0;
   }
+  return CommitEdit() ? 1 : 0;
+}
+
+bool OldGroupContainer::CommitEdit() {
   std::vector<unsigned char> bytes;
   if (!SerializeEdit(bytes)) {
     diag::Record("too-large", path_, "the members would not fit the group's layout");
-    return 0;
+    return false;
   }
-  return CommitBytes(bytes) ? 1 : 0;
+  return CommitBytes(bytes);
 }
 
 }  // namespace qx

@@ -9,13 +9,18 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 #include "containers/GroupContainer.h"
+#include "formats/LayoutKC.h"
+#include "formats/LayoutMA.h"
 #include "platform/codepage.h"
+#include "platform/fs.h"
 
 namespace qx {
 
@@ -46,19 +51,28 @@ class OldGroupContainer : public GroupContainer {
   const std::string& Family() const { return family_; }
 
  protected:
-  // The members as the cursor meets them, read from the group's bytes.
+  // The members as the cursor meets them: what one walk of the group's table gives, kept so
+  // that every member of a call is reached by its place without walking again.
   struct Listing {
-    std::vector<unsigned char> file;
-    size_t count = 0;               // members the cursor reaches
-    StringList names;               // names of the first members, in order
-    std::vector<uint32_t> sizes;    // their sizes, as the contents listing reports them
-    bool namesComplete = true;      // false when a name could not be read (names stop there)
+    std::vector<unsigned char> file;  // the bytes the walk read (KC: the file; MA: unused)
+    uint64_t fileSize = 0;            // the group file's size when it was read
+    size_t count = 0;                 // members the cursor reaches
+    StringList names;                 // names of the first members, in order
+    std::vector<uint32_t> sizes;      // their sizes, as the contents listing reports them
+    bool namesComplete = true;        // false when a name could not be read (names stop there)
+    std::vector<MAMemberView> ma;     // where each member stands, for the layout that read it
+    std::vector<KCEntryView> kc;
+    // Lower-case name -> index of the first member of that name.
+    std::unordered_map<std::string, size_t> index;
   };
 
-  // Reads the group file and lists it. False when the file cannot be read.
-  bool ReadListing(Listing& out);
-  virtual void ListBytes(Listing& out) const = 0;
-  // Writes the index-th member as a single-variable file.
+  // Reads and lists the group, or serves the listing of the same unchanged file again while a
+  // ReuseScope lives. Null when the file cannot be read.
+  std::shared_ptr<const Listing> ReadListing();
+  // Reads what the listing needs and lists it; false when the file cannot be read.
+  virtual bool LoadListing(Listing& out) = 0;
+  // Writes the index-th member as a single-variable file; false with a diagnostic when the
+  // member's bytes cannot be read, and then no file is left at `outPath`.
   virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
@@ -72,11 +86,16 @@ class OldGroupContainer : public GroupContainer {
   virtual bool EditContains(const std::string& name) const = 0;
   // Deletes in the model with the rules of DeleteMembers; false (model unchanged) on refusal.
   virtual bool EditDelete(const StringList& names) = 0;
+  // Deletes the member `name` that an added file replaces; EditDelete({name}) by default.
+  virtual bool EditReplace(const std::string& name) { return EditDelete({name}); }
   // Runs the checks for one file and inserts what it holds; the per-file result.
   virtual int32_t EditAddFile(const std::string& file, const std::string& destFolder,
                               int32_t& state, AddPromptFn prompt, void* context) = 0;
   // The model's bytes; false when they would not fit the layout's fields.
   virtual bool SerializeEdit(std::vector<unsigned char>& out) const = 0;
+  // Writes the model in place of the group (SerializeEdit, then CommitBytes); false with a
+  // diagnostic, the group unchanged.
+  virtual bool CommitEdit();
 
   enum class AddCheck { Insert, Skip, Refuse };
   // The checks shared by both layouts for a variable of family `fileFamily` named `memberName`:
@@ -93,6 +112,12 @@ class OldGroupContainer : public GroupContainer {
   // The index of the member named `name` (without regard to case); false, with the diagnostic
   // "no-member", when there is none.
   bool FindMember(const Listing& listing, const std::string& name, size_t& index) const;
+  // The index-th member's bytes in the group could not be read back (the table points past the
+  // end of the file, or the file shrank meanwhile); removes a part-written `outPath`.
+  // Closes and removes a member file whose writing failed, keeping errno for the diagnostic.
+  static void DiscardPartial(fs::File& out, const std::string& outPath);
+  void RecordUnreadableMember(const Listing& listing, size_t index,
+                              const std::string& outPath) const;
   // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
   bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
 

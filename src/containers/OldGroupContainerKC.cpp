@@ -22,30 +22,43 @@ OldGroupContainerKC::OldGroupContainerKC(std::string path, ContainerFactory* fac
 
 int32_t OldGroupContainerKC::IsValid() {
   if (!TakesKCGroups(family_)) return 0;
-  std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return 0;
-  if (KCSectionHoldsMoreThanFirstEntry(file)) return 1;
+  // The group test looks at the header and the first entry's length fields only.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return 0;
+  unsigned char head[kKCDataOffset + 4] = {};
+  const size_t n = f.Read(head, sizeof head);
+  if (KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char>(head, n), f.Size())) return 1;
   return HasKCGroupExtension(path_) ? 1 : 0;
 }
 
-void OldGroupContainerKC::ListBytes(Listing& out) const {
-  const KCWalk walk = WalkKCGroup(out.file, family_);
+bool OldGroupContainerKC::LoadListing(Listing& out) {
+  // The data section is the table: its entries are walked in place.
+  if (!fs::ReadWholeFile(path_, out.file)) return false;
+  out.fileSize = out.file.size();
+  KCWalk walk = WalkKCGroup(out.file, family_);
   out.count = walk.entries.size();
   for (const KCEntryView& e : walk.entries) {
     out.names.push_back(MemberFileNameKC(e.name, e.type, family_));
     out.sizes.push_back(static_cast<uint16_t>(e.Size()));
   }
+  out.kc = std::move(walk.entries);
+  return true;
 }
 
 bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index,
                                       const std::string& outPath) {
-  const KCWalk walk = WalkKCGroup(listing.file, family_);
-  if (index >= walk.entries.size()) return false;
-  const auto entry = KCEntryBytes(listing.file, walk.entries[index]);
-  if (!entry) return false;
+  if (index >= listing.kc.size()) return false;
+  const auto entry = KCEntryBytes(listing.file, listing.kc[index]);
+  if (!entry) {
+    RecordUnreadableMember(listing, index, std::string());
+    return false;
+  }
   const std::vector<unsigned char> bytes = BuildKCSingleFile(family_, *entry);
   fs::File out = fs::File::CreateWrite(outPath);
-  return out.IsOpen() && out.Write(bytes.data(), bytes.size()) && out.Close();
+  if (!out.IsOpen()) return false;
+  if (out.Write(bytes.data(), bytes.size()) && out.Close()) return true;
+  DiscardPartial(out, outPath);
+  return false;
 }
 
 std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string& comment) const {

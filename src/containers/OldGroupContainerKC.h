@@ -17,7 +17,7 @@ class OldGroupContainerKC final : public OldGroupContainer {
   int32_t IsValid() override;
 
  private:
-  void ListBytes(Listing& out) const override;
+  bool LoadListing(Listing& out) override;
   bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) override;
   std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
 

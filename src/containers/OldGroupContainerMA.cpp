@@ -1,11 +1,15 @@
 #include "containers/OldGroupContainerMA.h"
 
+#include <algorithm>
+#include <cstdint>
 #include <optional>
 #include <unordered_map>
 
 #include "formats/DeviceFamily.h"
 #include "formats/MemberNames.h"
 #include "platform/Diagnostic.h"
+#include "platform/StreamCopy.h"
+#include "platform/TempFile.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -29,9 +33,12 @@ OldGroupContainerMA::~OldGroupContainerMA() = default;
 
 int32_t OldGroupContainerMA::IsValid() {
   if (!TakesMAGroups(family_)) return 0;
-  std::vector<unsigned char> file;
-  if (!fs::ReadWholeFile(path_, file)) return 0;
-  return MAIsGroup(file).value_or(false) ? 1 : 0;
+  // The group test looks at the header only.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return 0;
+  unsigned char head[kMAFolderOffset + 1] = {};
+  const size_t n = f.Read(head, sizeof head);
+  return MAIsGroup(std::span<const unsigned char>(head, n)).value_or(false) ? 1 : 0;
 }
 
 bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryFields& fields,
@@ -43,30 +50,58 @@ bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryField
   return true;
 }
 
-void OldGroupContainerMA::ListBytes(Listing& out) const {
-  const MAWalk walk = WalkMAGroup(out.file);
+bool OldGroupContainerMA::LoadListing(Listing& out) {
+  // The header and the table, not the data: members are read when they are taken out.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return false;
+  out.fileSize = f.Size();
+  std::vector<unsigned char> head(static_cast<size_t>(std::min<uint64_t>(out.fileSize, kMATableOffset + 4)));
+  if (f.Read(head.data(), head.size()) != head.size()) return false;
+  const uint64_t extent = MAWalkExtent(head, out.fileSize);
+  if (extent > SIZE_MAX) return false;
+  head.resize(static_cast<size_t>(std::max<uint64_t>(extent, head.size())));
+  const size_t rest = head.size() - std::min<size_t>(head.size(), kMATableOffset + 4);
+  if (rest > 0 && f.Read(head.data() + kMATableOffset + 4, rest) != rest) return false;
+  MAWalk walk = WalkMAGroup(head, out.fileSize);
   out.count = walk.members.size();
   for (const MAMemberView& m : walk.members) {
     std::string name;
     if (!MemberName(m.folder, m.fields, family_, name)) {
       out.namesComplete = false;
-      return;
+      break;
     }
     out.names.push_back(std::move(name));
     out.sizes.push_back(m.BlockLength());
   }
+  out.ma = std::move(walk.members);
+  return true;
 }
 
 bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
                                       const std::string& outPath) {
-  const MAWalk walk = WalkMAGroup(listing.file);
-  if (index >= walk.members.size()) return false;
-  const MAMemberView& m = walk.members[index];
-  const auto block = MABlock(listing.file, m);
-  if (!block) return false;
-  const std::vector<unsigned char> bytes = BuildMASingleFile(family_, m.folder, m.fields, *block);
+  if (index >= listing.ma.size()) return false;
+  const MAMemberView& m = listing.ma[index];
+  // Checked before the file is made, so a table pointing past the end leaves nothing behind.
+  if (m.blockEnd < m.dataOffset || m.blockEnd > listing.fileSize) {
+    RecordUnreadableMember(listing, index, std::string());
+    return false;
+  }
+  fs::File in = fs::File::OpenRead(path_);
+  if (!in.IsOpen()) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
+  const std::vector<unsigned char> header =
+      BuildMASingleFileHeader(family_, m.folder, m.fields, m.BlockLength());
   fs::File out = fs::File::CreateWrite(outPath);
-  return out.IsOpen() && out.Write(bytes.data(), bytes.size()) && out.Close();
+  if (!out.IsOpen()) return false;
+  const fs::CopyEnd end = out.Write(header.data(), header.size())
+                              ? fs::CopyRange(in, m.dataOffset, m.BlockLength(), out)
+                              : fs::CopyEnd::kWriteFailed;
+  if (end == fs::CopyEnd::kDone && out.Close()) return true;
+  DiscardPartial(out, outPath);
+  if (end == fs::CopyEnd::kShortRead) RecordUnreadableMember(listing, index, outPath);
+  return false;
 }
 
 std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string& comment) const {
@@ -78,13 +113,35 @@ std::vector<unsigned char> OldGroupContainerMA::NewGroupBytes(const std::string&
 // ---- Changing --------------------------------------------------------------------------------
 
 bool OldGroupContainerMA::BeginEdit() {
-  std::vector<unsigned char> file;
-  if (!ReadForEdit(file)) {
-    diag::Record("cannot-read", path_, "cannot be read");
-    return false;
-  }
   edit_ = MAGroup{};
-  const LayoutResult parsed = MAGroup::Parse(file, edit_);
+  source_ = fs::File();
+  LayoutResult parsed;
+  if (seed_) {
+    std::vector<unsigned char> file;
+    ReadForEdit(file);
+    parsed = MAGroup::Parse(file, edit_);
+  } else {
+    // The header and table only: the members' data stay in the file until the rewrite copies
+    // them across.
+    source_ = fs::File::OpenRead(path_);
+    const uint64_t size = source_.Size();
+    std::vector<unsigned char> head(static_cast<size_t>(std::min<uint64_t>(size, kMATableOffset)));
+    bool read = source_.IsOpen() && source_.Read(head.data(), head.size()) == head.size();
+    if (read) {
+      head.resize(static_cast<size_t>(MAGroup::TableExtent(head, size)));
+      const size_t rest = head.size() - std::min<size_t>(head.size(), kMATableOffset);
+      read = rest == 0 || source_.Read(head.data() + kMATableOffset, rest) == rest;
+    }
+    if (!read) {
+      diag::Record("cannot-read", path_, "cannot be read");
+      return false;
+    }
+    const MAGroup::ReadFn readAt = [this](uint64_t at, size_t n, std::vector<unsigned char>& into) {
+      into.resize(n);
+      return source_.Seek(at) && source_.Read(into.data(), n) == n;
+    };
+    parsed = MAGroup::ParseTable(head, size, readAt, edit_);
+  }
   if (!parsed) {
     RecordLayoutFailure(parsed, path_);
     return false;
@@ -93,21 +150,59 @@ bool OldGroupContainerMA::BeginEdit() {
   return true;
 }
 
-void OldGroupContainerMA::IndexModel() {
-  names_.clear();
-  namesIndexed_ = true;
-  typesHaveExtensions_ = ModelTypesHaveExtensions();
-  for (const MAFolder& f : edit_.folders())
-    for (const MAVariable& v : f.members) IndexMember(f.name, v.fields);
+bool OldGroupContainerMA::CommitEdit() {
+  fs::TempFile tmp(path_);
+  if (!tmp.IsOpen()) return false;  // the temporary file said why
+  switch (edit_.WriteTo(tmp.file(), source_.IsOpen() ? &source_ : nullptr)) {
+    case MAGroup::WriteEnd::kDone: return tmp.Keep();
+    case MAGroup::WriteEnd::kTooLarge:
+      diag::Record("too-large", path_, "the members would not fit the group's layout");
+      return false;
+    case MAGroup::WriteEnd::kShortRead:
+      diag::Record("damaged", path_,
+                   "the group file shrank while it was rewritten (the old file stays as it was)");
+      return false;
+    case MAGroup::WriteEnd::kWriteFailed: break;
+  }
+  diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
+  return false;
 }
 
-void OldGroupContainerMA::IndexMember(const NameField& folder, const MAEntryFields& fields) {
+void OldGroupContainerMA::IndexModel() {
+  names_.clear();
+  where_.clear();
+  folderAt_.clear();
+  liveMembers_ = edit_.MemberCount();
+  namesIndexed_ = true;
+  typesHaveExtensions_ = ModelTypesHaveExtensions();
+  auto& folders = edit_.folders();
+  for (size_t f = 0; f < folders.size(); ++f) {
+    folderAt_.emplace(ToLower1252(NameFieldText(folders[f].name)), f);
+    for (MAVariable& v : folders[f].members)
+      if (!v.removed) IndexMember(f, v);
+  }
+}
+
+void OldGroupContainerMA::IndexMember(size_t folder, MAVariable& member) {
   std::string name;
-  if (!namesIndexed_ || !MemberName(folder, fields, family_, name)) {
+  if (!namesIndexed_ || !MemberName(edit_.folders()[folder].name, member.fields, family_, name)) {
     namesIndexed_ = false;
     return;
   }
-  ++names_[ToLower1252(name)];
+  std::string key = ToLower1252(name);
+  ++names_[key];
+  where_[std::move(key)] = {folder, &member};
+}
+
+size_t OldGroupContainerMA::FindFolder(const std::string& lowerName) const {
+  const auto& folders = edit_.folders();
+  const auto it = folderAt_.find(lowerName);
+  if (it == folderAt_.end()) return folders.size();
+  if (!folders[it->second].Gone()) return it->second;
+  // A folder emptied by a replacement is gone; a later one of the same name may stand.
+  for (size_t at = it->second + 1; at < folders.size(); ++at)
+    if (!folders[at].Gone() && ToLower1252(NameFieldText(folders[at].name)) == lowerName) return at;
+  return folders.size();
 }
 
 int32_t OldGroupContainerMA::EditMemberCount() const {
@@ -122,6 +217,7 @@ bool OldGroupContainerMA::EditContains(const std::string& name) const {
   }
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members) {
+      if (v.removed) continue;
       std::string member;
       if (!MemberName(f.name, v.fields, family_, member)) return false;
       if (EqualsNoCase1252(member, name)) return true;
@@ -136,11 +232,28 @@ bool OldGroupContainerMA::HasExtension(uint8_t type) const {
 bool OldGroupContainerMA::ModelTypesHaveExtensions() const {
   for (const MAFolder& f : edit_.folders())
     for (const MAVariable& v : f.members)
-      if (!HasExtension(v.fields.type)) return false;
+      if (!v.removed && !HasExtension(v.fields.type)) return false;
+  return true;
+}
+
+bool OldGroupContainerMA::EditReplace(const std::string& name) {
+  // The common case, a name held by one member of a group that may lose it, only marks that
+  // member; anything else takes the delete's own path with its checks and diagnostics.
+  const std::string key = ToLower1252(name);
+  const auto count = names_.find(key);
+  const auto at = where_.find(key);
+  if (!namesIndexed_ || !typesHaveExtensions_ || count == names_.end() || count->second != 1 ||
+      at == where_.end() || liveMembers_ < 2)
+    return EditDelete({name});
+  edit_.MarkRemoved(at->second.first, *at->second.second);
+  --liveMembers_;
+  count->second = 0;
+  where_.erase(at);
   return true;
 }
 
 bool OldGroupContainerMA::EditDelete(const StringList& names) {
+  if (edit_.DropRemoved()) IndexModel();
   std::unordered_map<std::string, size_t> wanted;
   for (const std::string& n : names) ++wanted[ToLower1252(n)];
   // Decide first, so that a refusal leaves the model as it was.
@@ -275,8 +388,8 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
     target = ToLower1252(target);
     const MAEntryFields fields = cand.variable->fields;
     auto& folders = edit_.folders();
-    size_t at = 0;
-    while (at < folders.size() && ToLower1252(NameFieldText(folders[at].name)) != target) ++at;
+    const size_t at = FindFolder(target);
+    const bool appended = at == folders.size();
     const NameField folderName = at < folders.size() ? folders[at].name : MakeNameField(target);
     const bool inserted = at < folders.size()
                               ? edit_.InsertFirst(at, std::move(*cand.variable))
@@ -286,7 +399,12 @@ int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::str
       return 0;
     }
     editChanged_ = true;
-    IndexMember(folderName, fields);
+    ++liveMembers_;
+    if (appended) {
+      auto [it, fresh] = folderAt_.emplace(ToLower1252(NameFieldText(folderName)), at);
+      if (!fresh && folders[it->second].Gone()) it->second = at;
+    }
+    IndexMember(at, appended ? folders[at].members.back() : folders[at].members.front());
     typesHaveExtensions_ = typesHaveExtensions_ && HasExtension(fields.type);
   }
   return 1;

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <vector>
 
 #include "platform/ByteOrder.h"
 #include "platform/Diagnostic.h"
+#include "platform/StreamCopy.h"
 #include "formats/DeviceFamily.h"
 
 namespace qx {
@@ -78,15 +78,18 @@ HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::
     if (!std::equal(kSigFlash.begin(), kSigFlash.end(), header.begin()))
       return stop("no flash signature");
 
-    // Checked against what is left before anything is allocated: a damaged length must not
-    // turn into a huge allocation.
+    // Checked against what is left before anything is written: a damaged length must not
+    // leave a file that the record cannot fill.
     const uint32_t dataLength = ReadLE32(&header[kFlashDataLengthAt]);
-    if (dataLength > fileSize - flash.Tell()) return stop("data length past the end of the file");
-    data.resize(dataLength);
-    if (flash.Read(data.data(), data.size()) != data.size()) return stop("data cut short");
+    const uint64_t dataAt = flash.Tell();
+    if (dataLength > fileSize - dataAt) return stop("data length past the end of the file");
+    const uint64_t next = dataAt + dataLength;
 
     const uint8_t kind = header[kFlashKindAt];
-    if (kind == kFlashKindSkipped) continue;
+    if (kind == kFlashKindSkipped) {
+      if (!flash.Seek(next)) return stop("data cut short");
+      continue;
+    }
 
     // The name never reaches past the header, whatever its length byte says.
     const size_t nameLength =
@@ -105,11 +108,18 @@ HRESULT ExpandFlashRecords(fs::File& flash, const std::string& destFolder, std::
       diag::Record("cannot-write", outPath, "cannot be created");
       return kCannotCreate;
     }
+    // The data goes across in chunks, so memory stays small whatever the record's size. A
+    // source that ends early (cut short, or shrunk meanwhile) leaves no part-written file.
+    out.Write(header.data(), header.size());
+    if (fs::CopyRange(flash, dataAt, dataLength, out) == fs::CopyEnd::kShortRead) {
+      out.Close();
+      fs::DeleteFile(outPath);
+      return stop("data cut short");
+    }
+    out.Close();
     outFiles += outPath;
     outFiles += ',';
-    out.Write(header.data(), header.size());
-    out.Write(data.data(), data.size());
-    out.Close();
+    if (!flash.Seek(next)) return stop("data cut short");
   }
   return S_OK;
 }

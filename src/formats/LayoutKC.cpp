@@ -82,9 +82,13 @@ uint32_t KCDataLength(std::span<const unsigned char> file) {
 }
 
 bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> file) {
-  if (file.size() < kKCDataOffset + 4) return false;
-  const uint32_t h = ReadLE16(&file[kKCDataOffset]), x = ReadLE16(&file[kKCDataOffset + 2]);
-  return KCDataLength(file) > h + x + 4;
+  return KCSectionHoldsMoreThanFirstEntry(file, file.size());
+}
+
+bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> head, uint64_t fileSize) {
+  if (fileSize < kKCDataOffset + 4 || head.size() < kKCDataOffset + 4) return false;
+  const uint32_t h = ReadLE16(&head[kKCDataOffset]), x = ReadLE16(&head[kKCDataOffset + 2]);
+  return KCEffectiveDataLength(ReadLE16(&head[kKCDataLengthOffset]), fileSize) > h + x + 4;
 }
 
 // ---- Reading ---------------------------------------------------------------------------------

@@ -50,6 +50,8 @@ uint32_t KCDataLength(std::span<const unsigned char> file);
 // holds more than its first entry (data length > h + x + 4, with h and x the 16-bit fields at 55
 // and 57). False when the file is too short to hold them.
 bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> file);
+// The same test from the file's first 59 bytes (or fewer) and its size.
+bool KCSectionHoldsMoreThanFirstEntry(std::span<const unsigned char> head, uint64_t fileSize);
 
 // ---- Reading ---------------------------------------------------------------------------------
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/ByteOrder.h"
+#include "platform/StreamCopy.h"
 
 namespace qx {
 
@@ -59,10 +60,23 @@ class Writer {
 
 // ---- Reading ---------------------------------------------------------------------------------
 
-MAWalk WalkMAGroup(std::span<const unsigned char> file) {
+MAWalk WalkMAGroup(std::span<const unsigned char> file) { return WalkMAGroup(file, file.size()); }
+
+uint64_t MAWalkExtent(std::span<const unsigned char> first64, uint64_t fileSize) {
+  if (fileSize < kMATableOffset + 4 || first64.size() < kMATableOffset + 4) return fileSize;
+  const uint64_t firstDataOffset = ReadLE32(&first64[kMATableOffset]);
+  // The last entry the walk reads starts before the first data offset (or is the first one),
+  // and is read with the 4-byte offset field after it.
+  return std::min(fileSize, std::max<uint64_t>(firstDataOffset, kMATableOffset + 4) + kMAEntrySize + 4);
+}
+
+MAWalk WalkMAGroup(std::span<const unsigned char> file, uint64_t fileSize) {
   MAWalk walk;
-  const size_t size = file.size();
-  if (size < kMATableOffset + 4) {
+  // Checks are made against the file's size; reads stay inside the bytes held, which reach as
+  // far as the walk goes (MAWalkExtent).
+  const uint64_t size = fileSize;
+  const auto held = [&](uint64_t end) { return end <= file.size(); };
+  if (size < kMATableOffset + 4 || !held(kMATableOffset + 4)) {
     walk.end = MAWalk::kStepFailed;
     return walk;
   }
@@ -74,7 +88,7 @@ MAWalk WalkMAGroup(std::span<const unsigned char> file) {
 
   for (size_t pos = kMATableOffset;; pos += kMAEntrySize) {
     if (pos != kMATableOffset && static_cast<int64_t>(pos) >= tableEnd) break;
-    if (pos + kEntryType + 1 > size) {
+    if (pos + kEntryType + 1 > size || !held(pos + kEntryType + 1)) {
       walk.end = MAWalk::kStepFailed;
       break;
     }
@@ -84,7 +98,7 @@ MAWalk WalkMAGroup(std::span<const unsigned char> file) {
       continue;
     }
     // A member is read with the offset field that follows it (its block end).
-    if (pos + kMAEntrySize + 4 > size) {
+    if (pos + kMAEntrySize + 4 > size || !held(pos + kMAEntrySize + 4)) {
       walk.end = MAWalk::kMemberUnreadable;
       break;
     }
@@ -135,19 +149,28 @@ LayoutResult ParseMASingleFile(std::span<const unsigned char> file, MASingleFile
   return LayoutResult::Ok();
 }
 
-std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
-                                             const MAEntryFields& fields,
-                                             std::span<const unsigned char> data) {
-  std::vector<unsigned char> out(kMAOneEntryDataOffset + data.size());
+std::vector<unsigned char> BuildMASingleFileHeader(std::string_view signature,
+                                                   const NameField& folder,
+                                                   const MAEntryFields& fields,
+                                                   uint32_t dataLength) {
+  std::vector<unsigned char> out(kMAOneEntryDataOffset);
   Writer w(out);
   w.Put(PaddedField<kMASignatureSize>(signature));
   w.Put(folder);
   w.Take(kMACommentSize);  // zero bytes
   w.Put16(1);
   WriteEntry(w.Take(kMAEntrySize), kMAOneEntryDataOffset, fields);
-  w.Put32(static_cast<uint32_t>(out.size()));
+  w.Put32(kMAOneEntryDataOffset + dataLength);
   w.Put(kMASingleFileMarker);
-  w.Put(data);
+  return out;
+}
+
+std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
+                                             const MAEntryFields& fields,
+                                             std::span<const unsigned char> data) {
+  std::vector<unsigned char> out = BuildMASingleFileHeader(
+      signature, folder, fields, static_cast<uint32_t>(data.size()));
+  out.insert(out.end(), data.begin(), data.end());
   return out;
 }
 
@@ -165,8 +188,26 @@ MAGroup MAGroup::NewEmpty(std::string_view signature, std::string_view comment) 
 }
 
 LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
+  return ParseFrom(file, file.size(), nullptr, out);
+}
+
+LayoutResult MAGroup::ParseTable(std::span<const unsigned char> head, uint64_t fileSize,
+                                 const ReadFn& read, MAGroup& out) {
+  return ParseFrom(head, fileSize, &read, out);
+}
+
+uint64_t MAGroup::TableExtent(std::span<const unsigned char> first60, uint64_t fileSize) {
+  if (first60.size() < kMATableOffset) return std::min<uint64_t>(fileSize, kMATableOffset);
+  const uint64_t dataStart = kMATableOffset + kMAEntrySize * ReadLE16(&first60[kMACountOffset]) + 6;
+  return std::min(fileSize, dataStart);
+}
+
+// Reads the table from `file` (all of it, or with `read`, the first TableExtent bytes): checks
+// are made against `fileSize`.
+LayoutResult MAGroup::ParseFrom(std::span<const unsigned char> file, uint64_t fileSize,
+                                const ReadFn* read, MAGroup& out) {
   using R = LayoutResult;
-  const size_t size = file.size();
+  const uint64_t size = fileSize;
   if (size < kMATableOffset) return R::Fail(R::kTruncated, size, "shorter than a group header");
   MAGroup g;
   std::memcpy(g.signature_.data(), file.data(), kMASignatureSize);
@@ -178,8 +219,8 @@ LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
   const size_t tableEnd = kMATableOffset + kMAEntrySize * count;
   const size_t dataStart = tableEnd + 6;
   if (dataStart > size) return R::Fail(R::kTruncated, tableEnd, "entry table beyond the end of the file");
-  const uint32_t fileSize = ReadLE32(&file[tableEnd]);
-  if (fileSize > size) return R::Fail(R::kBadOffset, tableEnd, "file size field beyond the end of the file");
+  const uint32_t fileSize32 = ReadLE32(&file[tableEnd]);
+  if (fileSize32 > size) return R::Fail(R::kBadOffset, tableEnd, "file size field beyond the end of the file");
   g.marker_ = {file[tableEnd + 4], file[tableEnd + 5]};
 
   // Folders, each followed by its members; member data offsets in order within the data area.
@@ -212,7 +253,7 @@ LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
 
   uint32_t previous = static_cast<uint32_t>(dataStart);
   for (size_t k = 0; k <= offsets.size(); ++k) {
-    const uint32_t at = k < offsets.size() ? offsets[k] : fileSize;
+    const uint32_t at = k < offsets.size() ? offsets[k] : fileSize32;
     if (at < previous)
       return R::Fail(R::kBadOffset, k < offsets.size() ? entryAt[k] : tableEnd,
                      k < offsets.size() ? "member data offset out of order or inside the table"
@@ -220,19 +261,31 @@ LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
     previous = at;
   }
 
-  const auto bytes = [&](size_t from, size_t to) {
-    return std::vector<unsigned char>(file.begin() + static_cast<ptrdiff_t>(from),
-                                      file.begin() + static_cast<ptrdiff_t>(to));
+  if (dataStart > file.size()) return R::Fail(R::kTruncated, file.size(), "table not read");
+  bool readable = true;
+  const auto bytes = [&](uint64_t from, uint64_t to) {
+    std::vector<unsigned char> v;
+    if (read == nullptr)
+      v.assign(file.begin() + static_cast<ptrdiff_t>(from), file.begin() + static_cast<ptrdiff_t>(to));
+    else if (to > from && !(*read)(from, static_cast<size_t>(to - from), v))
+      readable = false;
+    return v;
   };
-  g.lead_ = bytes(dataStart, offsets.empty() ? fileSize : offsets.front());
+  g.lead_ = bytes(dataStart, offsets.empty() ? fileSize32 : offsets.front());
   size_t k = 0;
   for (MAFolder& f : g.folders_)
     for (MAVariable& m : f.members) {
-      const uint32_t end = k + 1 < offsets.size() ? offsets[k + 1] : fileSize;
-      m.data = bytes(offsets[k], end);
+      const uint32_t end = k + 1 < offsets.size() ? offsets[k + 1] : fileSize32;
+      if (read == nullptr) {
+        m.data = bytes(offsets[k], end);
+      } else {
+        m.sourceAt = offsets[k];
+        m.sourceLength = end - offsets[k];
+      }
       ++k;
     }
-  g.tail_ = bytes(fileSize, size);
+  g.tail_ = bytes(fileSize32, size);
+  if (!readable) return R::Fail(R::kTruncated, size, "bytes outside the blocks cannot be read");
   out = std::move(g);
   return R::Ok();
 }
@@ -240,13 +293,13 @@ LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
 size_t MAGroup::MemberCount() const {
   size_t n = 0;
   for (const MAFolder& f : folders_) n += f.members.size();
-  return n;
+  return n - removed_;
 }
 
-size_t MAGroup::EntryCount() const { return folders_.size() + MemberCount(); }
+size_t MAGroup::EntryCount() const { return folders_.size() - gone_ + MemberCount(); }
 
 bool MAGroup::InsertFirst(size_t folder, MAVariable variable) {
-  if (folder >= folders_.size() || folders_[folder].members.size() >= kMaxEntries ||
+  if (folder >= folders_.size() || folders_[folder].Live() >= kMaxEntries ||
       EntryCount() + 1 > kMaxEntries)
     return false;
   folders_[folder].members.push_front(std::move(variable));
@@ -262,6 +315,35 @@ bool MAGroup::AppendFolder(const NameField& name, MAVariable variable) {
   return true;
 }
 
+void MAGroup::MarkRemoved(size_t folder, MAVariable& member) {
+  if (member.removed) return;
+  member.removed = true;
+  ++removed_;
+  MAFolder& f = folders_[folder];
+  ++f.removed;
+  if (f.Gone()) ++gone_;
+  // What the delete does with bytes after the old size: they join the last block left.
+  if (tail_.empty()) return;
+  std::vector<unsigned char>* last = &lead_;
+  for (auto fi = folders_.rbegin(); fi != folders_.rend() && last == &lead_; ++fi)
+    for (auto mi = fi->members.rbegin(); mi != fi->members.rend(); ++mi)
+      if (!mi->removed) {
+        last = &mi->data;
+        break;
+      }
+  last->insert(last->end(), tail_.begin(), tail_.end());
+  tail_.clear();
+}
+
+bool MAGroup::DropRemoved() {
+  if (removed_ == 0) return false;
+  removed_ = 0;
+  gone_ = 0;
+  RemoveMembersIf([](const MAFolder&, const MAVariable& m) { return m.removed; });
+  for (MAFolder& f : folders_) f.removed = 0;
+  return true;
+}
+
 void MAGroup::AfterRemoval(size_t dropped) {
   // A delete writes the real file length into the size field, so bytes that stood after the
   // old size become part of the last block.
@@ -273,18 +355,19 @@ void MAGroup::AfterRemoval(size_t dropped) {
   tail_.clear();
 }
 
-bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
+bool MAGroup::Head(std::vector<unsigned char>& out, uint64_t& fileSize) const {
   const size_t count = EntryCount();
   if (count > kMaxEntries) return false;
   const size_t dataStart = kMATableOffset + kMAEntrySize * count + 6;
-  uint64_t fileSize = dataStart + lead_.size();
+  fileSize = dataStart + lead_.size();
   for (const MAFolder& f : folders_) {
-    if (f.members.size() > kMaxEntries) return false;
-    for (const MAVariable& m : f.members) fileSize += m.data.size();
+    if (f.Live() > kMaxEntries) return false;
+    for (const MAVariable& m : f.members)
+      if (!m.removed) fileSize += m.Size();
   }
   if (fileSize > UINT32_MAX) return false;
 
-  out.assign(static_cast<size_t>(fileSize) + tail_.size(), 0);
+  out.assign(dataStart, 0);
   Writer w(out);
   w.Put(signature_);
   w.Put(defaultFolder_);
@@ -294,24 +377,56 @@ bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
   // empty folder the next folder's data, or the file size when nothing follows.
   uint32_t at = static_cast<uint32_t>(dataStart + lead_.size());
   for (const MAFolder& f : folders_) {
+    if (f.Gone()) continue;
     MAEntryFields entry;
     entry.name = f.name;
     entry.type = kMAFolderType;
     entry.attribute = f.attribute;
-    WriteLE16(entry.extra.data(), static_cast<uint16_t>(f.members.size()));
+    WriteLE16(entry.extra.data(), static_cast<uint16_t>(f.Live()));
     WriteEntry(w.Take(kMAEntrySize), at, entry);
     for (const MAVariable& m : f.members) {
+      if (m.removed) continue;
       WriteEntry(w.Take(kMAEntrySize), at, m.fields);
-      at += static_cast<uint32_t>(m.data.size());
+      at += static_cast<uint32_t>(m.Size());
     }
   }
   w.Put32(static_cast<uint32_t>(fileSize));
   w.Put(marker_);
-  w.Put(lead_);
-  for (const MAFolder& f : folders_)
-    for (const MAVariable& m : f.members) w.Put(m.data);
-  w.Put(tail_);
   return true;
+}
+
+bool MAGroup::Serialize(std::vector<unsigned char>& out) const {
+  uint64_t fileSize = 0;
+  if (!Head(out, fileSize)) return false;
+  out.reserve(static_cast<size_t>(fileSize) + tail_.size());
+  out.insert(out.end(), lead_.begin(), lead_.end());
+  for (const MAFolder& f : folders_)
+    for (const MAVariable& m : f.members)
+      if (!m.removed) out.insert(out.end(), m.data.begin(), m.data.end());
+  out.insert(out.end(), tail_.begin(), tail_.end());
+  return true;
+}
+
+MAGroup::WriteEnd MAGroup::WriteTo(fs::File& out, fs::File* source) const {
+  std::vector<unsigned char> head;
+  uint64_t fileSize = 0;
+  if (!Head(head, fileSize)) return WriteEnd::kTooLarge;
+  const auto put = [&](const std::vector<unsigned char>& bytes) { return out.Write(bytes.data(), bytes.size()); };
+  if (!put(head) || !put(lead_)) return WriteEnd::kWriteFailed;
+  for (const MAFolder& f : folders_)
+    for (const MAVariable& m : f.members) {
+      if (m.removed) continue;
+      if (m.sourceLength > 0) {
+        if (source == nullptr) return WriteEnd::kShortRead;
+        switch (fs::CopyRange(*source, m.sourceAt, m.sourceLength, out)) {
+          case fs::CopyEnd::kDone: break;
+          case fs::CopyEnd::kShortRead: return WriteEnd::kShortRead;
+          case fs::CopyEnd::kWriteFailed: return WriteEnd::kWriteFailed;
+        }
+      }
+      if (!put(m.data)) return WriteEnd::kWriteFailed;
+    }
+  return put(tail_) ? WriteEnd::kDone : WriteEnd::kWriteFailed;
 }
 
 }  // namespace qx

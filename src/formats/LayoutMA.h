@@ -22,6 +22,7 @@
 #include <array>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <optional>
 #include <span>
 #include <string_view>
@@ -29,6 +30,7 @@
 
 #include "formats/LayoutResult.h"
 #include "formats/NameField.h"
+#include "platform/fs.h"
 
 namespace qx {
 
@@ -86,6 +88,12 @@ struct MAWalk {
 // of the table in a well-formed file; folder entries set the current folder. No members when
 // the first data offset lies beyond the file. Never reads outside `file`.
 MAWalk WalkMAGroup(std::span<const unsigned char> file);
+// The same walk over the first bytes of a file of `fileSize` bytes: `head` holds at least the
+// MAWalkExtent(head, fileSize) bytes the walk reads, so the table is read without the data.
+MAWalk WalkMAGroup(std::span<const unsigned char> head, uint64_t fileSize);
+// How many leading bytes of the file the walk reads, from the first 64 bytes (or all of a
+// shorter file): the table up to the first data offset, never more than the file.
+uint64_t MAWalkExtent(std::span<const unsigned char> first64, uint64_t fileSize);
 
 // The member's data block; nullopt when it does not lie wholly inside the file.
 std::optional<std::span<const unsigned char>> MABlock(std::span<const unsigned char> file,
@@ -112,6 +120,12 @@ struct MASingleFile {
 // end of the file.
 LayoutResult ParseMASingleFile(std::span<const unsigned char> file, MASingleFile& out);
 
+// The 0x52 bytes that precede the data of a single-variable file holding `dataLength` bytes.
+std::vector<unsigned char> BuildMASingleFileHeader(std::string_view signature,
+                                                   const NameField& folder,
+                                                   const MAEntryFields& fields,
+                                                   uint32_t dataLength);
+
 // A single-variable file: signature padded to 10 bytes, folder, 40 zero bytes, count 1, data
 // offset 0x52, the entry fields, file size 0x52 + data, marker A5 5A, data.
 std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const NameField& folder,
@@ -122,13 +136,23 @@ std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const N
 
 struct MAVariable {
   MAEntryFields fields;
-  std::vector<unsigned char> data;
+  std::vector<unsigned char> data;  // held in memory; follows the bytes left in the group file
+  bool removed = false;             // marked by MarkRemoved: neither counted nor written
+  uint64_t sourceAt = 0;            // where the bytes left in the group file start
+  uint32_t sourceLength = 0;        // how many there are (0 for data held whole)
+
+  uint64_t Size() const { return sourceLength + data.size(); }
 };
 
 struct MAFolder {
   NameField name{};
   uint8_t attribute = 0;
-  std::deque<MAVariable> members;  // the member count field is written from this
+  std::deque<MAVariable> members;  // the member count field is written from the unmarked ones
+  size_t removed = 0;              // members marked removed
+
+  size_t Live() const { return members.size() - removed; }
+  // Had members and has none left unmarked: gone, as a delete drops it.
+  bool Gone() const { return !members.empty() && removed == members.size(); }
 };
 
 // A group table with its data, parsed so that adding and deleting happen in memory and the file
@@ -146,6 +170,14 @@ class MAGroup {
   // by their members, member data offsets that go backwards or leave [table end, file size],
   // and a file size field past the end of the file.
   static LayoutResult Parse(std::span<const unsigned char> file, MAGroup& out);
+  // The same, from the first MATableExtent bytes of a file of `fileSize` bytes: the members'
+  // data stay in the file (copied by WriteTo); the few bytes outside any block are read through
+  // `read(offset, length, into)`.
+  using ReadFn = std::function<bool(uint64_t, size_t, std::vector<unsigned char>&)>;
+  static LayoutResult ParseTable(std::span<const unsigned char> head, uint64_t fileSize,
+                                 const ReadFn& read, MAGroup& out);
+  // How many leading bytes ParseTable needs, from the first 60 (or all of a shorter file).
+  static uint64_t TableExtent(std::span<const unsigned char> first60, uint64_t fileSize);
 
   std::vector<MAFolder>& folders() { return folders_; }
   const std::vector<MAFolder>& folders() const { return folders_; }
@@ -158,16 +190,37 @@ class MAGroup {
   // Appends a folder (type 0x1F, attribute 0) holding the one variable, at the end of the table
   // with its data at the end of the data. False when the entry count would overflow.
   bool AppendFolder(const NameField& name, MAVariable variable);
+  // Marks one member of folder `folder` as deleted, with the outcome of dropping it through
+  // RemoveMembersIf, but without touching any other member: a replacement costs O(1).
+  void MarkRemoved(size_t folder, MAVariable& member);
+  // Drops the marked members (and the folders gone with them) for good; the bytes written stay
+  // the same.
+  // True when there were any.
+  bool DropRemoved();
   // Drops every member for which drop(folder, member) is true, and every folder that had members
-  // and has none left. Returns the number of members dropped.
+  // and has none left. Returns the number of members dropped. Marked members must be dropped
+  // first (DropRemoved).
   template <typename Pred>
   size_t RemoveMembersIf(Pred&& drop);
 
-  // The whole file. False when it would not fit the 16- and 32-bit fields.
+  // The whole file. False when it would not fit the 16- and 32-bit fields. For a group parsed
+  // with Parse (all data in memory).
   bool Serialize(std::vector<unsigned char>& out) const;
+  // Writes the whole file to `out`, copying data left in the group file from `source` in
+  // chunks. kTooLarge when it would not fit the fields; kShortRead when the source no longer
+  // holds the bytes (it shrank); kWriteFailed when `out` did not take them.
+  enum class WriteEnd { kDone, kTooLarge, kShortRead, kWriteFailed };
+  WriteEnd WriteTo(fs::File& out, fs::File* source) const;
 
  private:
   void AfterRemoval(size_t dropped);
+  static LayoutResult ParseFrom(std::span<const unsigned char> head, uint64_t fileSize,
+                                const ReadFn* read, MAGroup& out);
+  // The header, table, file size and marker; false when they would not fit the fields.
+  bool Head(std::vector<unsigned char>& out, uint64_t& fileSize) const;
+
+  size_t removed_ = 0;  // members marked removed, in all folders
+  size_t gone_ = 0;     // folders gone with them
 
   MASignatureField signature_{};
   NameField defaultFolder_{};

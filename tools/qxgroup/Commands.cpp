@@ -8,6 +8,7 @@
 #include <memory>
 
 #include "platform/CommaList.h"
+#include "platform/ReuseScope.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
@@ -130,6 +131,8 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
   CheckRepresentable(group, "group file name");
   RequireFolder(dest);
   for (const std::string& m : members) CheckRepresentable(m, "member name");
+  // One walk of an old-style group's table serves every member while the group is unchanged.
+  const ReuseScope reuse;
   for (const std::string& m : members) {
     const Bstr g = ToBstr(group), name = ToBstr(m), d = ToBstr(dest);
     const HRESULT hr = move ? Session()->ExtractFile(g.get(), name.get(), d.get())
