@@ -1,0 +1,103 @@
+#include "qxgroup/Checks.h"
+
+#include <fnmatch.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "formats/DeviceFamily.h"
+#include "formats/GroupKind.h"
+#include "platform/CommaList.h"
+#include "platform/codepage.h"
+#include "qxgroup/Automation.h"
+
+namespace qx::cli {
+
+std::vector<std::string> ListMembers(const std::string& group) {
+  Bstr names;
+  if (FAILED(Session()->ReadContents(ToBstr(group).get(), names.receive())))
+    FailWithReason("cannot list " + group);
+  return SplitCommaList(FromBstr(names.get()));
+}
+
+namespace {
+
+std::string Lower(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+std::string MemberPath(std::string name) {
+  std::replace(name.begin(), name.end(), '/', '\\');
+  return name;
+}
+
+}  // namespace
+
+MemberSelection SelectMembers(const std::vector<std::string>& members,
+                              const std::vector<std::string>& patterns) {
+  std::vector<bool> chosen(members.size(), false);
+  MemberSelection s;
+  for (const std::string& p : patterns) {
+    const std::string want = MemberPath(p);
+    const bool wild = want.find_first_of("*?[") != std::string::npos;
+    bool any = false;
+    for (size_t i = 0; i < members.size(); ++i) {
+      const bool hit = wild ? ::fnmatch(want.c_str(), members[i].c_str(),
+                                        FNM_NOESCAPE | FNM_CASEFOLD) == 0
+                            : Lower(want) == Lower(members[i]);
+      if (hit) chosen[i] = any = true;
+    }
+    if (!any) s.missing.push_back(p);
+  }
+  for (size_t i = 0; i < members.size(); ++i)
+    if (chosen[i]) s.found.push_back(members[i]);
+  return s;
+}
+
+namespace {
+
+std::string Extension(const std::string& path) {
+  const size_t slash = path.find_last_of('/');
+  const size_t dot = path.find_last_of('.');
+  if (dot == std::string::npos || (slash != std::string::npos && dot < slash)) return "";
+  return Lower(path.substr(dot));
+}
+
+}  // namespace
+
+void CheckCreate(const std::string& group, const std::vector<std::string>& files, bool force) {
+  const std::string ext = Extension(group);
+  const std::string first = DetectFileSignature(codepage::Utf8ToAnsi(files.front()));
+  const FamilyInfo* family = FindFamilyBySignature(first);
+  // The component makes a zip-based group for .qxg/.qxp and for files no old-style group holds.
+  if (ext == ".qxg" || ext == ".qxp" || family == nullptr) {
+    if (!force && ext != ".qxg" && ext != ".qxp")
+      throw Failure{group + ": the group made from " + files.front() +
+                    " is zip-based; name it .qxg (or give --force)"};
+    return;
+  }
+  if (!family->hasGroups)
+    throw Failure{files.front() + ": " + std::string(family->name) +
+                  "-family files cannot be put in a group"};
+  for (const std::string& f : files) {
+    const std::string sig = DetectFileSignature(codepage::Utf8ToAnsi(f));
+    const std::string why =
+        sig == kSigFlash   ? "old-style groups cannot hold flash applications"
+        : sig == kSigZip   ? "a zip-based group cannot go into an old-style group"
+        : sig == kSigUnknown ? "not a calculator file"
+        : sig != first && !AreFamiliesCompatible(sig, first)
+            ? "a " + std::string(FindFamilyBySignature(sig)->name) +
+                  "-family file; the group holds " + std::string(family->name) +
+                  "-family files (from " + files.front() + ")"
+            : std::string();
+    if (!why.empty()) throw Failure{f + ": cannot go into " + group + ": " + why};
+  }
+  if (force || family->extensionCode.empty()) return;
+  const std::string fits = "." + std::string(family->extensionCode) + "g";
+  if (ext != fits)
+    throw Failure{group + ": a group of " + std::string(family->name) + "-family files is named " +
+                  fits + " (or give --force to keep this name)"};
+}
+
+}  // namespace qx::cli
