@@ -64,6 +64,19 @@ std::string Extension(const std::string& path) {
   return Lower(path.substr(dot));
 }
 
+// "an MA", "a KDX": as the letters are spoken.
+std::string Article(std::string_view family) {
+  const bool vowelSound = std::string_view("AEFHILMNORSX").find(family.front()) !=
+                          std::string_view::npos;
+  return (vowelSound ? "an " : "a ") + std::string(family);
+}
+
+std::string Kind(const std::string& signature) {
+  if (signature == kSigFlash) return "a flash file";
+  if (signature == kSigZip) return "a zip-based group";
+  return "not a calculator file";
+}
+
 }  // namespace
 
 void CheckCreate(const std::string& group, const std::vector<std::string>& files, bool force) {
@@ -73,8 +86,9 @@ void CheckCreate(const std::string& group, const std::vector<std::string>& files
   // The component makes a zip-based group for .qxg/.qxp and for files no old-style group holds.
   if (ext == ".qxg" || ext == ".qxp" || family == nullptr) {
     if (!force && ext != ".qxg" && ext != ".qxp")
-      throw Failure{group + ": the group made from " + files.front() +
-                    " is zip-based; name it .qxg (or give --force)"};
+      throw Failure{files.front() + ": " + Kind(first) +
+                    ", which only a zip-based group holds: name the group .qxg (or give --force "
+                    "to keep " + group + ")"};
     return;
   }
   if (!family->hasGroups)
@@ -87,7 +101,7 @@ void CheckCreate(const std::string& group, const std::vector<std::string>& files
         : sig == kSigZip   ? "a zip-based group cannot go into an old-style group"
         : sig == kSigUnknown ? "not a calculator file"
         : sig != first && !AreFamiliesCompatible(sig, first)
-            ? "a " + std::string(FindFamilyBySignature(sig)->name) +
+            ? Article(FindFamilyBySignature(sig)->name) +
                   "-family file; the group holds " + std::string(family->name) +
                   "-family files (from " + files.front() + ")"
             : std::string();
@@ -96,8 +110,8 @@ void CheckCreate(const std::string& group, const std::vector<std::string>& files
   if (force || family->extensionCode.empty()) return;
   const std::string fits = "." + std::string(family->extensionCode) + "g";
   if (ext != fits)
-    throw Failure{group + ": a group of " + std::string(family->name) + "-family files is named " +
-                  fits + " (or give --force to keep this name)"};
+    throw Failure{group + ": a group of " + std::string(family->name) +
+                  "-family files is named " + fits + " (or give --force to keep this name)"};
 }
 
 }  // namespace qx::cli

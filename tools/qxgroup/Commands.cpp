@@ -15,6 +15,8 @@
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Checks.h"
+#include "qxgroup/Json.h"
+#include "qxgroup/JsonOutput.h"
 #include "resources/Resources.h"
 
 namespace qx::cli {
@@ -145,6 +147,13 @@ int CmdList(const std::string& group) {
   Bstr names;
   const HRESULT hr = Session()->ReadContents(ToBstr(group).get(), names.receive());
   if (FAILED(hr)) FailWithReason("cannot list " + group);
+  if (Settings().json) {
+    JsonObject doc;
+    doc.AddString("group", group);
+    doc.AddRaw("members", JsonArray(SplitCommaList(FromBstr(names.get()))));
+    PrintJson(doc.Str());
+    return kExitOk;
+  }
   PrintList(FromBstr(names.get()));
   return kExitOk;
 }
@@ -328,10 +337,29 @@ std::pair<std::string, std::string> GroupParts(const std::string& path) {
   return parts;
 }
 
+// "yes"/"no", or {"path":...,"exists":true} with --json.
+void PrintAnswer(const std::string& path, const char* key, bool yes) {
+  if (!Settings().json) {
+    std::printf("%s\n", yes ? "yes" : "no");
+    return;
+  }
+  JsonObject doc;
+  doc.AddString("path", path);
+  doc.AddRaw(key, JsonBool(yes));
+  PrintJson(doc.Str());
+}
+
 }  // namespace
 
 int CmdSplitPath(const std::string& path) {
   const auto [group, inGroup] = GroupParts(path);
+  if (Settings().json) {
+    JsonObject doc;
+    doc.AddString("group", group);
+    doc.AddString("inGroup", inGroup);
+    PrintJson(doc.Str());
+    return kExitOk;
+  }
   std::printf("%s\n%s\n", group.c_str(), inGroup.c_str());
   return kExitOk;
 }
@@ -341,7 +369,7 @@ int CmdIsGroup(const std::string& path) {
   LONG value = 0;
   const HRESULT hr = Session()->get_IsGroup(ToBstr(path).get(), &value);
   if (FAILED(hr)) FailWithReason("cannot tell whether " + path + " is a group");
-  std::printf("%s\n", value ? "yes" : "no");
+  PrintAnswer(path, "isGroup", value != 0);
   return value ? kExitOk : kExitFailed;
 }
 
@@ -354,7 +382,7 @@ int CmdExists(const std::string& path) {
   LONG value = 0;
   Session()->get_DoesPathExist(ToBstr(path).get(), &value);
   TakeErrorDescription();  // the answer is the result
-  std::printf("%s\n", value ? "yes" : "no");
+  PrintAnswer(path, "exists", value != 0);
   return value ? kExitOk : kExitFailed;
 }
 

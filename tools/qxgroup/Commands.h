@@ -13,6 +13,7 @@ namespace qx::cli {
 struct Conventions {
   bool quiet = false;    // -q: no warnings (the exit status still tells)
   bool verbose = false;  // -v: each file handled, on stderr
+  bool json = false;     // --json: one JSON document on stdout, also for a failure
   Overwrite overwrite = Overwrite::Keep;
 };
 Conventions& Settings();

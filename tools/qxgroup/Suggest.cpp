@@ -63,6 +63,7 @@ void CheckOption(const CLI::App& app, const CLI::App* sub, const std::string& ar
 
 std::string Closest(const std::string& word, const std::vector<std::string>& candidates) {
   std::string best;
+  if (word.size() <= 2) return best;  // "-Z" is one letter off every short option
   size_t bestDistance = std::max<size_t>(2, word.size() / 3) + 1;
   for (const std::string& c : candidates) {
     if (word.size() >= 3 && c.compare(0, word.size(), word) == 0) return c;

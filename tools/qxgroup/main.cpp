@@ -2,6 +2,7 @@
 // friendly name; `call` reaches any member by its type-library name; `info` says what a file is.
 #include <CLI/CLI.hpp>
 
+#include <cctype>
 #include <cstdio>
 #include <functional>
 #include <utility>
@@ -12,6 +13,7 @@
 #include "qxgroup/Automation.h"
 #include "qxgroup/CallCommand.h"
 #include "qxgroup/Commands.h"
+#include "qxgroup/Json.h"
 #include "qxgroup/Suggest.h"
 #include "resources/Resources.h"
 
@@ -30,6 +32,7 @@ struct Options {
   bool neverOverwrite = false;
   bool force = false;
   bool pipe = false;
+  bool json = false;
   std::string group;
   std::string file;
   std::string path;
@@ -142,6 +145,7 @@ int main(int argc, char** argv) {
   CLI::App* list = Sub(app, "list", "List the members of a group, one a line",
                        "qxgroup list school.mag");
   list->add_option("group", o.group, "Group file")->required();
+  list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
   commands.emplace_back(list, [&] { return CmdList(o.group); });
 
   CLI::App* xml = Sub(app, "xml", "Print the XML listing of a group",
@@ -185,22 +189,26 @@ int main(int argc, char** argv) {
   CLI::App* split = Sub(app, "split-path", "Cut a path at the group file it runs through",
                         "qxgroup split-path lesson.qxg/unit1/PROG.kdp");
   split->add_option("path", o.path, "Path that may run through a group file")->required();
+  split->add_flag("--json", o.json, "Print {\"group\":...,\"inGroup\":...}");
   commands.emplace_back(split, [&] { return CmdSplitPath(o.path); });
 
   CLI::App* isGroup = Sub(app, "is-group", "Tell whether a path is a group (exit 0) or not (1)",
                           "qxgroup is-group lesson.qxg/sub.qxg && echo group");
   isGroup->add_option("path", o.path, "File, or path through a group")->required();
+  isGroup->add_flag("--json", o.json, "Print {\"path\":...,\"isGroup\":true|false}");
   commands.emplace_back(isGroup, [&] { return CmdIsGroup(o.path); });
 
   CLI::App* exists = Sub(app, "exists", "Tell whether a member exists (exit 0) or not (1)",
                          "qxgroup exists school.mag/main.PROG1.map");
   exists->add_option("path", o.path, "Group file path followed by the member's path")
       ->required();
+  exists->add_flag("--json", o.json, "Print {\"path\":...,\"exists\":true|false}");
   commands.emplace_back(exists, [&] { return CmdExists(o.path); });
 
   CLI::App* info = Sub(app, "info", "Say what files are: device family, layout, group or not",
                        "qxgroup info samples/*");
   info->add_option("files", o.items, "Files to look at")->required();
+  info->add_flag("--json", o.json, "Print {\"files\":[{\"file\":...,\"info\":...}]}");
   commands.emplace_back(info, [&] { return CmdInfo(o.items); });
 
   CLI::App* call = Sub(app, "call", "Invoke a FileManager member by name; prints JSON",
@@ -233,6 +241,7 @@ int main(int argc, char** argv) {
     Conventions& settings = Settings();
     settings.quiet = o.quiet;
     settings.verbose = o.verbose || o.debug;
+    settings.json = o.json;
     settings.overwrite = ChooseOverwrite(o.overwrite, o.neverOverwrite);
     NotificationEcho echo(o.notify || o.debug);
     for (auto& [sub, command] : commands)
@@ -246,6 +255,7 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::string what = e.what();
+    if (!what.empty()) what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
     const CLI::App* sub = nullptr;
     for (CLI::App* s : app.get_subcommands()) sub = s;
     if (what == "A subcommand is required") what = "a subcommand is required";
@@ -256,6 +266,7 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitUsage;
   } catch (const Failure& e) {
+    if (Settings().json) std::printf("{\"error\":%s}\n", qx::cli::JsonString(e.message).c_str());
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitFailed;
   }
