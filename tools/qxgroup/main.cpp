@@ -149,14 +149,14 @@ int main(int argc, char** argv) {
   commands.emplace_back(list, [&] { return CmdList(o.group); });
 
   CLI::App* xml = Sub(app, "xml", "Print the XML listing of a group",
-                      "qxgroup xml --meta --subgroups '*.qxg' lesson.qxp");
+                      "qxgroup xml --meta school.mag");
   xml->add_option("group", o.group, "Group file")->required();
   xml->add_flag("--meta", o.meta, "Include meta information");
   xml->add_option("--subgroups", o.pattern, "List groups inside the group whose names match");
   commands.emplace_back(xml, [&] { return CmdXml(o.group, o.meta, o.pattern); });
 
   CLI::App* get = Sub(app, "get", "Copy members out of a group (the group is unchanged)",
-                      "qxgroup get school.mag main.PROG1.map -C out");
+                      "qxgroup get school.mag 'main.*' -C out");
   get->add_option("group", o.group, "Group file")->required();
   get->add_option("members", o.items, "Member names")->required();
   get->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
@@ -187,13 +187,13 @@ int main(int argc, char** argv) {
   commands.emplace_back(flash, [&] { return CmdFlash(o.file, o.dest); });
 
   CLI::App* split = Sub(app, "split-path", "Cut a path at the group file it runs through",
-                        "qxgroup split-path lesson.qxg/unit1/PROG.kdp");
+                        "qxgroup split-path school.mag/main.PROG1.map");
   split->add_option("path", o.path, "Path that may run through a group file")->required();
   split->add_flag("--json", o.json, "Print {\"group\":...,\"inGroup\":...}");
   commands.emplace_back(split, [&] { return CmdSplitPath(o.path); });
 
   CLI::App* isGroup = Sub(app, "is-group", "Tell whether a path is a group (exit 0) or not (1)",
-                          "qxgroup is-group lesson.qxg/sub.qxg && echo group");
+                          "qxgroup is-group school.mag && echo group");
   isGroup->add_option("path", o.path, "File, or path through a group")->required();
   isGroup->add_flag("--json", o.json, "Print {\"path\":...,\"isGroup\":true|false}");
   commands.emplace_back(isGroup, [&] { return CmdIsGroup(o.path); });
@@ -206,7 +206,7 @@ int main(int argc, char** argv) {
   commands.emplace_back(exists, [&] { return CmdExists(o.path); });
 
   CLI::App* info = Sub(app, "info", "Say what files are: device family, layout, group or not",
-                       "qxgroup info samples/*");
+                       "qxgroup info *.mag *.kdk");
   info->add_option("files", o.items, "Files to look at")->required();
   info->add_flag("--json", o.json, "Print {\"files\":[{\"file\":...,\"info\":...}]}");
   commands.emplace_back(info, [&] { return CmdInfo(o.items); });
