@@ -54,7 +54,8 @@ void CheckOption(const CLI::App& app, const CLI::App* sub, const std::string& ar
     names.insert(names.end(), more.begin(), more.end());
   }
   const std::string near = Closest(name, names);
-  const std::string where = sub != nullptr ? "qxgroup " + sub->get_name() + " --help" : "qxgroup --help";
+  const std::string where =
+      sub != nullptr ? "qxgroup " + sub->get_name() + " --help" : "qxgroup --help";
   throw UsageError{"unknown option " + name +
                    (near.empty() ? "" : "; did you mean " + near + "?") + " (see " + where + ")"};
 }

@@ -139,7 +139,8 @@ int main(int argc, char** argv) {
   CLI::App* del = Sub(app, "delete", "Delete members from a group",
                       "qxgroup delete school.mag main.PROG1.map");
   del->add_option("group", o.group, "Group file")->required();
-  del->add_option("members", o.items, "Member names, as `list` prints them")->required();
+  del->add_option("members", o.items, "Member names as `list` prints them, or quoted wildcards")
+      ->required();
   commands.emplace_back(del, [&] { return CmdDelete(o.group, o.items); });
 
   CLI::App* list = Sub(app, "list", "List the members of a group, one a line",
@@ -158,7 +159,7 @@ int main(int argc, char** argv) {
   CLI::App* get = Sub(app, "get", "Copy members out of a group (the group is unchanged)",
                       "qxgroup get school.mag 'main.*' -C out");
   get->add_option("group", o.group, "Group file")->required();
-  get->add_option("members", o.items, "Member names")->required();
+  get->add_option("members", o.items, "Member names or quoted wildcards ('main.*')")->required();
   get->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
   get->add_flag("-p,--pipe", o.pipe, "Write the members' bytes to standard output");
   AddOverwriteFlags(get, o);
@@ -167,7 +168,8 @@ int main(int argc, char** argv) {
   CLI::App* extract = Sub(app, "extract", "Move members out of a group (copy, then delete)",
                           "qxgroup extract school.mag main.PROG1.map -C out");
   extract->add_option("group", o.group, "Group file")->required();
-  extract->add_option("members", o.items, "Member names")->required();
+  extract->add_option("members", o.items, "Member names or quoted wildcards ('main.*')")
+      ->required();
   extract->add_option("-C,--directory", o.dest, "Folder to write into (default: current folder)");
   AddOverwriteFlags(extract, o);
   commands.emplace_back(extract, [&] { return CmdExtract(o.group, o.items, o.dest); });
@@ -255,7 +257,8 @@ int main(int argc, char** argv) {
     return app.exit(e);
   } catch (const CLI::ParseError& e) {
     std::string what = e.what();
-    if (!what.empty()) what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
+    if (!what.empty())
+      what[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(what[0])));
     const CLI::App* sub = nullptr;
     for (CLI::App* s : app.get_subcommands()) sub = s;
     if (what == "A subcommand is required") what = "a subcommand is required";
