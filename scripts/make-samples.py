@@ -119,12 +119,41 @@ def zip_group() -> bytes:
     return buf.getvalue()
 
 
+def zip_bytes(members) -> bytes:
+    """A zip archive of (name, bytes) members in order, every date fixed; names ending in "/"
+    are folder entries (attribute 0x10)."""
+    buf = io.BytesIO()
+    with zipfile.ZipFile(buf, "w") as z:
+        for name, data in members:
+            info = zipfile.ZipInfo(name, date_time=(2026, 11, 22, 12, 0, 0))
+            if name.endswith("/"):
+                info.external_attr = 0x10
+            # Small members stored, as the component stores them; larger ones deflated.
+            info.compress_type = zipfile.ZIP_STORED if len(data) < 65536 else zipfile.ZIP_DEFLATED
+            z.writestr(info, data)
+    return buf.getvalue()
+
+
+def lesson_group() -> bytes:
+    """A teacher's lesson: a folder holding an old-style group and a zip-based group, which
+    holds an old-style group of its own."""
+    extra = zip_bytes([("school.mag", SAMPLES["school.mag"]()), ("notes.txt", SAMPLES["notes.txt"]())])
+    return zip_bytes([
+        ("unit1/", b""),
+        ("unit1/data.kdg", SAMPLES["math.kdg"]()),
+        ("unit1/quiz.kdp", SAMPLES["PROG.kdp"]()),
+        ("unit1/extra.qxg", extra),
+        ("intro.map", SAMPLES["prog1.map"]()),
+    ])
+
+
 def main() -> int:
     here = os.path.dirname(os.path.abspath(__file__))
     out = sys.argv[1] if len(sys.argv) > 1 else os.path.join(here, "..", "samples")
     os.makedirs(out, exist_ok=True)
     files = {name: make() for name, make in SAMPLES.items()}
     files["mixed.qxg"] = zip_group()
+    files["lesson.qxg"] = lesson_group()
     for name, data in sorted(files.items()):
         with open(os.path.join(out, name), "wb") as f:
             f.write(data)

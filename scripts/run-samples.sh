@@ -33,6 +33,19 @@ show list "$out/lesson.kdg"
 show xml "$out/lesson.kdg"
 mkdir -p "$out/lesson"
 show expand "$out/lesson.kdg" -C "$out/lesson"
+# A zip-based lesson: folders, an old-style group in a folder, a group nested in a group.
+cp samples/lesson.qxg "$out/lesson.qxg"
+show list --tree --long "$out/lesson.qxg"
+show create "$out/unit2.qxg" samples/prog1.map samples/school.mag
+show add "$out/lesson.qxg" samples/area.rap --to 'unit1\'
+show add "$out/lesson.qxg" samples/greeting.mas --to 'unit1\extra.qxg\school.mag'
+show list --tree "$out/lesson.qxg"
+show xml --meta --subgroups "$out/lesson.qxg"
+show get "$out/lesson.qxg" 'unit1\extra.qxg\school.mag\main.PROG1.map' -C "$out"
+show split-path "$out/lesson.qxg/unit1/extra.qxg/notes.txt"
+show is-group "$out/lesson.qxg/unit1/extra.qxg"
+show exists "$out/lesson.qxg/unit1/extra.qxg/school.mag/main.PROG1.map"
+show exists "$out/lesson.qxg/unit1/nothere.kdp"
 # A flash file split into its records.
 show flash samples/Hello.kdk -C "$out"
 show call IsGroup samples/prog1.map

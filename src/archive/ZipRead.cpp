@@ -353,7 +353,8 @@ bool OpenArchive(ArchiveState& s) {
 
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink) {
   if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
-  std::vector<unsigned char> buf(kChunk);
+  // No larger than the member: zeroing a whole chunk per small member dominated rewrites.
+  std::vector<unsigned char> buf(static_cast<size_t>(std::min<uint64_t>(kChunk, r.compressedSize)));
   uint64_t left = r.compressedSize;
   while (left > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));

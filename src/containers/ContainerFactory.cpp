@@ -2,6 +2,7 @@
 
 #include "containers/OldGroupContainerKC.h"
 #include "containers/OldGroupContainerMA.h"
+#include "containers/ZipGroupContainer.h"
 #include "formats/DeviceFamily.h"
 #include "platform/Diagnostic.h"
 #include "platform/codepage.h"
@@ -45,12 +46,10 @@ ContainerKind ContainerKindForCreate(std::string_view groupPath,
 
 std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std::string& path,
                                                    ContainerFactory* factory) {
-  // One line per container class once it is built, e.g.
-  //   case ContainerKind::Zip: return std::make_unique<ZipGroupContainer>(path, factory);
   switch (kind) {
     case ContainerKind::OldKC: return std::make_unique<OldGroupContainerKC>(path, factory);
     case ContainerKind::OldMA: return std::make_unique<OldGroupContainerMA>(path, factory);
-    case ContainerKind::Zip:
+    case ContainerKind::Zip: return std::make_unique<ZipGroupContainer>(path, factory);
     case ContainerKind::None:
       return nullptr;
   }

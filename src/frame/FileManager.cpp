@@ -11,6 +11,7 @@
 #include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
+#include "platform/TempFolder.h"
 #include "platform/shell.h"
 #include "platform/ui.h"
 #include "resources/Resources.h"
@@ -186,9 +187,8 @@ GroupPathParts SplitGroupPath(const std::string& path) {
 }
 
 std::string GetTempGroupFolder() {
-  const std::string folder = fs::TempFolder() + "QXGrpMgr" + kPathSeparator;
-  fs::CreateFolder(folder);  // an existing folder is fine and a failure shows up in the next call
-  return folder;
+  // Private to the user and checked before use; empty (and the next step fails) when unfit.
+  return fs::PrivateTempFolder();
 }
 
 // ---- Object life -------------------------------------------------------------------------------------
@@ -445,14 +445,16 @@ HRESULT FileManager::get_IsGroup(BSTR grpfile, LONG* pVal) {
     Bstr group = Bstr::Attach(ToBstr(path));
     Bstr inGroup;
     self->SplitPath(group.address(), inGroup.address());
-    const std::string tempFolder = GetTempGroupFolder();
-    const Bstr dest = Bstr::Attach(ToBstr(tempFolder));
+    // The call's own work folder: no other call shares the probe path, and leaving the scope
+    // removes the probe whatever happens.
+    const fs::TempWorkFolder work;
+    if (!work.IsOpen()) return S_OK;
+    const Bstr dest = Bstr::Attach(ToBstr(work.Path()));
     if (FAILED(self->GetFile(group.get(), inGroup.get(), dest.get()))) return S_OK;
-    const std::string probe = tempFolder + LastComponent(ToAnsi(inGroup.get()), kMemberSeparator);
+    const std::string probe = work.Path() + LastComponent(ToAnsi(inGroup.get()), kMemberSeparator);
+    if (probe == work.Path()) return S_OK;
     const Bstr probeText = Bstr::Attach(ToBstr(probe));
-    const HRESULT hr = self->get_IsGroup(probeText.get(), pVal);
-    fs::DeleteFile(probe);
-    return hr;
+    return self->get_IsGroup(probeText.get(), pVal);
   });
 }
 
@@ -468,12 +470,12 @@ HRESULT FileManager::get_DoesPathExist(BSTR sGrpPathWithInPath, LONG* pVal) {
     const std::string inGroupPath = ToAnsi(inGroup.get());
     // A member inside a folder or a nested group: copy it out and look at the copy.
     if (inGroupPath.find(kMemberSeparator) != std::string::npos) {
-      const std::string tempFolder = GetTempGroupFolder();
-      const Bstr dest = Bstr::Attach(ToBstr(tempFolder));
+      const fs::TempWorkFolder work;  // removed with the probe when the scope ends
+      if (!work.IsOpen()) return S_OK;
+      const Bstr dest = Bstr::Attach(ToBstr(work.Path()));
       if (FAILED(self->GetFile(group.get(), inGroup.get(), dest.get()))) return S_OK;
-      const std::string probe = tempFolder + LastComponent(inGroupPath, kMemberSeparator);
-      *pVal = fs::Exists(probe) ? 1 : 0;
-      fs::DeleteFile(probe);
+      const std::string probe = work.Path() + LastComponent(inGroupPath, kMemberSeparator);
+      *pVal = probe != work.Path() && fs::Exists(probe) ? 1 : 0;
       return S_OK;
     }
     std::unique_ptr<GroupContainer> container = CreateContainer(groupPath);

@@ -42,7 +42,8 @@ struct GroupPathParts {
 //   "/data/g.qxg/f/x.kdp" => ("/data/g.qxg", "f\x.kdp");  "/data/g.qxg/" => ("/data/g.qxg", "")
 GroupPathParts SplitGroupPath(const std::string& path);
 
-// The component's temporary folder, "QXGrpMgr/" under the system's, created when missing.
+// The component's private temporary folder, "QXGrpMgr-<uid>/" under the system's, created
+// when missing and checked (empty when unfit). Calls work in their own subfolders of it.
 std::string GetTempGroupFolder();
 
 // ---- The object -----------------------------------------------------------------------------------

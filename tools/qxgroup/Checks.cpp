@@ -37,6 +37,7 @@ std::string MemberPath(std::string name) {
 MemberSelection SelectMembers(const std::vector<std::string>& members,
                               const std::vector<std::string>& patterns) {
   std::vector<bool> chosen(members.size(), false);
+  std::vector<std::string> folders;
   MemberSelection s;
   for (const std::string& p : patterns) {
     const std::string want = MemberPath(p);
@@ -48,11 +49,35 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
                             : Lower(want) == Lower(members[i]);
       if (hit) chosen[i] = any = true;
     }
+    // A folder is named as itself; the component takes it out or deletes it as a tree.
+    const std::string folder = Lower(want.back() == '\\' ? want : want + "\\");
+    if (!any && !wild)
+      for (const std::string& m : members)
+        if (Lower(m).compare(0, folder.size(), folder) == 0) {
+          folders.push_back(want);
+          any = true;
+          break;
+        }
     if (!any) s.missing.push_back(p);
   }
   for (size_t i = 0; i < members.size(); ++i)
     if (chosen[i]) s.found.push_back(members[i]);
+  s.found.insert(s.found.end(), folders.begin(), folders.end());
   return s;
+}
+
+void FindNested(const std::string& group, MemberSelection& selection) {
+  std::vector<std::string> still;
+  for (const std::string& name : selection.missing) {
+    const std::string path = MemberPath(name);
+    LONG exists = 0;
+    if (path.find('\\') != std::string::npos && path.find_first_of("*?[") == std::string::npos)
+      Session()->get_DoesPathExist(ToBstr(group + "/" + path).get(), &exists);
+    TakeErrorDescription();  // the answer is the result
+    if (exists != 0) selection.found.push_back(path);
+    else still.push_back(name);
+  }
+  selection.missing = std::move(still);
 }
 
 namespace {

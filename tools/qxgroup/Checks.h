@@ -17,8 +17,13 @@ struct MemberSelection {
 
 // Names compare without regard to case; "/" stands for "\". A name with *, ? or [ is a
 // wildcard, matched fnmatch-style against the whole member path ("unit1\*.kdp").
+// A name that is a folder of the group stands for itself (after the members found).
 MemberSelection SelectMembers(const std::vector<std::string>& members,
                               const std::vector<std::string>& patterns);
+
+// Names left missing that are paths into folders or nested groups ("unit1\data.kdg\L1.mal")
+// are asked of the component, which looks inside; those it finds move to `found`.
+void FindNested(const std::string& group, MemberSelection& selection);
 
 // Throws Failure, naming the file at fault, when the files cannot all go into one group made
 // at `group`, or (unless `force`) when the name's extension is not the one that group has.

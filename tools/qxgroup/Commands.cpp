@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -25,13 +26,13 @@ namespace {
 
 std::string Ansi(const std::string& utf8) { return codepage::Utf8ToAnsi(utf8); }
 
-// Inputs that must be readable files; checked before anything is written.
+// Inputs that must exist; checked before anything is written. Folders go into zip-based
+// groups as trees.
 void RequireFiles(const std::vector<std::string>& files) {
   for (const std::string& f : files) {
     CheckListItem(f, "file name");
     const uint32_t attrs = fs::GetAttributes(Ansi(f));
     if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f};
-    if (attrs & fs::kAttrDirectory) throw Failure{"is a folder, not a file: " + f};
   }
 }
 
@@ -131,7 +132,8 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
 int CmdDelete(const std::string& group, const std::vector<std::string>& members) {
   CheckRepresentable(group, "group file name");
   for (const std::string& m : members) CheckListItem(m, "member name");
-  const MemberSelection chosen = SelectMembers(ListMembers(group), members);
+  MemberSelection chosen = SelectMembers(ListMembers(group), members);
+  FindNested(group, chosen);
   if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group)};
   const std::string list = JoinList(chosen.found, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
@@ -221,6 +223,7 @@ MemberSelection Choose(const std::string& group, const std::vector<std::string>&
   for (const std::string& m : names) CheckListItem(m, "member name");
   std::vector<std::string> members = ListMembers(group);
   MemberSelection chosen = SelectMembers(members, names);
+  FindNested(group, chosen);
   if (all != nullptr) *all = std::move(members);
   return chosen;
 }
@@ -261,7 +264,11 @@ int CmdExtract(const std::string& group, const std::vector<std::string>& members
   const MemberSelection chosen = Choose(group, members, &all);
   if (!chosen.missing.empty())
     throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted"};
-  if (chosen.found.size() == all.size())
+  // Every member of the group's own list named (members inside nested groups do not count).
+  const auto topLevel = std::count_if(chosen.found.begin(), chosen.found.end(), [&](auto& m) {
+    return std::find(all.begin(), all.end(), m) != all.end();
+  });
+  if (static_cast<size_t>(topLevel) == all.size())
     throw Failure{group + ": extracting every member would leave the group empty; nothing "
                   "extracted (`expand` copies them all out)"};
   Staging staging(dest);

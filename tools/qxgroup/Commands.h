@@ -25,6 +25,9 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
            const std::string& folder, const std::string& onDuplicate);
 int CmdDelete(const std::string& group, const std::vector<std::string>& members);
 int CmdList(const std::string& group);
+// The contents as an indented tree with folders and nested groups opened; `longForm` adds
+// sizes and dates.
+int CmdTree(const std::string& group, bool longForm);
 int CmdXml(const std::string& group, bool meta, const std::string& pattern);
 // Copies members out; those that exist are written, the others named (kExitMissing).
 // `toStdout`: the members' bytes go to standard output instead (-p).

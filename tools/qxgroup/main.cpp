@@ -40,6 +40,8 @@ struct Options {
   std::string folder;
   std::string pattern;
   bool meta = false;
+  bool tree = false;
+  bool longForm = false;
   std::vector<std::string> items;
   std::string uiMode = "none";
   std::string className = "FileManager";
@@ -121,7 +123,8 @@ int main(int argc, char** argv) {
                          "qxgroup create school.mag prog1.map greeting.mas");
   create->add_option("group", o.group, "Group file to write (.qxg/.qxp make a zip-based group)")
       ->required();
-  create->add_option("files", o.items, "Calculator files to put in it")->required();
+  create->add_option("files", o.items, "Files to put in it (folders go into .qxg/.qxp as trees)")
+      ->required();
   create->add_flag("--force", o.force,
                    "Keep a group name whose extension is not the one of the group made");
   commands.emplace_back(create, [&] { return CmdCreate(o.group, o.items, o.force); });
@@ -129,7 +132,9 @@ int main(int argc, char** argv) {
   CLI::App* add = Sub(app, "add", "Add files to a group", "qxgroup add school.mag area.rap");
   add->add_option("group", o.group, "Group file")->required();
   add->add_option("files", o.items, "Files to add")->required();
-  add->add_option("--to", o.folder, "Folder inside the group to add to");
+  add->add_option("--to", o.folder,
+                  "Folder inside the group to add to ('unit1\\'), or a group inside it "
+                  "('unit1\\data.kdg')");
   add->add_option("--on-duplicate", o.onDuplicate,
                   "When a member of that name is there: replace (default), ask on the terminal, "
                   "skip the file, or cancel the rest")
@@ -147,14 +152,27 @@ int main(int argc, char** argv) {
                        "qxgroup list school.mag");
   list->add_option("group", o.group, "Group file")->required();
   list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
-  commands.emplace_back(list, [&] { return CmdList(o.group); });
+  list->add_flag("--tree", o.tree, "Show an indented tree, folders and nested groups opened");
+  list->add_flag("--long", o.longForm, "With --tree: sizes and dates, as unzip -l shows them");
+  list->footer("Examples:\n  qxgroup list school.mag\n  qxgroup list --tree --long lesson.qxg");
+  commands.emplace_back(list, [&] {
+    return o.tree || o.longForm ? CmdTree(o.group, o.longForm) : CmdList(o.group);
+  });
 
   CLI::App* xml = Sub(app, "xml", "Print the XML listing of a group",
                       "qxgroup xml --meta school.mag");
   xml->add_option("group", o.group, "Group file")->required();
   xml->add_flag("--meta", o.meta, "Include meta information");
-  xml->add_option("--subgroups", o.pattern, "List groups inside the group whose names match");
-  commands.emplace_back(xml, [&] { return CmdXml(o.group, o.meta, o.pattern); });
+  // Alone (or as --subgroups=), the default group extensions: "*".
+  CLI::Option* subgroups =
+      xml->add_option("--subgroups", o.pattern,
+                      "List groups inside the group whose names match (alone: every group "
+                      "extension)")
+          ->expected(0, 1);
+  commands.emplace_back(xml, [&, subgroups] {
+    if (subgroups->count() > 0 && o.pattern.empty()) o.pattern = "*";
+    return CmdXml(o.group, o.meta, o.pattern);
+  });
 
   CLI::App* get = Sub(app, "get", "Copy members out of a group (the group is unchanged)",
                       "qxgroup get school.mag 'main.*' -C out");

@@ -1,0 +1,87 @@
+#!/usr/bin/env bash
+# qxgroup on zip-based groups: folders, trees, groups nested in groups, the path questions,
+# and nothing left in the temporary folder.
+#   zip_groups.sh QXGROUP SOURCE_DIR
+set -u
+qx=$1
+src=$2
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work" || exit 1
+export TMPDIR=$work/tmp
+mkdir "$TMPDIR"
+failures=0
+passed=0
+
+matches() {
+  case "$1" in
+    "") return 0 ;;
+    "^$") [ ! -s "$2" ] ;;
+    *) grep -Eq -- "$1" "$2" ;;
+  esac
+}
+
+# expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
+expect() {
+  local name=$1 want=$2 out_re=$3 err_re=$4
+  shift 5
+  "$@" >out.txt 2>err.txt
+  local got=$? ok=1
+  [ "$got" = "$want" ] || ok=0
+  matches "$out_re" out.txt || ok=0
+  matches "$err_re" err.txt || ok=0
+  [ -z "$(ls -A "$TMPDIR")" ] || { ok=0; echo "  left in TMPDIR: $(ls -A "$TMPDIR")"; }
+  if [ $ok = 1 ]; then
+    passed=$((passed + 1))
+  else
+    failures=$((failures + 1))
+    echo "FAIL $name: status $got (want $want)"
+    echo "  stdout: $(head -c 400 out.txt)"
+    echo "  stderr: $(head -c 400 err.txt)"
+  fi
+}
+
+cp "$src"/samples/* .
+mkdir -p set/sub out
+echo one >set/one.txt
+echo two >set/sub/two.txt
+: >empty.kdp
+
+expect "create from files and a folder" 0 '^$' '^$' -- "$qx" create g.qxg prog1.map set
+expect "add into a folder" 0 '^$' '^$' -- "$qx" add g.qxg school.mag PROG.kdp --to 'unit1\'
+expect "add into a nested group" 0 '^$' '^$' -- "$qx" add g.qxg area.rap --to 'unit1\school.mag'
+expect "list" 0 '^unit1\\school\.mag$' '^$' -- "$qx" list g.qxg
+expect "tree opens folders and groups" 0 '^      main\.AREA\.map$' '^$' -- "$qx" list --tree g.qxg
+expect "long tree has sizes and a total" 0 '^ +[0-9]+ +[0-9]+ files$' '^$' -- "$qx" list --tree --long g.qxg
+expect "xml with meta and sub-groups" 0 '<group name="school\.mag">' '^$' -- "$qx" xml --meta --subgroups g.qxg
+expect "xml meta attributes" 0 '<file Size="[0-9]+" CompSize="[0-9]+" Date="[0-9.]+">PROG\.kdp</file>' '' -- \
+  "$qx" xml --meta g.qxg
+expect "get a nested member" 0 '^$' '^$' -- "$qx" get g.qxg 'unit1\school.mag\main.AREA.map' -C out
+[ -s out/main.AREA.map ] || { failures=$((failures + 1)); echo "FAIL nested get wrote nothing"; }
+expect "get a folder" 0 '^$' '^$' -- "$qx" get g.qxg set -C out
+[ -s out/set/sub/two.txt ] || { failures=$((failures + 1)); echo "FAIL folder get wrote nothing"; }
+expect "is-group through the group" 0 '^yes$' '^$' -- "$qx" is-group g.qxg/unit1/school.mag
+expect "exists through a nested group" 0 '^yes$' '' -- "$qx" exists g.qxg/unit1/school.mag/main.AREA.map
+expect "missing nested member" 1 '^no$' '' -- "$qx" exists g.qxg/unit1/school.mag/nothere
+expect "split-path" 0 'unit1\\school\.mag' '^$' -- "$qx" split-path g.qxg/unit1/school.mag
+expect "delete a nested member" 0 '^$' '^$' -- "$qx" delete g.qxg 'unit1\school.mag\main.AREA.map'
+expect "delete a folder" 0 '^$' '^$' -- "$qx" delete g.qxg set
+expect "folder gone" 0 '^prog1\.map$' '^$' -- "$qx" list g.qxg
+expect "0-byte file fails in one line" 1 '^$' '^qxgroup: .{1,300}$' -- "$qx" add g.qxg empty.kdp
+expect "missing group part fails" 1 '' '^qxgroup: ' -- "$qx" delete g.qxg 'nothere\x'
+expect "expand" 0 '^$' '^$' -- "$qx" expand g.qxg -C out
+[ -s out/unit1/school.mag ] || { failures=$((failures + 1)); echo "FAIL expand wrote nothing"; }
+command -v unzip >/dev/null && { unzip -tqq g.qxg >/dev/null || { failures=$((failures + 1)); echo "FAIL unzip -t"; }; }
+
+# A temporary folder that is a link is refused, and nothing is written where it points.
+mkdir elsewhere
+ln -s "$work/elsewhere" "$TMPDIR/QXGrpMgr-$(id -u)"
+"$qx" get g.qxg 'unit1\school.mag\main.PROG1.map' -C out >out.txt 2>err.txt
+status=$?
+rm "$TMPDIR/QXGrpMgr-$(id -u)"
+if [ $status = 0 ] || [ -n "$(ls -A elsewhere)" ]; then
+  failures=$((failures + 1)); echo "FAIL symlinked temporary folder was used"
+fi
+
+echo "$passed passed, $failures failed"
+[ "$failures" = 0 ]
