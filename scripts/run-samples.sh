@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Builds the program and shows it at work on the sample files of samples/.
+# Builds the program (and the module) and shows it at work on the sample files of samples/.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
-cmake -S . -B build -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
-cmake --build build
-qx=build/qxgroup
+# Only the program and the module; scripts/test.sh builds the rest in the same folder.
+build=${BUILD_DIR:-build}
+scripts/configure.sh
+cmake --build "$build" --target qxgroup qxgroupmgr
+qx=$build/qxgroup
 out=$(mktemp -d)
 trap 'rm -rf "$out"' EXIT
 

@@ -8,8 +8,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/setup.sh
 build=${BUILD_DIR:-build}
-cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE="${BUILD_TYPE:-RelWithDebInfo}" \
-  -DQX_WERROR=ON -DQX_SANITIZE="${QX_SANITIZE:-OFF}" -DQX_BUILD_BENCH=ON >/dev/null
+# The same flags as scripts/run-samples.sh: what it built is reused, not rebuilt.
+scripts/configure.sh
 cmake --build "$build"
 # Sample files must be exactly what the generator makes.
 tmp=$(mktemp -d); trap 'rm -rf "$tmp"' EXIT

@@ -98,7 +98,7 @@ expect "flash file refused" 1 '' 'Hello.kdk: cannot go into class.mag: old-style
   "$qx" add class.mag Hello.kdk
 expect "other family refused" 1 '' 'PROG.kdp: cannot go into class.mag: a KDX-family file; the group holds MA-family' -- \
   "$qx" add class.mag PROG.kdp
-expect "no such member" 1 '' 'main.NOPE.map: no such member in class.mag' -- \
+expect "get of a missing member: status 11" 11 '' 'main.NOPE.map: no such member in class.mag' -- \
   "$qx" get class.mag main.NOPE.map
 expect "delete names the unknown member" 1 '' '^qxgroup: main.NOPE.map: no such member in class.mag$' -- \
   "$qx" delete class.mag main.PROG1.map main.NOPE.map

@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# `qxgroup add --on-duplicate=ask` in a real terminal: runs it inside a detached tmux session,
+# `qxgroup add --on-duplicate=ask`, and the question `get` asks about an existing file, in a
+# real terminal: runs it inside a detached tmux session,
 # reads the question off the screen, presses keys and checks what became of the group.
 #   duplicate_prompt.sh QXGROUP SOURCE_DIR
 set -u
@@ -80,6 +81,43 @@ run_case replace r 0 yes
 run_case replace_all a 0 yes
 run_case skip s 3 no
 run_case escape Escape 3 no
+
+# get onto an existing file, on a terminal without -o or -n: asked, Skip the default.
+# overwrite_case NAME KEYS REPLACED
+overwrite_case() {
+  local name=$1 keys=$2 replaced=$3
+  local dir="$work/$name" before=$failures
+  mkdir -p "$dir"
+  echo mine >"$dir/main.PROG1.map"; cp "$dir/main.PROG1.map" "$dir/mine"
+  tmux -L "$sock" new-session -d -s "$name" -x 100 -y 30 \
+    "'$qx' get '$src/samples/school.mag' main.PROG1.map -C '$dir' 2>'$dir/err'; \
+     echo \$? >'$dir/status'; sleep 60"
+  if ! wait_until screen_shows "$name" "Cancel"; then
+    echo "FAIL $name: no question appeared"; screen "$name" | sed 's/^/    | /'
+    failures=$((failures + 1)); return
+  fi
+  screen "$name" >"$dir/screen"
+  # shellcheck disable=SC2086
+  tmux -L "$sock" send-keys -t "$name" $keys
+  if ! wait_until [ -s "$dir/status" ]; then
+    echo "FAIL $name: no answer after the keys"; failures=$((failures + 1)); return
+  fi
+  [ "$(cat "$dir/status")" = 0 ] || { echo "FAIL $name: status $(cat "$dir/status")"; failures=$((failures + 1)); }
+  if cmp -s "$dir/main.PROG1.map" "$dir/mine"; then local now=no; else local now=yes; fi
+  [ "$now" = "$replaced" ] || { echo "FAIL $name: replaced=$now (want $replaced)"; failures=$((failures + 1)); }
+  grep -qF 'File Exists' "$dir/screen" && grep -qF \
+    'main.PROG1.map already exists in this folder.  What would you like to do?' "$dir/screen" &&
+    grep -qF '[O]verwrite  Overwrite [A]ll <[S]kip>  Cancel' "$dir/screen" ||
+    { echo "FAIL $name: question not as expected"; sed 's/^/    | /' "$dir/screen"; failures=$((failures + 1)); }
+  ls -a "$dir" | grep -q '^\.qxgroup-' && { echo "FAIL $name: staging folder left"; failures=$((failures + 1)); }
+  tmux -L "$sock" kill-session -t "$name" 2>/dev/null
+  [ $failures -eq "$before" ] && echo "ok   $name"
+}
+
+overwrite_case overwrite o yes
+overwrite_case overwrite_all a yes
+overwrite_case keep_on_enter Enter no
+overwrite_case keep_on_escape Escape no
 
 if [ $failures -ne 0 ]; then
   echo "duplicate_prompt: $failures failed"

@@ -19,7 +19,8 @@ enum Exit : int {
   kExitOk = 0,
   kExitFailed = 1,    // the operation failed
   kExitUsage = 2,     // the command line was wrong
-  kExitPartial = 3,   // AddFiles succeeded but left files out
+  kExitPartial = 3,   // done, with files left out: not added, or existing files kept
+  kExitMissing = 11,  // get: some named members were not found (the others were written)
 };
 
 // One FileManager for the life of the command, released at the end.

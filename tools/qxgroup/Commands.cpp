@@ -4,14 +4,21 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
+#include <utility>
 
+#include "formats/DeviceFamily.h"
 #include "platform/CommaList.h"
 #include "platform/ReuseScope.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
+#include "qxgroup/Checks.h"
+#include "qxgroup/Json.h"
+#include "qxgroup/JsonOutput.h"
 #include "resources/Resources.h"
 
 namespace qx::cli {
@@ -38,22 +45,45 @@ void RequireFolder(const std::string& dir) {
   if (!(attrs & fs::kAttrDirectory)) throw Failure{"not a folder: " + dir};
 }
 
+// "main.NOPE.map: no such member in g.mag", or "a, b: no such members in g.mag".
+std::string NoSuchMembers(const std::vector<std::string>& names, const std::string& group) {
+  std::string text;
+  for (const std::string& n : names) text += (text.empty() ? "" : ", ") + n;
+  return text + (names.size() == 1 ? ": no such member in " : ": no such members in ") + group;
+}
+
 void PrintList(const std::string& utf8List) {
   for (const std::string& item : SplitCommaList(utf8List)) std::printf("%s\n", item.c_str());
 }
 
 }  // namespace
 
-int CmdCreate(const std::string& group, const std::vector<std::string>& files) {
+Conventions& Settings() {
+  static Conventions settings;
+  return settings;
+}
+
+int CmdCreate(const std::string& group, const std::vector<std::string>& files, bool force) {
   CheckRepresentable(group, "group file name");
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
+  CheckCreate(group, files, force);
   const HRESULT hr = Session()->CreateGrpFile(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr)) FailWithReason("cannot create group " + group);
+  if (Settings().verbose)
+    for (const std::string& f : files) std::fprintf(stderr, "qxgroup: added %s\n", f.c_str());
   return kExitOk;
 }
 
 namespace {
+
+// Folders inside a group exist only in zip-based groups; an old-style group would ignore --to.
+void RequireFolders(const std::string& group) {
+  const std::string sig = DetectFileSignature(Ansi(group));
+  if (FindFamilyBySignature(sig) != nullptr || sig == kSigFlash)
+    throw Failure{group + ": an old-style group has no folders; --to works on zip-based groups "
+                  "(.qxg, .qxp)"};
+}
 
 // The owner window an add runs with: none for "replace" (the component then replaces
 // duplicates without asking), else one whose host answers or asks.
@@ -81,6 +111,7 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
   CheckRepresentable(folder, "folder name");
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
+  if (!folder.empty()) RequireFolders(group);
   OwnerWindow owner(Session().get(), DuplicateHost(onDuplicate));
 
   const HRESULT hr = Session()->AddFiles(ToBstr(group).get(), ToBstr(list).get(),
@@ -89,18 +120,28 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
   if (hr == kAddedWithFilesLeftOut) {
     std::string names;
     for (const std::string& f : TakeFilesLeftOut()) names += (names.empty() ? "" : ", ") + f;
-    std::fprintf(stderr, "qxgroup: warning: not added to %s (already there): %s\n", group.c_str(),
-                 names.empty() ? "some files" : names.c_str());
+    if (!Settings().quiet)
+      std::fprintf(stderr, "qxgroup: warning: not added to %s (already there): %s\n",
+                   group.c_str(), names.empty() ? "some files" : names.c_str());
     return kExitPartial;
   }
+  if (Settings().verbose)
+    for (const std::string& f : files) std::fprintf(stderr, "qxgroup: added %s\n", f.c_str());
   return kExitOk;
 }
 
 int CmdDelete(const std::string& group, const std::vector<std::string>& members) {
   CheckRepresentable(group, "group file name");
-  const std::string list = JoinList(members, "member name");
+  for (const std::string& m : members) CheckListItem(m, "member name");
+  MemberSelection chosen = SelectMembers(ListMembers(group), members);
+  FindNested(group, chosen);
+  if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group)};
+  const std::string list = JoinList(chosen.found, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr)) FailWithReason("cannot delete from " + group);
+  if (Settings().verbose)
+    for (const std::string& m : chosen.found)
+      std::fprintf(stderr, "qxgroup: deleted %s\n", m.c_str());
   return kExitOk;
 }
 
@@ -109,6 +150,13 @@ int CmdList(const std::string& group) {
   Bstr names;
   const HRESULT hr = Session()->ReadContents(ToBstr(group).get(), names.receive());
   if (FAILED(hr)) FailWithReason("cannot list " + group);
+  if (Settings().json) {
+    JsonObject doc;
+    doc.AddString("group", group);
+    doc.AddRaw("members", JsonArray(SplitCommaList(FromBstr(names.get()))));
+    PrintJson(doc.Str());
+    return kExitOk;
+  }
   PrintList(FromBstr(names.get()));
   return kExitOk;
 }
@@ -126,57 +174,204 @@ int CmdXml(const std::string& group, bool meta, const std::string& pattern) {
   return kExitOk;
 }
 
-int CmdGet(const std::string& group, const std::vector<std::string>& members,
-           const std::string& dest, bool move) {
+namespace {
+
+std::string Target(const std::string& dest, const std::string& name) {
+  if (dest.empty()) return name;
+  return dest.back() == '/' ? dest + name : dest + "/" + name;
+}
+
+std::string TempFolder() {
+  const char* tmp = std::getenv("TMPDIR");
+  return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
+}
+
+// Copies one member into the staging folder, which is empty before.
+void StageMember(const std::string& group, const std::string& member, const Staging& staging) {
+  const HRESULT hr = Session()->GetFile(ToBstr(group).get(), ToBstr(member).get(),
+                                        ToBstr(staging.Path()).get());
+  if (FAILED(hr)) FailWithReason("cannot get " + member + " from " + group);
+}
+
+void CopyToStdout(const std::string& path) {
+  std::FILE* in = std::fopen(path.c_str(), "rb");
+  if (in == nullptr) throw Failure{"cannot read " + path};
+  char buf[1 << 16];
+  size_t n;
+  while ((n = std::fread(buf, 1, sizeof buf, in)) > 0)
+    if (std::fwrite(buf, 1, n, stdout) != n) {
+      std::fclose(in);
+      throw Failure{"cannot write to standard output"};
+    }
+  std::fclose(in);
+}
+
+// Moves what the staging folder holds into `dest`; true when every file got there.
+bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer) {
+  bool all = true;
+  for (const std::string& f : staging.Files())
+    if (!placer.Place(staging.Path() + f, Target(dest, f))) {
+      all = false;
+      std::remove((staging.Path() + f).c_str());
+    }
+  return all;
+}
+
+// The members the names stand for; names are checked before anything is asked of the group.
+MemberSelection Choose(const std::string& group, const std::vector<std::string>& names,
+                       std::vector<std::string>* all = nullptr) {
   CheckRepresentable(group, "group file name");
+  for (const std::string& m : names) CheckListItem(m, "member name");
+  std::vector<std::string> members = ListMembers(group);
+  MemberSelection chosen = SelectMembers(members, names);
+  FindNested(group, chosen);
+  if (all != nullptr) *all = std::move(members);
+  return chosen;
+}
+
+}  // namespace
+
+int CmdGet(const std::string& group, const std::vector<std::string>& members,
+           const std::string& dest, bool toStdout) {
   RequireFolder(dest);
-  for (const std::string& m : members) CheckRepresentable(m, "member name");
-  // One walk of an old-style group's table serves every member while the group is unchanged.
-  const ReuseScope reuse;
-  for (const std::string& m : members) {
-    const Bstr g = ToBstr(group), name = ToBstr(m), d = ToBstr(dest);
-    const HRESULT hr = move ? Session()->ExtractFile(g.get(), name.get(), d.get())
-                            : Session()->GetFile(g.get(), name.get(), d.get());
-    if (FAILED(hr))
-      FailWithReason("cannot " + std::string(move ? "extract " : "get ") + m + " from " + group);
+  const MemberSelection chosen = Choose(group, members);
+  int status = kExitOk;
+  if (!chosen.found.empty()) {
+    // One walk of an old-style group's table serves every member while the group is unchanged.
+    const ReuseScope reuse;
+    Staging staging(toStdout ? TempFolder() : dest);
+    Placer placer(Settings().overwrite, {group}, Settings().verbose);
+    for (const std::string& m : chosen.found) {
+      StageMember(group, m, staging);
+      if (!toStdout) {
+        PlaceStaged(staging, dest, placer);
+        continue;
+      }
+      for (const std::string& f : staging.Files()) {
+        CopyToStdout(staging.Path() + f);
+        std::remove((staging.Path() + f).c_str());
+      }
+    }
+    std::fflush(stdout);
+    status = placer.Report(Settings().quiet);
   }
-  return kExitOk;
+  if (chosen.missing.empty()) return status;
+  std::fprintf(stderr, "qxgroup: %s\n", NoSuchMembers(chosen.missing, group).c_str());
+  return kExitMissing;
+}
+
+int CmdExtract(const std::string& group, const std::vector<std::string>& members,
+               const std::string& dest) {
+  RequireFolder(dest);
+  std::vector<std::string> all;
+  const MemberSelection chosen = Choose(group, members, &all);
+  if (!chosen.missing.empty())
+    throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted"};
+  // Every member of the group's own list named (members inside nested groups do not count).
+  const auto topLevel = std::count_if(chosen.found.begin(), chosen.found.end(), [&](auto& m) {
+    return std::find(all.begin(), all.end(), m) != all.end();
+  });
+  if (static_cast<size_t>(topLevel) == all.size())
+    throw Failure{group + ": extracting every member would leave the group empty; nothing "
+                  "extracted (`expand` copies them all out)"};
+  Staging staging(dest);
+  Placer placer(Settings().overwrite, {group}, Settings().verbose);
+  std::vector<std::string> placed;
+  const ReuseScope reuse;  // the group is unchanged until the one delete at the end
+  for (const std::string& m : chosen.found) {
+    StageMember(group, m, staging);
+    if (PlaceStaged(staging, dest, placer)) placed.push_back(m);
+  }
+  // Only members whose file is in place leave the group, in one write.
+  if (!placed.empty()) {
+    const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(),
+                                              ToBstr(JoinList(placed, "member name")).get());
+    if (FAILED(hr)) FailWithReason("the files were written but the members stay in " + group);
+    if (Settings().verbose)
+      for (const std::string& m : placed)
+        std::fprintf(stderr, "qxgroup: deleted %s from %s\n", m.c_str(), group.c_str());
+  }
+  return placer.Report(Settings().quiet);
 }
 
 int CmdExpand(const std::string& group, const std::string& dest) {
   CheckRepresentable(group, "group file name");
   RequireFolder(dest);
-  const HRESULT hr = Session()->ExpandGrpFile(ToBstr(group).get(), ToBstr(dest).get());
+  Staging staging(dest);
+  const HRESULT hr = Session()->ExpandGrpFile(ToBstr(group).get(), ToBstr(staging.Path()).get());
   if (FAILED(hr)) FailWithReason("cannot expand " + group);
-  return kExitOk;
+  Placer placer(Settings().overwrite, {group}, Settings().verbose);
+  PlaceStaged(staging, dest, placer);
+  return placer.Report(Settings().quiet);
 }
 
 int CmdFlash(const std::string& file, const std::string& dest) {
   CheckRepresentable(file, "file name");
   RequireFolder(dest);
+  Staging staging(dest);
   Bstr outfiles;
-  const HRESULT hr =
-      Session()->ExpandFlashFile(ToBstr(file).get(), ToBstr(dest).get(), outfiles.address());
-  const std::string written = FromBstr(outfiles.get());
-  PrintList(written);
+  const HRESULT hr = Session()->ExpandFlashFile(ToBstr(file).get(), ToBstr(staging.Path()).get(),
+                                                outfiles.address());
   if (hr == E_NOTIMPL) throw Failure{"splitting flash files is not part of this build"};
   if (FAILED(hr)) FailWithReason("cannot split " + file);
-  if (hr == S_FALSE) {
-    const std::string why = TakeErrorDescription();
-    if (written.empty()) throw Failure{why.empty() ? "not a flash file: " + file : why};
-    std::fprintf(stderr, "qxgroup: warning: %s\n",
-                 why.empty() ? (file + " ends with bytes that are not a flash record").c_str()
-                             : why.c_str());
-    return kExitPartial;
+  const std::string why = hr == S_FALSE ? TakeErrorDescription() : std::string();
+  Placer placer(Settings().overwrite, {file}, Settings().verbose);
+  size_t written = 0;
+  for (const std::string& out : SplitCommaList(FromBstr(outfiles.get()))) {
+    const std::string name = out.substr(out.find_last_of("/\\") + 1);
+    ++written;
+    if (placer.Place(staging.Path() + name, Target(dest, name)))
+      std::printf("%s\n", Target(dest, name).c_str());
   }
-  return kExitOk;
+  std::fflush(stdout);
+  int status = placer.Report(Settings().quiet);
+  if (hr == S_FALSE) {
+    if (written == 0) throw Failure{why.empty() ? "not a flash file: " + file : why};
+    if (!Settings().quiet)
+      std::fprintf(stderr, "qxgroup: warning: %s\n",
+                   why.empty() ? (file + " ends with bytes that are not a flash record").c_str()
+                               : why.c_str());
+    status = kExitPartial;
+  }
+  return status;
 }
 
-int CmdSplitPath(const std::string& path) {
+namespace {
+
+// SplitPath's two parts; Failure when no group file is on the path.
+std::pair<std::string, std::string> GroupParts(const std::string& path) {
   CheckRepresentable(path, "path");
   Bstr group = ToBstr(path), inGroup;
   Session()->SplitPath(group.address(), inGroup.address());
-  std::printf("%s\n%s\n", FromBstr(group.get()).c_str(), FromBstr(inGroup.get()).c_str());
+  std::pair<std::string, std::string> parts{FromBstr(group.get()), FromBstr(inGroup.get())};
+  if (parts.first.empty()) throw Failure{path + ": no group file on this path"};
+  return parts;
+}
+
+// "yes"/"no", or {"path":...,"exists":true} with --json.
+void PrintAnswer(const std::string& path, const char* key, bool yes) {
+  if (!Settings().json) {
+    std::printf("%s\n", yes ? "yes" : "no");
+    return;
+  }
+  JsonObject doc;
+  doc.AddString("path", path);
+  doc.AddRaw(key, JsonBool(yes));
+  PrintJson(doc.Str());
+}
+
+}  // namespace
+
+int CmdSplitPath(const std::string& path) {
+  const auto [group, inGroup] = GroupParts(path);
+  if (Settings().json) {
+    JsonObject doc;
+    doc.AddString("group", group);
+    doc.AddString("inGroup", inGroup);
+    PrintJson(doc.Str());
+    return kExitOk;
+  }
+  std::printf("%s\n%s\n", group.c_str(), inGroup.c_str());
   return kExitOk;
 }
 
@@ -185,15 +380,20 @@ int CmdIsGroup(const std::string& path) {
   LONG value = 0;
   const HRESULT hr = Session()->get_IsGroup(ToBstr(path).get(), &value);
   if (FAILED(hr)) FailWithReason("cannot tell whether " + path + " is a group");
-  std::printf("%s\n", value ? "yes" : "no");
+  PrintAnswer(path, "isGroup", value != 0);
   return value ? kExitOk : kExitFailed;
 }
 
 int CmdExists(const std::string& path) {
   CheckRepresentable(path, "path");
+  if (fs::GetAttributes(Ansi(path)) != fs::kInvalidAttributes)
+    throw UsageError{path + " is a file; `exists` asks about a member (GROUP/MEMBER), "
+                     "`is-group` about a file"};
+  GroupParts(path);
   LONG value = 0;
   Session()->get_DoesPathExist(ToBstr(path).get(), &value);
-  std::printf("%s\n", value ? "yes" : "no");
+  TakeErrorDescription();  // the answer is the result
+  PrintAnswer(path, "exists", value != 0);
   return value ? kExitOk : kExitFailed;
 }
 

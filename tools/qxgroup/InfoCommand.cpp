@@ -8,6 +8,8 @@
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Commands.h"
+#include "qxgroup/Json.h"
+#include "qxgroup/JsonOutput.h"
 
 namespace qx::cli {
 
@@ -50,7 +52,10 @@ std::string Describe(const std::string& path) {
 
 int CmdInfo(const std::vector<std::string>& files) {
   int status = kExitOk;
+  std::string json;  // with --json: the array of {"file":...,"info":...} or {"file":...,"error":...}
   for (const std::string& f : files) {
+    JsonObject entry;
+    entry.AddString("file", f);
     const std::string path = codepage::Utf8ToAnsi(f);
     const uint32_t attrs = fs::GetAttributes(path);
     const char* problem = attrs == fs::kInvalidAttributes  ? "no such file"
@@ -60,10 +65,15 @@ int CmdInfo(const std::vector<std::string>& files) {
     if (problem != nullptr) {
       std::fprintf(stderr, "qxgroup: %s: %s\n", f.c_str(), problem);
       status = kExitFailed;
-      continue;
+      entry.AddString("error", problem);
+    } else if (Settings().json) {
+      entry.AddString("info", Describe(path));
+    } else {
+      std::printf("%s: %s\n", f.c_str(), Describe(path).c_str());
     }
-    std::printf("%s: %s\n", f.c_str(), Describe(path).c_str());
+    json += (json.empty() ? "" : ",") + entry.Str();
   }
+  if (Settings().json) PrintJson("{\"files\":[" + json + "]}");
   return status;
 }
 

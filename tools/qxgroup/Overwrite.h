@@ -1,0 +1,65 @@
+// Files the component writes out (get, extract, expand, flash) are made in a staging folder
+// beside their destination and then moved into place one at a time, so that an existing file
+// is never written over unasked and the file being read is never written over at all.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace qx::cli {
+
+// What to do with a file that is already where a written file would go.
+enum class Overwrite {
+  Keep,    // keep it and report it (no -o/-n and no terminal to ask on)
+  Always,  // -o/--overwrite
+  Never,   // -n/--never-overwrite: keep it without a word
+  Ask,     // ask on the terminal
+};
+
+// -o and -n win; else ask when standard input and the controlling terminal are a terminal.
+Overwrite ChooseOverwrite(bool overwrite, bool never);
+
+// A hidden folder made in `dest` ("" = the current folder), removed with what is left in it.
+// Throws Failure when the folder cannot be made there (naming `dest` and why).
+class Staging {
+ public:
+  explicit Staging(const std::string& dest);
+  ~Staging();
+  Staging(const Staging&) = delete;
+  Staging& operator=(const Staging&) = delete;
+
+  // UTF-8 path of the folder, ending in "/".
+  const std::string& Path() const { return path_; }
+  // Names of the files in it, sorted.
+  std::vector<std::string> Files() const;
+
+ private:
+  std::string path_;
+};
+
+// Moves staged files into their destination under one overwrite rule.
+class Placer {
+ public:
+  // `inputs`: the files being read; they are never written over, whatever the rule.
+  Placer(Overwrite rule, std::vector<std::string> inputs, bool verbose);
+
+  // Moves `staged` to `target` (both UTF-8). True when it is now there.
+  bool Place(const std::string& staged, const std::string& target);
+
+  // Existing files kept that the user was not told about yet, and the status for them:
+  // kExitPartial when any was kept without -n or an answer, else kExitOk.
+  int Report(bool quiet) const;
+
+ private:
+  bool IsInput(const std::string& target) const;
+  // Asks about `target`; updates rule_ for the answers that stand for the rest.
+  bool AskOverwrite(const std::string& target);
+
+  Overwrite rule_;
+  std::vector<std::string> inputs_;
+  bool verbose_;
+  std::vector<std::string> kept_;
+  std::vector<std::string> inputsKept_;
+};
+
+}  // namespace qx::cli
