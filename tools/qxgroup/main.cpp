@@ -51,7 +51,6 @@ struct Options {
   std::vector<std::string> args;
   std::vector<std::string> sets;
   std::string progId;
-  bool json = false;
   bool unregister = false;
   std::string module;
 };
