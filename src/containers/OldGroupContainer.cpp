@@ -4,7 +4,6 @@
 #include <cstring>
 #include <mutex>
 
-#include <sys/stat.h>
 
 #include "containers/ContentsXml.h"
 #include "formats/DeviceFamily.h"
@@ -43,35 +42,13 @@ int32_t OldGroupContainer::SetPath(const std::string& path) {
 
 namespace {
 
-// What identifies a file's contents well enough to serve its listing again.
-struct FileStamp {
-  dev_t device = 0;
-  ino_t inode = 0;
-  off_t size = 0;
-  timespec modified{};
-  timespec changed{};
-
-  bool operator==(const FileStamp& o) const {
-    return device == o.device && inode == o.inode && size == o.size &&
-           modified.tv_sec == o.modified.tv_sec && modified.tv_nsec == o.modified.tv_nsec &&
-           changed.tv_sec == o.changed.tv_sec && changed.tv_nsec == o.changed.tv_nsec;
-  }
-};
-
-bool Stamp(const std::string& path, FileStamp& out) {
-  struct stat st {};
-  if (::stat(fs::ToNative(path).c_str(), &st) != 0) return false;
-  out = {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
-  return true;
-}
-
 // The listing kept for the current run of ReuseScopes.
 struct ReusedListing {
   std::mutex lock;
   uint64_t run = 0;
   std::string path;
   std::string family;
-  FileStamp stamp;
+  fs::FileStamp stamp;
   std::shared_ptr<const void> listing;
 };
 
@@ -84,14 +61,14 @@ ReusedListing& Reused() {
 
 std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing() {
   ReusedListing& reused = Reused();
-  FileStamp stamp;
+  fs::FileStamp stamp;
   bool reusable = false;
   std::shared_ptr<const Listing> listing;
   const uint64_t run = ReuseScope::Current();
   {
     std::lock_guard<std::mutex> guard(reused.lock);
     if (reused.run != run) reused.listing.reset();  // kept under an earlier run: let it go
-    reusable = run != 0 && Stamp(path_, stamp);
+    reusable = run != 0 && fs::StampOf(path_, stamp);
     if (reusable && reused.listing && reused.run == run && reused.path == path_ &&
         reused.family == family_ && reused.stamp == stamp)
       listing = std::static_pointer_cast<const Listing>(reused.listing);
@@ -106,8 +83,8 @@ std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing
       fresh->index.emplace(ToLower1252(fresh->names[i]), i);
     listing = fresh;
     // Kept only when the file was not changed while it was read.
-    FileStamp after;
-    if (reusable && Stamp(path_, after) && after == stamp) {
+    fs::FileStamp after;
+    if (reusable && fs::StampOf(path_, after) && after == stamp) {
       std::lock_guard<std::mutex> guard(reused.lock);
       {
         reused.run = run;

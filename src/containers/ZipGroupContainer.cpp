@@ -95,6 +95,7 @@ ZipGroupContainer::~ZipGroupContainer() = default;
 bool ZipGroupContainer::Open() {
   indexStale_ = true;
   copies_.clear();
+  if (!fs::StampOf(path_, opened_)) opened_ = {};
   return zip_.OpenZip(path_.c_str());  // IsValid decides whether the container is used at all
 }
 
@@ -364,7 +365,17 @@ bool ZipGroupContainer::DeleteOne(const std::string& name, bool& handled) {
 }
 
 bool ZipGroupContainer::ReopenLocked() {
-  if (Open()) return true;
+  // What was opened is what the lock now guards unless another writer replaced it meanwhile.
+  // Only the first change after opening may take that shortcut: a change made in memory and
+  // then not written must never be built on.
+  fs::FileStamp now;
+  const bool same = fs::StampOf(path_, now) && now == opened_;
+  opened_ = {};
+  if (same) return true;
+  if (Open()) {
+    opened_ = {};
+    return true;
+  }
   diag::Record("cannot-read", path_, "changed while waiting for the write lock and no longer opens ("
                                          + LastLog(zip_) + ")");
   return false;

@@ -21,6 +21,7 @@
 
 #include "archive/VxZip.h"
 #include "containers/GroupContainer.h"
+#include "platform/fs.h"
 
 namespace qx {
 
@@ -100,6 +101,7 @@ class ZipGroupContainer : public GroupContainer {
   VxZip zip_;
   std::unordered_map<std::string, IndexSlot> memberIndex_;
   bool indexStale_ = true;
+  fs::FileStamp opened_;  // the file Open read, while no change has been made since
   std::vector<std::unique_ptr<nested::MemberCopy>> copies_;  // changed nested groups of the call
   uint64_t touches_ = 0;
 };

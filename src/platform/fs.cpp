@@ -263,4 +263,17 @@ bool Finder::Next(FindData& found) {
   return false;
 }
 
+bool FileStamp::operator==(const FileStamp& o) const {
+  return device == o.device && inode == o.inode && size == o.size &&
+         modified.tv_sec == o.modified.tv_sec && modified.tv_nsec == o.modified.tv_nsec &&
+         changed.tv_sec == o.changed.tv_sec && changed.tv_nsec == o.changed.tv_nsec;
+}
+
+bool StampOf(const std::string& path, FileStamp& out) {
+  struct stat st {};
+  if (::stat(ToNative(path).c_str(), &st) != 0) return false;
+  out = {st.st_dev, st.st_ino, st.st_size, st.st_mtim, st.st_ctim};
+  return true;
+}
+
 }  // namespace qx::fs

@@ -33,6 +33,20 @@ uint32_t GetAttributes(const std::string& path);
 // True when a file or folder exists at the path.
 bool Exists(const std::string& path);
 
+// One version of a file's contents: every rewrite of a group replaces the file by rename (a new
+// inode), and size and times catch the rest. Equal stamps: the same bytes, as far as can be told
+// without reading them.
+struct FileStamp {
+  uint64_t device = 0;
+  uint64_t inode = 0;
+  int64_t size = 0;
+  timespec modified{};
+  timespec changed{};
+  bool operator==(const FileStamp& o) const;
+};
+// The stamp of the file at `path` (links followed); false when there is none.
+bool StampOf(const std::string& path, FileStamp& out);
+
 // A file opened for binary reading or writing; closed by the destructor.
 class File {
  public:
