@@ -266,6 +266,10 @@ TEST_F(MAGroupTest, Validity) {
     OldGroupContainerMA c(dir_.Write("v.mag", row.bytes), nullptr);
     EXPECT_EQ(c.IsValid(), row.valid);
   }
+  // A group that went away after it was opened is no longer one.
+  OldGroupContainerMA gone(dir_.Write("gone.mag", MAGroupFile(kMA, {{"main", {kA}}})), nullptr);
+  std::filesystem::remove(dir_ / "gone.mag");
+  EXPECT_EQ(gone.IsValid(), 0);
 }
 
 // Damaged tables: reading never runs past the bytes, and a change is refused without touching
