@@ -101,7 +101,7 @@ struct Outcome {
   bool fired = false;
 };
 
-Outcome Run(const Operation& op, const std::string& dir, long failAt) {
+Outcome RunOnce(const Operation& op, const std::string& dir, long failAt) {
   stdfs::remove_all(dir);
   stdfs::create_directories(dir);
   const std::string group = dir + "/" + op.group;
@@ -147,12 +147,12 @@ TEST(AllocationFailure, EveryAllocationFailsOnceInTurn) {
   for (const Operation& op : ops) {
     SCOPED_TRACE(op.name);
     const std::string original = ReadAll(kSamples + op.group);
-    const Outcome whole = Run(op, dir, -1);
+    const Outcome whole = RunOnce(op, dir, -1);
     ASSERT_EQ(whole.hr, S_OK) << whole.why;
     long n = 0;
     for (;; ++n) {
       SCOPED_TRACE("allocation " + std::to_string(n));
-      const Outcome o = Run(op, dir, n);
+      const Outcome o = RunOnce(op, dir, n);
       EXPECT_LE(o.live, whole.live) << "blocks left behind";
       if (!o.fired) {
         EXPECT_EQ(o.hr, S_OK);
