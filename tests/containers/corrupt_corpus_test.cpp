@@ -65,7 +65,9 @@ std::string Read(const std::string& reader, const std::string& path, const std::
   }
   if (reader == "zip") {
     VxZip zip;
-    if (zip.OpenZip(path.c_str())) EXPECT_FALSE(zip.Extract(out.c_str()));
+    if (zip.OpenZip(path.c_str())) {
+      EXPECT_FALSE(zip.Extract(out.c_str()));
+    }
     return Joined(zip.Log());
   }
   VxXml doc;
