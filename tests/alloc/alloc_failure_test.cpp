@@ -75,13 +75,15 @@ Bstr B(const std::string& utf8) { return Bstr(codepage::Utf8ToWide(utf8)); }
 struct Operation {
   const char* name;
   const char* group;  // a sample, copied fresh for every run
-  const char* kind;   // "list", "add" or "delete"
+  const char* kind;   // "list", "xml", "add" or "delete"
   std::string argument;
 };
 
 HRESULT Call(IGroupManager2* fm, const Operation& op, const Bstr& group, const Bstr& argument,
              Bstr& names) {
   if (std::string(op.kind) == "list") return fm->ReadContents(group.get(), names.receive());
+  if (std::string(op.kind) == "xml")
+    return fm->ReadContentsXml(group.get(), 0, argument.get(), names.receive());
   if (std::string(op.kind) == "add") return fm->AddFiles(group.get(), argument.get(), nullptr);
   return fm->DeleteFiles(group.get(), argument.get());
 }
@@ -131,6 +133,7 @@ TEST(AllocationFailure, EveryAllocationFailsOnceInTurn) {
   const Operation ops[] = {
       {"list MA group", "school.mag", "list", ""},
       {"list KDX group", "math.kdg", "list", ""},
+      {"contents XML of MA group", "school.mag", "xml", ""},
       {"add to MA group", "school.mag", "add", kSamples + "area.rap"},
       {"delete from MA group", "school.mag", "delete", "main.PROG1.map"},
       {"delete from KDX group", "math.kdg", "delete", "A.kdn"},
