@@ -17,6 +17,8 @@
 
 namespace qx::zip {
 
+size_t g_testReadSize = 0;
+
 namespace {
 
 bool ReadAt(fs::File& file, uint64_t offset, void* buffer, size_t size) {
@@ -34,7 +36,8 @@ class HeaderScanner {
   uint64_t Next(uint64_t from) {
     while (from + 4 <= size_) {
       if (from < start_ || from + 4 > start_ + buf_.size()) {
-        const size_t want = static_cast<size_t>(std::min<uint64_t>(chunk_ + 3, size_ - from));
+        const size_t read = g_testReadSize != 0 ? g_testReadSize : chunk_ + 3;
+        const size_t want = static_cast<size_t>(std::min<uint64_t>(read, size_ - from));
         chunk_ = std::min(chunk_ * 2, kChunk);
         buf_.resize(want);
         start_ = from;
@@ -76,7 +79,7 @@ class WindowReader {
   bool Read(uint64_t offset, void* out, size_t n) {
     if (offset > size_ || n > size_ - offset) return false;
     if (offset < start_ || offset + n > start_ + window_.size()) {
-      const size_t want = static_cast<size_t>(std::min<uint64_t>(std::max<size_t>(n, kWindow), size_ - offset));
+      const size_t want = static_cast<size_t>(std::min<uint64_t>(std::max<size_t>(n, g_testReadSize != 0 ? g_testReadSize : kWindow), size_ - offset));
       window_.resize(want);
       if (!ReadAt(file_, offset, window_.data(), want)) {
         window_.clear();
@@ -354,7 +357,8 @@ bool OpenArchive(ArchiveState& s) {
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink) {
   if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
   // No larger than the member: zeroing a whole chunk per small member dominated rewrites.
-  std::vector<unsigned char> buf(static_cast<size_t>(std::min<uint64_t>(kChunk, r.compressedSize)));
+  const uint64_t chunk = g_testReadSize != 0 ? g_testReadSize : kChunk;
+  std::vector<unsigned char> buf(static_cast<size_t>(std::min<uint64_t>(chunk, r.compressedSize)));
   uint64_t left = r.compressedSize;
   while (left > 0) {
     const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));

@@ -9,6 +9,10 @@
 
 namespace qx::zip {
 
+// Tests set this to read archives in pieces of that many bytes (at least 4; 0: the normal
+// sizes), so that signatures and fields straddling two reads are exercised.
+extern size_t g_testReadSize;
+
 // Opens s.path and reads its headers into the list (any list is dropped first by the caller).
 // On failure the state is left without a list, the reason logged and recorded as the call's
 // diagnostic with the entry and byte offset at fault.

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "archive/VxZip.h"
+#include "support/Bytes.h"
 
 namespace qx::ziptest {
 
@@ -21,14 +22,8 @@ inline bool Logged(const VxZip& zip, const std::string& message) {
 }
 inline VxByteData Bytes(const std::string& s) { return VxByteData(s.data(), s.size()); }
 
-inline void Put16(std::string& s, uint32_t v) {
-  s += static_cast<char>(v & 0xFF);
-  s += static_cast<char>((v >> 8) & 0xFF);
-}
-inline void Put32(std::string& s, uint32_t v) {
-  Put16(s, v & 0xFFFF);
-  Put16(s, v >> 16);
-}
+inline void Put16(std::string& s, uint32_t v) { s += test::Le16(v); }
+inline void Put32(std::string& s, uint32_t v) { s += test::Le32(v); }
 inline uint32_t Get16(const std::string& s, size_t at) {
   return static_cast<unsigned char>(s.at(at)) | static_cast<unsigned char>(s.at(at + 1)) << 8;
 }

@@ -61,37 +61,8 @@ std::string Tool(const std::string& tool) {
   return std::system(("command -v " + tool + " >/dev/null 2>&1").c_str()) == 0 ? tool : "";
 }
 
-// Lists an archive the way zipfile reads it (one member a line: name bytes in hex, sizes,
-// external attributes, method, UTF-8 flag, date and time), checks every CRC with testzip(), and
-// writes each member's bytes to <argv[2]>/<index> so content is compared without our reader.
-constexpr const char* kLister = R"PY(
-import os, sys, zipfile
-z = zipfile.ZipFile(sys.argv[1])
-for n, i in enumerate(z.infolist()):
-    raw = i.filename.encode('utf-8' if i.flag_bits & 0x800 else 'cp437')
-    print('n' + raw.hex(), i.file_size, i.compress_size, i.external_attr, i.compress_type,
-          1 if i.flag_bits & 0x800 else 0, *i.date_time)
-    if len(sys.argv) > 2:
-        with open(os.path.join(sys.argv[2], str(n)), 'wb') as f:
-            f.write(z.read(i))
-print('comment', 'x' + z.comment.hex())
-bad = z.testzip()
-print('testzip', 'ok' if bad is None else 'bad')
-)PY";
-
-// Writes the current folder's tree with zipfile: argv[1] "deflated" or "stored"; argv[2] a path,
-// or "-" for standard output, which in a pipe cannot seek, so every member gets a data descriptor.
-constexpr const char* kMaker = R"PY(
-import os, sys, zipfile
-method = zipfile.ZIP_STORED if sys.argv[1] == 'stored' else zipfile.ZIP_DEFLATED
-out = sys.stdout.buffer if sys.argv[2] == '-' else sys.argv[2]
-with zipfile.ZipFile(out, 'w', method) as z:
-    for root, dirs, files in os.walk('.'):
-        dirs.sort()
-        for name in dirs + sorted(files):
-            path = os.path.join(root, name)
-            z.write(path, os.path.relpath(path, '.'))
-)PY";
+// Python zipfile helpers, beside this file: an independent lister and maker.
+const std::string kScripts = QX_TEST_DATA_DIR "/../archive/";
 
 struct Listed {
   std::string name;  // as stored
@@ -126,10 +97,9 @@ std::string FromHex(const std::string& hex) {
 }
 
 // Python's view of an archive; `contentDir` (optional) receives each member's bytes.
-bool ListWithPython(const TempDir& dir, const std::string& archive, Listing& listing,
+bool ListWithPython(const std::string& archive, Listing& listing,
                     const std::string& contentDir = {}) {
-  const std::string script = dir / "lister.py";
-  if (!stdfs::exists(script)) dir.Write("lister.py", kLister);
+  const std::string script = kScripts + "zip_lister.py";
   RunResult r = Shell("python3 " + Q(script) + " " + Q(archive) + (contentDir.empty() ? "" : " " + Q(contentDir)));
   if (r.status != 0) {
     ADD_FAILURE() << "python zipfile refused " << archive << ":\n" << r.output;
@@ -304,7 +274,7 @@ TEST_P(WrittenByUs, PeerAccepts) {
   } else if (checker == "python3") {
     stdfs::create_directories(out);
     Listing l;
-    ASSERT_TRUE(ListWithPython(ours.dir, ours.path, l, out));
+    ASSERT_TRUE(ListWithPython(ours.path, l, out));
     EXPECT_TRUE(l.crcsOk);
     ASSERT_EQ(l.members.size(), ours.members.size());
     for (size_t i = 0; i < ours.members.size(); ++i) {
@@ -382,7 +352,7 @@ class WrittenByPeer : public ::testing::TestWithParam<PeerRow> {
     if (tool.empty()) GTEST_SKIP() << row.tool << " is not installed";
     if (Tool("python3").empty()) GTEST_SKIP() << "python3 (the independent lister) is not installed";
     ASSERT_NO_FATAL_FAILURE(MakeSourceTree(source, row.nestedZip));
-    const std::string maker = dir.Write("maker.py", kMaker);
+    const std::string maker = kScripts + "zip_maker.py";
     RunResult made = Shell("cd " + Q(source) + " && OUT=" + Q(archive) + " Z=" + Q(tool) + " MAKER=" +
                            Q(maker) + " LC_ALL=C.UTF-8 sh -c " + Q(row.command));
     ASSERT_EQ(made.status, 0) << made.output;
@@ -412,7 +382,7 @@ TEST_P(WrittenByPeer, OpensListsAndExtracts) {
   ASSERT_NO_FATAL_FAILURE(MakePeerArchive());
   if (IsSkipped()) return;
   Listing listing;
-  ASSERT_TRUE(ListWithPython(dir, archive, listing));
+  ASSERT_TRUE(ListWithPython(archive, listing));
   ASSERT_TRUE(listing.crcsOk);
 
   VxZip zip;
@@ -467,7 +437,7 @@ TEST_P(WrittenByPeer, RewrittenByUsStillReads) {
   ASSERT_NO_FATAL_FAILURE(MakePeerArchive());
   if (IsSkipped()) return;
   Listing before;
-  ASSERT_TRUE(ListWithPython(dir, archive, before));
+  ASSERT_TRUE(ListWithPython(archive, before));
   const auto dropped = std::find_if(before.members.begin(), before.members.end(),
                                     [](const Listed& m) { return m.name == "a.txt" || m.name == "./a.txt"; });
   ASSERT_NE(dropped, before.members.end());
@@ -478,7 +448,7 @@ TEST_P(WrittenByPeer, RewrittenByUsStillReads) {
   const std::string contents = dir / "contents";
   stdfs::create_directories(contents);
   Listing after;
-  ASSERT_TRUE(ListWithPython(dir, rewritten, after, contents));
+  ASSERT_TRUE(ListWithPython(rewritten, after, contents));
   EXPECT_TRUE(after.crcsOk);
   before.members.erase(dropped);
   ASSERT_EQ(after.members.size(), before.members.size() + 1);

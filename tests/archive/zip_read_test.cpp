@@ -7,6 +7,7 @@
 
 #include "archive/VxZip.h"
 #include "archive/ZipBytes.h"
+#include "archive/ZipRead.h"
 #include "platform/Diagnostic.h"
 #include "support/TempDir.h"
 
@@ -80,9 +81,17 @@ std::vector<OpenRow> OpenRows() {
   };
 }
 
+// Every row also with the archive read 37 bytes at a time, so fields and signatures straddle reads.
+struct ReadSize {
+  explicit ReadSize(size_t n) { zip::g_testReadSize = n; }
+  ~ReadSize() { zip::g_testReadSize = 0; }
+};
+constexpr size_t kReadSizes[] = {0, 37};
+
 TEST(ZipRead, OpensWellFormedArchivesAndRefusesDamagedOnes) {
-  for (const OpenRow& row : OpenRows()) {
-    SCOPED_TRACE(row.label);
+  for (const size_t readSize : kReadSizes) for (const OpenRow& row : OpenRows()) {
+    SCOPED_TRACE(std::string(row.label) + ", reads of " + std::to_string(readSize));
+    const ReadSize reads(readSize);
     TempDir dir;
     const std::string path = dir.Write("t.zip", row.bytes);
     VxZip zip;
@@ -162,9 +171,13 @@ TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
   // The file is searched in chunks; put signatures across the first chunk boundaries.
   for (size_t filler = 780; filler < 1030; ++filler)
     rows.push_back({"f.bin", std::string(filler, 'f') + inner, 0});
-  for (const Member& member : rows) for (bool signature : {true, false}) {
+  // With 37-byte reads every few bytes is a read boundary: the first fillers cover them all.
+  for (const size_t readSize : kReadSizes) for (size_t i = 0; i < (readSize == 0 ? rows.size() : 40); ++i)
+  for (bool signature : {true, false}) {
+    const Member& member = rows[i];
     SCOPED_TRACE(member.name + ", " + std::to_string(member.data.size()) + " bytes, signature " +
-                 std::to_string(signature));
+                 std::to_string(signature) + ", reads of " + std::to_string(readSize));
+    const ReadSize reads(readSize);
     TempDir dir;
     const Member streamed = Described(member, signature);
     const std::string path = dir.Write(

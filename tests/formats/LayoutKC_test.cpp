@@ -4,7 +4,7 @@
 
 #include "formats/DeviceFamily.h"
 #include "formats/LayoutKC.h"
-#include "formats/ByteBuilder.h"
+#include "support/Bytes.h"
 
 namespace qx {
 namespace {
@@ -179,17 +179,19 @@ TEST(LayoutKC, DamagedFiles) {
     size_t at;
     std::vector<unsigned char> with;
     size_t entries;
+    bool truncated;  // the walk wanted bytes past the end
   } rows[] = {
-      {"huge h ends the walk after the entry", 55, {0xFF, 0xFF}, 1},
-      {"huge d steps past the section", 55 + 13, {0xFF, 0x7F}, 1},
-      {"data length beyond the file", 53, {0xFF, 0xFF}, 3},
-      {"data length inside the first entry", 53, {0x05, 0x00}, 1},
+      {"huge h ends the walk after the entry", 55, {0xFF, 0xFF}, 1, true},
+      {"huge d steps past the section", 55 + 13, {0xFF, 0x7F}, 1, false},
+      {"data length beyond the file", 53, {0xFF, 0xFF}, 3, true},
+      {"data length inside the first entry", 53, {0x05, 0x00}, 1, false},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.what);
     std::vector<unsigned char> b = good.vec();
     std::copy(r.with.begin(), r.with.end(), b.begin() + static_cast<ptrdiff_t>(r.at));
     EXPECT_EQ(WalkKCGroup(b, kSigKC).entries.size(), r.entries);
+    EXPECT_EQ(WalkKCGroup(b, kSigKC).truncated, r.truncated);
   }
   // An entry to keep that runs past the section refuses the delete.
   std::vector<unsigned char> b = good.vec();

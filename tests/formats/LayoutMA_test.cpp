@@ -6,7 +6,7 @@
 #include "formats/DeviceFamily.h"
 #include "formats/GroupComment.h"
 #include "formats/LayoutMA.h"
-#include "formats/ByteBuilder.h"
+#include "support/Bytes.h"
 
 namespace qx {
 namespace {
@@ -301,6 +301,19 @@ TEST(LayoutMA, BoundsHoldAtTheirEdges) {
     ASSERT_TRUE(MABlock(b, w.members[2]));  // the last block ends with the file
     EXPECT_EQ(MABlock(b, w.members[2])->size(), 3u);
   }
+}
+
+// The entry count is a 16-bit field: a member needs one free entry, a new folder two.
+TEST(LayoutMA, EntryCountStopsAt65535) {
+  MAGroup g = MAGroup::NewEmpty(kSigMA, kWhenText);  // main: one entry
+  while (g.EntryCount() < 0xFFFD) ASSERT_TRUE(g.InsertFirst(0, Var("v", 0x12, "")));
+  EXPECT_TRUE(g.AppendFolder(MakeNameField("f"), Var("w", 0x12, "")));  // 0xFFFF entries
+  g = MAGroup::NewEmpty(kSigMA, kWhenText);
+  while (g.EntryCount() < 0xFFFE) ASSERT_TRUE(g.InsertFirst(0, Var("v", 0x12, "")));
+  EXPECT_FALSE(g.AppendFolder(MakeNameField("f"), Var("w", 0x12, "")));
+  EXPECT_TRUE(g.InsertFirst(0, Var("v", 0x12, "")));
+  EXPECT_FALSE(g.InsertFirst(0, Var("v", 0x12, "")));
+  EXPECT_EQ(g.EntryCount(), 0xFFFFu);
 }
 
 TEST(LayoutMA, SingleVariableFiles) {

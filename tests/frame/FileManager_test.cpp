@@ -266,9 +266,12 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   const Bstr group(u"g"), files(u"f");
   EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), 2);
   ASSERT_EQ(host->Messages().size(), 2u);
-  EXPECT_EQ(host->Messages()[0].text, FormatStringResource(IDS_NO_FLASHAPPS, "app.fla"));
-  EXPECT_EQ(host->Messages()[1].text, FormatStringResource(IDS_OTHER_DEVICE_TYPE, "prog.kdp"));
-  EXPECT_EQ(host->Messages()[0].caption, LoadStringResource(IDS_ADDING_FILE));
+  EXPECT_EQ(host->Messages()[0].text,
+            "Cannot add the file app.fla to the group.\nOld-style group files cannot contain FlashApps.");
+  EXPECT_EQ(host->Messages()[1].text,
+            "Cannot add the file prog.kdp to the group.\nOld-style group files can only contain files "
+            "that are of the same QX device type.");
+  EXPECT_EQ(host->Messages()[0].caption, "Adding File");
   EXPECT_EQ(host->Messages()[0].type, 0x30u);
 
   // A null handle switches the messages off again.

@@ -1,5 +1,6 @@
 // Test files written field by field, straight from the layout tables, so expected bytes never
-// come from the code under test.
+// come from the code under test: a builder for byte vectors, and the same little-endian fields
+// as strings for the tests that assemble files as text (old-style groups, zip archives).
 #pragma once
 
 #include <cstdint>
@@ -41,6 +42,16 @@ class Bytes {
  private:
   std::vector<unsigned char> b_;
 };
+
+inline std::string Le16(unsigned v) {
+  return {static_cast<char>(v & 0xFF), static_cast<char>(v >> 8 & 0xFF)};
+}
+inline std::string Le32(uint32_t v) { return Le16(v & 0xFFFF) + Le16(v >> 16); }
+inline std::string Padded(std::string_view text, size_t n) {
+  std::string s(text);
+  s.resize(n, '\0');
+  return s;
+}
 
 // The bytes of a vector as text, for readable failure messages.
 inline std::string Hex(std::span<const unsigned char> v) {
