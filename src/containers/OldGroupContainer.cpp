@@ -137,8 +137,8 @@ void OldGroupContainer::RecordUnreadableMember(const Listing& listing, size_t in
                                                const std::string& outPath) const {
   fs::DeleteFile(outPath);
   diag::Record("damaged", path_,
-               "the data of member " + std::to_string(index + 1) +
-                   " lies past the end of the file (" + std::to_string(listing.fileSize) +
+               "the data of member " + std::to_string(index + 1) + " (" + listing.names[index] +
+                   ") lies past the end of the file (" + std::to_string(listing.fileSize) +
                    " bytes when listed), or the file shrank while it was read");
 }
 
