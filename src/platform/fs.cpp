@@ -38,12 +38,14 @@ bool Exists(const std::string& path) { return GetAttributes(path) != kInvalidAtt
 
 File::~File() { Close(); }
 
-File::File(File&& other) noexcept : fp_(std::exchange(other.fp_, nullptr)) {}
+File::File(File&& other) noexcept
+    : fp_(std::exchange(other.fp_, nullptr)), pos_(std::exchange(other.pos_, 0)) {}
 
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     Close();
     fp_ = std::exchange(other.fp_, nullptr);
+    pos_ = std::exchange(other.pos_, 0);
   }
   return *this;
 }
@@ -68,20 +70,40 @@ File File::CreateWrite(const std::string& path) {
 }
 
 size_t File::Read(void* buffer, size_t size) {
-  return fp_ == nullptr || size == 0 ? 0 : std::fread(buffer, 1, size, fp_);
+  if (fp_ == nullptr || size == 0) return 0;
+  const size_t n = std::fread(buffer, 1, size, fp_);
+  pos_ = n == size && pos_ >= 0 ? pos_ + static_cast<int64_t>(n) : -1;
+  return n;
 }
 
 bool File::Write(const void* data, size_t size) {
-  return fp_ != nullptr && (size == 0 || std::fwrite(data, 1, size, fp_) == size);
+  if (fp_ == nullptr) return false;
+  if (size == 0) return true;
+  const bool ok = std::fwrite(data, 1, size, fp_) == size;
+  pos_ = ok && pos_ >= 0 ? pos_ + static_cast<int64_t>(size) : -1;
+  return ok;
 }
 
 bool File::Seek(uint64_t offset) {
-  return fp_ != nullptr && offset <= static_cast<uint64_t>(INT64_MAX) &&
-         ::fseeko(fp_, static_cast<off_t>(offset), SEEK_SET) == 0;
+  if (fp_ == nullptr || offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  // Readers walking a file front to back skip a few header bytes between one member's data and
+  // the next: reading past them costs nothing from the stream's buffer, a seek drops it and
+  // costs a system call per member.
+  const int64_t to = static_cast<int64_t>(offset);
+  constexpr int64_t kSkipByReading = 512;
+  if (pos_ >= 0 && to >= pos_ && to - pos_ <= kSkipByReading) {
+    unsigned char skipped[kSkipByReading];
+    const size_t gap = static_cast<size_t>(to - pos_);
+    if (gap == 0 || Read(skipped, gap) == gap) return true;
+  }
+  const bool ok = ::fseeko(fp_, static_cast<off_t>(offset), SEEK_SET) == 0;
+  pos_ = ok ? to : -1;
+  return ok;
 }
 
 uint64_t File::Tell() const {
   if (fp_ == nullptr) return 0;
+  if (pos_ >= 0) return static_cast<uint64_t>(pos_);
   const off_t pos = ::ftello(fp_);
   return pos < 0 ? 0 : static_cast<uint64_t>(pos);
 }

@@ -80,6 +80,7 @@ class File {
   friend class TempFile;
   explicit File(std::FILE* fp) : fp_(fp) {}
   std::FILE* fp_ = nullptr;
+  int64_t pos_ = 0;  // where the stream stands, as far as our own calls moved it; -1: unknown
 };
 
 // Reads a whole regular file. False when it cannot be opened or read, or is larger than maxSize.
