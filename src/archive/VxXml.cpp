@@ -1,6 +1,7 @@
 #include "archive/VxXml.h"
 
 #include <exception>
+#include <memory>
 #include <string_view>
 
 #include "archive/XmlDocument.h"
@@ -39,10 +40,12 @@ Result Guarded(const VxXml& self, void (VxXml::*record)(std::string) const, Body
 }  // namespace
 
 VxXml::VxXml() : node_(nullptr) {
-  auto* doc = new xml::Document();
+  // Owned here until its root node holds it, so a failed allocation on the way frees it.
+  auto doc = std::make_unique<xml::Document>();
   doc->root = doc->NewNode("unnamed");
   node_ = doc->root;
   xml::Retain(node_);
+  doc.release();
 }
 
 VxXml::VxXml(xml::Node* node) : node_(node) { xml::Retain(node_); }

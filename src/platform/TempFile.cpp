@@ -12,6 +12,7 @@
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <memory>
 #include <string_view>
 #include <utility>
 
@@ -86,9 +87,11 @@ bool IsOurLeftoverName(std::string_view name, std::string_view prefix) {
 // Removes hidden files a killed writer of this target left in the moment between naming its
 // new file and renaming it; only old ones, and only this user's (any, for root).
 void RemoveStaleLeftovers(const std::string& folder, std::string_view fileName) {
-  DIR* dir = ::opendir(folder.c_str());
-  if (dir == nullptr) return;
   const std::string prefix = HiddenPrefix(fileName);
+  // Closed on every way out, a failed allocation in the loop included.
+  const std::unique_ptr<DIR, int (*)(DIR*)> open(::opendir(folder.c_str()), &::closedir);
+  DIR* dir = open.get();
+  if (dir == nullptr) return;
   const time_t now = ::time(nullptr);
   const uid_t me = ::geteuid();
   while (const dirent* e = ::readdir(dir)) {
@@ -98,7 +101,6 @@ void RemoveStaleLeftovers(const std::string& folder, std::string_view fileName) 
     if (S_ISREG(st.st_mode) && (me == 0 || st.st_uid == me) && st.st_mtime + kStaleSeconds < now)
       (void)::unlinkat(::dirfd(dir), e->d_name, 0);
   }
-  ::closedir(dir);
 }
 
 // A replaced file keeps who owns it and what they may do with it; a new one gets what an
