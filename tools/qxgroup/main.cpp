@@ -55,6 +55,24 @@ struct Options {
   std::string module;
 };
 
+// The class `call --help` should list the members of: the one --class names, when it names one.
+std::string ClassNamedIn(int argc, char** argv) {
+  for (int i = 1; i < argc; ++i) {
+    const std::string_view arg = argv[i];
+    std::string name;
+    if (arg.starts_with("--class=")) name = arg.substr(8);
+    else if (arg == "--class" && i + 1 < argc) name = argv[i + 1];
+    if (name.empty()) continue;
+    try {
+      qx::cli::DescribeMembers(name);
+      return name;
+    } catch (...) {
+      break;  // an unknown class is reported when the command runs
+    }
+  }
+  return "FileManager";
+}
+
 CLI::App* Sub(CLI::App& app, const char* name, const char* help, const char* example) {
   CLI::App* sub = app.add_subcommand(name, help);
   sub->footer(std::string("Example:\n  ") + example);
@@ -242,7 +260,7 @@ int main(int argc, char** argv) {
                "  qxgroup call --ui=skip AddFiles school.mag prog1.map \"\"\n"
                "Prints {\"hr\":\"0x00000000\",\"out\":{...}} with every [out] value; exit status "
                "0 for a success code, 1 for a failure code.\n\n" +
-               DescribeMembers());
+               DescribeMembers(ClassNamedIn(argc, argv)));
   call->add_option("--ui", o.uiMode,
                    "Owner window for prompts: none, tty (ask in the terminal), or a fixed "
                    "answer: replace, all, skip, cancel")
