@@ -2,6 +2,7 @@
 # qxgroup as a person or a script runs it: exit statuses, JSON of `call`, messages on stderr.
 #   basics.sh QXGROUP SOURCE_DIR
 set -u
+source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
 qx=$1
 src=$2
 work=$(mktemp -d)
@@ -9,15 +10,6 @@ trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 failures=0
 passed=0
-
-# An empty pattern accepts anything, "^$" wants an empty stream, others are grep -E patterns.
-matches() {
-  case "$1" in
-    "") return 0 ;;
-    "^$") [ ! -s "$2" ] ;;
-    *) grep -Eq -- "$1" "$2" ;;
-  esac
-}
 
 # expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
 expect() {

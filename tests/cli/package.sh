@@ -2,6 +2,7 @@
 # qxgroup package, register and call --set, as a person or a script runs them.
 #   package.sh QXGROUP SOURCE_DIR
 set -u
+source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
 qx=$1
 samples=$2/samples
 work=$(mktemp -d)
@@ -9,15 +10,6 @@ trap 'rm -rf "$work"' EXIT
 cd "$work" || exit 1
 export QXGROUPMGR_REGISTRY=$work/reg/registry.reg
 failures=0
-
-# Patterns are grep -E; "" accepts anything and "^$" wants an empty stream.
-matches() {
-  case "$1" in
-    "") return 0 ;;
-    "^$") [ ! -s "$2" ] ;;
-    *) grep -Eq -- "$1" "$2" ;;
-  esac
-}
 
 # expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
 expect() {

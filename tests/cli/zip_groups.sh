@@ -3,6 +3,7 @@
 # and nothing left in the temporary folder.
 #   zip_groups.sh QXGROUP SOURCE_DIR
 set -u
+source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
 qx=$1
 src=$2
 work=$(mktemp -d)
@@ -12,14 +13,6 @@ export TMPDIR=$work/tmp
 mkdir "$TMPDIR"
 failures=0
 passed=0
-
-matches() {
-  case "$1" in
-    "") return 0 ;;
-    "^$") [ ! -s "$2" ] ;;
-    *) grep -Eq -- "$1" "$2" ;;
-  esac
-}
 
 # expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
 expect() {
