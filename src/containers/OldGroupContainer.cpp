@@ -95,7 +95,8 @@ std::shared_ptr<const OldGroupContainer::Listing> OldGroupContainer::ReadListing
       }
     }
   }
-  if (listing->count == 0) diag::Record("no-members", path_, "the group lists no member");
+  if (listing->count == 0 && !listing->damage) RecordLayoutFailure(listing->damage, path_);
+  else if (listing->count == 0) diag::Record("no-members", path_, "the group lists no member");
   else if (!listing->namesComplete)
     diag::Record("unreadable-name", path_,
                  "member " + std::to_string(listing->names.size() + 1) + " has no readable name");

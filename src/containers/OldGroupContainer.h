@@ -60,6 +60,7 @@ class OldGroupContainer : public GroupContainer {
     StringList names;                 // names of the first members, in order
     std::vector<uint32_t> sizes;      // their sizes, as the contents listing reports them
     bool namesComplete = true;        // false when a name could not be read (names stop there)
+    LayoutResult damage;              // why no member was reached, when the table is damaged
     std::vector<MAMemberView> ma;     // where each member stands, for the layout that read it
     std::vector<KCEntryView> kc;
     // Lower-case name -> index of the first member of that name.

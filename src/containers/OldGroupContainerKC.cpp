@@ -37,6 +37,9 @@ bool OldGroupContainerKC::LoadListing(Listing& out) {
   out.fileSize = out.file.size();
   KCWalk walk = WalkKCGroup(out.file, family_);
   out.count = walk.entries.size();
+  if (out.count == 0 && walk.truncated)
+    out.damage = LayoutResult::Fail(LayoutResult::kTruncated, out.fileSize,
+                                    "data section beyond the end of the file");
   for (const KCEntryView& e : walk.entries) {
     out.names.push_back(MemberFileNameKC(e.name, e.type, family_));
     out.sizes.push_back(static_cast<uint16_t>(e.Size()));

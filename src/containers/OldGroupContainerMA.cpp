@@ -7,6 +7,7 @@
 
 #include "formats/DeviceFamily.h"
 #include "formats/MemberNames.h"
+#include "platform/ByteOrder.h"
 #include "platform/Diagnostic.h"
 #include "platform/StreamCopy.h"
 #include "platform/TempFile.h"
@@ -64,6 +65,16 @@ bool OldGroupContainerMA::LoadListing(Listing& out) {
   if (rest > 0 && f.Read(head.data() + kMATableOffset + 4, rest) != rest) return false;
   MAWalk walk = WalkMAGroup(head, out.fileSize);
   out.count = walk.members.size();
+  // Nothing listed: say so when the header or table is damaged, as a change would be refused.
+  const bool headWhole = head.size() >= kMATableOffset + 4;
+  if (out.count == 0 && (walk.end != MAWalk::kTableEnd ||
+                         (headWhole && kMATableOffset + kMAEntrySize * uint64_t{ReadLE16(&head[kMACountOffset])} +
+                                               6 > out.fileSize)))
+    out.damage = LayoutResult::Fail(LayoutResult::kTruncated, out.fileSize,
+                                    "entry table beyond the end of the file");
+  else if (out.count == 0 && headWhole && ReadLE32(&head[kMATableOffset]) > out.fileSize)
+    out.damage = LayoutResult::Fail(LayoutResult::kBadOffset, kMATableOffset,
+                                    "first data offset beyond the end of the file");
   for (const MAMemberView& m : walk.members) {
     std::string name;
     if (!MemberName(m.folder, m.fields, family_, name)) {

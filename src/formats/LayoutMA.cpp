@@ -221,6 +221,10 @@ LayoutResult MAGroup::ParseFrom(std::span<const unsigned char> file, uint64_t fi
   if (dataStart > size) return R::Fail(R::kTruncated, tableEnd, "entry table beyond the end of the file");
   const uint32_t fileSize32 = ReadLE32(&file[tableEnd]);
   if (fileSize32 > size) return R::Fail(R::kBadOffset, tableEnd, "file size field beyond the end of the file");
+  // The listing ends the table at the first data offset: past the file, it lists nothing, and
+  // what it cannot list cannot be changed either.
+  if (count > 0 && ReadLE32(&file[kMATableOffset]) > size)
+    return R::Fail(R::kBadOffset, kMATableOffset, "first data offset beyond the end of the file");
   g.marker_ = {file[tableEnd + 4], file[tableEnd + 5]};
 
   // Folders, each followed by its members; member data offsets in order within the data area.

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "archive/VxZip.h"
-#include "archive/ZipBytes.h"
+#include "support/ZipBytes.h"
 #include "support/TempDir.h"
 
 namespace qx {

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "archive/VxZip.h"
-#include "archive/ZipBytes.h"
+#include "support/ZipBytes.h"
 #include "archive/ZipRead.h"
 #include "platform/Diagnostic.h"
 #include "support/TempDir.h"
@@ -48,6 +48,7 @@ std::vector<OpenRow> OpenRows() {
   std::string hugeName = good;
   hugeName[good.find("PK\x01\x02") + 28] = '\xFF';  // name length 0xFF.. past the end
   hugeName[good.find("PK\x01\x02") + 29] = '\xFF';
+  const std::string longExtra = std::string(good).replace(28, 2, Le16(0xFFFF));  // a's extra field
   return {
       {"two members", good, 2, ""},
       {"only the end record", BuildZip({}), 0, ""},
@@ -71,6 +72,7 @@ std::vector<OpenRow> OpenRows() {
       {"local size past the end of the file", BuildZip({longer}), -1, ""},
       {"central size differs from the local one", BuildZip({differs, b}), -1, ""},
       {"name length past the end of the file", hugeName, -1, ""},
+      {"local extra field past the end of the file", longExtra, -1, "Zip file is truncated in a local header"},
       {"fewer directory headers than members", BuildZip({a, b}, {.dropCentral = 1}), -1, ""},
       {"ZIP64 size marker", BuildZip({wide}), -1, "Zip64 archives are not supported"},
       {"ZIP64 marker in the directory only", BuildZip({wideCentral}), -1,

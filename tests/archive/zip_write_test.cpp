@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "archive/VxZip.h"
-#include "archive/ZipBytes.h"
+#include "support/ZipBytes.h"
 #include "support/TempDir.h"
 
 namespace qx {
@@ -174,6 +174,17 @@ TEST(ZipWrite, WithoutAnOpenArchiveNothingIsWritten) {
   EXPECT_FALSE(zip.WriteZip());
   EXPECT_TRUE(Logged(zip, "No zip file has been opened."));
   EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+// The end record counts entries in 16 bits: 65535 fit, one more is refused.
+TEST(ZipWrite, AtMost65535Entries) {
+  for (const int n : {65535, 65536}) {
+    TempDir dir;
+    VxZip zip;
+    ASSERT_TRUE(zip.NewZip((dir / "m.zip").c_str()));
+    for (int i = 0; i < n; ++i) zip.AppendData(std::to_string(i).c_str(), Bytes("x"))->SetCompressionMethod(0);
+    EXPECT_EQ(zip.WriteZip(), n == 65535) << n;
+  }
 }
 
 TEST(ZipWrite, CreatesTheArchiveFolderAndReplacesAnExistingFile) {

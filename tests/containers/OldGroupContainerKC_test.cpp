@@ -13,46 +13,23 @@
 namespace qx {
 namespace {
 
-using test::Le16;
-using test::Padded;
+using namespace test;
 
-using test::TempDir;
-
-// One entry with h = 11: x (= d), type, name field, d, data.
-std::string Entry(uint8_t type, std::string_view name, std::string_view data) {
-  return Le16(11) + Le16(static_cast<unsigned>(data.size())) + std::string(1, static_cast<char>(type)) +
-         Padded(name, 8) + Le16(static_cast<unsigned>(data.size())) + std::string(data);
-}
-
-unsigned Sum(std::string_view bytes) {
-  unsigned s = 0;
-  for (unsigned char c : bytes) s += c;
-  return s & 0xFFFF;
-}
-
-const std::string kKC = Padded("**QXKC**\x1A\x0A", 11);
-const std::string kKDX = Padded("**QXKDX*\x1A\x0A", 11);
-
-std::string KCFile(const std::string& sig, std::string_view comment, std::string_view section) {
-  return sig + Padded(comment, 42) + Le16(static_cast<unsigned>(section.size())) +
-         std::string(section) + Le16(Sum(section));
-}
-
-std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
+std::string Read(const std::string& path) { return ReadFileBytes(path); }
 
 class KCGroupTest : public ::testing::Test {
  protected:
   // A group of three programs A, B, C named g.kcg.
   std::string ThreeMemberGroup() {
-    return dir_.Write("g.kcg", KCFile(kKC, "c", Entry(5, "A", "aa") + Entry(5, "B", "bbb") +
-                                                  Entry(5, "C", "c")));
+    return dir_.Write("g.kcg", KCFile(kKC, "c", KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") +
+                                                  KCEntry(5, "C", "c")));
   }
   TempDir dir_;
 };
 
 // The layout tests pin the bytes; here the member goes in whole and comes back out whole.
 TEST_F(KCGroupTest, CreateWithOneFileThenExtractIt) {
-  const std::string entry = Entry(5, "PROG", std::string("\x01\x02\x03\x04\x05", 5));
+  const std::string entry = KCEntry(5, "PROG", std::string("\x01\x02\x03\x04\x05", 5));
   const std::string single = dir_.Write("p.kcp", KCFile(kKC, "", entry));
   const std::string group = dir_ / "new.kcg";
   OldGroupContainerKC c(group, nullptr);
@@ -78,15 +55,15 @@ TEST_F(KCGroupTest, CreateWithoutFilesNeedsAKnownFamily) {
 }
 
 TEST_F(KCGroupTest, AddingAGroupFileAddsAllItsVariablesInOneWrite) {
-  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "keep", Entry(5, "A", "aa") + Entry(5, "Z", "z")));
-  const std::string other = dir_.Write("o.kcg", KCFile(kKC, "", Entry(5, "X", "1") + Entry(5, "Y", "22") +
-                                                                 Entry(5, "W", "333")));
-  const std::string one = dir_.Write("v.kcp", KCFile(kKC, "", Entry(5, "V", "4")));
+  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "keep", KCEntry(5, "A", "aa") + KCEntry(5, "Z", "z")));
+  const std::string other = dir_.Write("o.kcg", KCFile(kKC, "", KCEntry(5, "X", "1") + KCEntry(5, "Y", "22") +
+                                                                 KCEntry(5, "W", "333")));
+  const std::string one = dir_.Write("v.kcp", KCFile(kKC, "", KCEntry(5, "V", "4")));
   OldGroupContainerKC c(group, nullptr);
   int32_t state = 0;
   ASSERT_EQ(c.AddMembers({other, one}, "", &state, nullptr, nullptr), 1);
-  const std::string section = Entry(5, "A", "aa") + Entry(5, "Z", "z") + Entry(5, "X", "1") +
-                              Entry(5, "Y", "22") + Entry(5, "W", "333") + Entry(5, "V", "4");
+  const std::string section = KCEntry(5, "A", "aa") + KCEntry(5, "Z", "z") + KCEntry(5, "X", "1") +
+                              KCEntry(5, "Y", "22") + KCEntry(5, "W", "333") + KCEntry(5, "V", "4");
   EXPECT_EQ(Read(group), KCFile(kKC, "keep", section));
   EXPECT_EQ(c.GetMemberCount(), 6);
 }
@@ -96,18 +73,18 @@ TEST_F(KCGroupTest, RefusedFamiliesPromptAndLeaveTheGroup) {
     const char* name;
     std::string sig;
   } rows[] = {{"kdx into kc", kKDX}, {"kb into kc", Padded("**QXKB**\x1A\x0A", 11)},
-              {"ma into kc", Padded("**QXMA**\x01", 10)}};
+              {"ma into kc", Padded(kMA, 10)}};
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = ThreeMemberGroup();
     const std::string before = Read(group);
-    const std::string file = dir_.Write("f.kcp", KCFile(row.sig, "", Entry(5, "Q", "q")));
-    const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", Entry(5, "K", "k")));
+    const std::string file = dir_.Write("f.kcp", KCFile(row.sig, "", KCEntry(5, "Q", "q")));
+    const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", KCEntry(5, "K", "k")));
     OldGroupContainerKC c(group, nullptr);
-    test::RecordingPrompt p;
+    RecordingPrompt p;
     p.answer = PromptReplace;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &test::RecordingPrompt::Ask, &p), 0);
+    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &RecordingPrompt::Ask, &p), 0);
     EXPECT_EQ(p.asked, std::vector<PromptReason>{PromptRefused});
     EXPECT_EQ(Read(group), before);
   }
@@ -115,8 +92,8 @@ TEST_F(KCGroupTest, RefusedFamiliesPromptAndLeaveTheGroup) {
 
 TEST_F(KCGroupTest, FilesBeforeARefusedOneStayAdded) {
   const std::string group = ThreeMemberGroup();
-  const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", Entry(5, "K", "k")));
-  const std::string bad = dir_.Write("bad.kdp", KCFile(kKDX, "", Entry(5, "Q", "q")));
+  const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", KCEntry(5, "K", "k")));
+  const std::string bad = dir_.Write("bad.kdp", KCFile(kKDX, "", KCEntry(5, "Q", "q")));
   OldGroupContainerKC c(group, nullptr);
   int32_t state = 0;
   EXPECT_EQ(c.AddMembers({ok, bad}, "", &state, nullptr, nullptr), 0);
@@ -133,24 +110,24 @@ TEST_F(KCGroupTest, DuplicateAnswers) {
     int32_t expectedState;
   } rows[] = {
       {"skip, the next file still goes in", PromptSkip, true,
-       Entry(5, "A", "aa") + Entry(5, "B", "bbb") + Entry(5, "C", "c") + Entry(5, "N", "n"), 0},
+       KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") + KCEntry(5, "C", "c") + KCEntry(5, "N", "n"), 0},
       {"cancel stops the list", PromptCancel, true,
-       Entry(5, "A", "aa") + Entry(5, "B", "bbb") + Entry(5, "C", "c"), PromptCancel},
+       KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") + KCEntry(5, "C", "c"), PromptCancel},
       {"replace", PromptReplace, true,
-       Entry(5, "A", "aa") + Entry(5, "C", "c") + Entry(5, "B", "new") + Entry(5, "N", "n"), 0},
+       KCEntry(5, "A", "aa") + KCEntry(5, "C", "c") + KCEntry(5, "B", "new") + KCEntry(5, "N", "n"), 0},
       {"no prompt replaces", PromptSkip, false,
-       Entry(5, "A", "aa") + Entry(5, "C", "c") + Entry(5, "B", "new") + Entry(5, "N", "n"), 0},
+       KCEntry(5, "A", "aa") + KCEntry(5, "C", "c") + KCEntry(5, "B", "new") + KCEntry(5, "N", "n"), 0},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = ThreeMemberGroup();
-    const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", Entry(5, "B", "new")));
-    const std::string fresh = dir_.Write("n.kcp", KCFile(kKC, "", Entry(5, "N", "n")));
+    const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", KCEntry(5, "B", "new")));
+    const std::string fresh = dir_.Write("n.kcp", KCFile(kKC, "", KCEntry(5, "N", "n")));
     OldGroupContainerKC c(group, nullptr);
-    test::RecordingPrompt p;
+    RecordingPrompt p;
     p.answer = row.answer;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &test::RecordingPrompt::Ask : nullptr, &p), 1);
+    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &RecordingPrompt::Ask : nullptr, &p), 1);
     EXPECT_EQ(Read(group), KCFile(kKC, "c", row.expectedSection));
     EXPECT_EQ(state, row.expectedState);
   }
@@ -159,12 +136,12 @@ TEST_F(KCGroupTest, DuplicateAnswers) {
 TEST_F(KCGroupTest, TheSameNameTwiceInOneAddKeepsOne) {
   // The second copy must see the first, the last entry appended, as a duplicate to replace.
   const std::string group = ThreeMemberGroup();
-  const std::string p = dir_.Write("p.kcp", KCFile(kKC, "", Entry(5, "P", "pp")));
+  const std::string p = dir_.Write("p.kcp", KCFile(kKC, "", KCEntry(5, "P", "pp")));
   OldGroupContainerKC c(group, nullptr);
   int32_t state = 0;
   EXPECT_EQ(c.AddMembers({p, p}, "", &state, nullptr, nullptr), 1);
-  EXPECT_EQ(Read(group), KCFile(kKC, "c", Entry(5, "A", "aa") + Entry(5, "B", "bbb") +
-                                              Entry(5, "C", "c") + Entry(5, "P", "pp")));
+  EXPECT_EQ(Read(group), KCFile(kKC, "c", KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") +
+                                              KCEntry(5, "C", "c") + KCEntry(5, "P", "pp")));
 }
 
 TEST_F(KCGroupTest, Deleting) {
@@ -174,8 +151,8 @@ TEST_F(KCGroupTest, Deleting) {
     int32_t result;
     std::string section;  // empty: unchanged
   } rows[] = {
-      {"unknown name ignored", {"nothere.kcp", "b.KCP"}, 1, Entry(5, "A", "aa") + Entry(5, "C", "c")},
-      {"two at once", {"A.kcp", "C.kcp"}, 1, Entry(5, "B", "bbb")},
+      {"unknown name ignored", {"nothere.kcp", "b.KCP"}, 1, KCEntry(5, "A", "aa") + KCEntry(5, "C", "c")},
+      {"two at once", {"A.kcp", "C.kcp"}, 1, KCEntry(5, "B", "bbb")},
       {"all refused", {"A.kcp", "B.kcp", "C.kcp"}, 0, ""},
   };
   for (const auto& row : rows) {
@@ -190,8 +167,8 @@ TEST_F(KCGroupTest, Deleting) {
 
 TEST_F(KCGroupTest, LargeSectionStoresZeroLengthAndReadsBack) {
   const std::string big(65000, '\x07');
-  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "", Entry(5, "A", big)));
-  const std::string file = dir_.Write("b.kcp", KCFile(kKC, "", Entry(5, "B", std::string(1000, '\x09'))));
+  const std::string group = dir_.Write("g.kcg", KCFile(kKC, "", KCEntry(5, "A", big)));
+  const std::string file = dir_.Write("b.kcp", KCFile(kKC, "", KCEntry(5, "B", std::string(1000, '\x09'))));
   OldGroupContainerKC c(group, nullptr);
   int32_t state = 0;
   ASSERT_EQ(c.AddMembers({file}, "", &state, nullptr, nullptr), 1);
@@ -203,7 +180,7 @@ TEST_F(KCGroupTest, LargeSectionStoresZeroLengthAndReadsBack) {
 
 // A valid group is one the factory gives a container for.
 TEST_F(KCGroupTest, ValidityByContentsOrExtension) {
-  const std::string one = KCFile(kKC, "", Entry(5, "A", "aa"));
+  const std::string one = KCFile(kKC, "", KCEntry(5, "A", "aa"));
   const struct {
     const char* file;
     std::string bytes;
@@ -212,9 +189,9 @@ TEST_F(KCGroupTest, ValidityByContentsOrExtension) {
       {"one.kcg", one, 1},
       {"one.KCG", one, 1},
       {"one.kcp", one, 0},
-      {"two.kcp", KCFile(kKC, "", Entry(5, "A", "aa") + Entry(5, "B", "b")), 1},
+      {"two.kcp", KCFile(kKC, "", KCEntry(5, "A", "aa") + KCEntry(5, "B", "b")), 1},
       {"short.kcg", kKC.substr(0, 9), 0},
-      {"ma.kcg", Padded("**QXMA**\x01", 10) + std::string(60, '\0'), 0},
+      {"ma.kcg", Padded(kMA, 10) + std::string(60, '\0'), 0},
   };
   ContainerFactory factory;
   for (const auto& row : rows) {
@@ -232,14 +209,14 @@ TEST_F(KCGroupTest, ExtractWritesASingleVariableFile) {
   OldGroupContainerKC c(group, nullptr);
   const std::string out = dir_.path() + "/";
   ASSERT_EQ(c.ExtractMember("b.kcp", out), 1);
-  EXPECT_EQ(Read(out + "B.kcp"), KCFile(kKC, "", Entry(5, "B", "bbb")));
+  EXPECT_EQ(Read(out + "B.kcp"), KCFile(kKC, "", KCEntry(5, "B", "bbb")));
   EXPECT_EQ(c.ExtractMember("nothere.kcp", out), 0);
   EXPECT_EQ(c.ExtractMember("b.kcp", out + "missing/"), 0);
   ASSERT_EQ(c.ExtractAllMembers(out), 1);
-  EXPECT_EQ(Read(out + "C.kcp"), KCFile(kKC, "", Entry(5, "C", "c")));
+  EXPECT_EQ(Read(out + "C.kcp"), KCFile(kKC, "", KCEntry(5, "C", "c")));
 
   // A member whose name would climb out of the folder is not written anywhere.
-  const std::string evil = dir_.Write("evil.kcg", KCFile(kKC, "", Entry(5, "A", "a") + Entry(5, "../EVIL", "e")));
+  const std::string evil = dir_.Write("evil.kcg", KCFile(kKC, "", KCEntry(5, "A", "a") + KCEntry(5, "../EVIL", "e")));
   std::filesystem::create_directory(dir_ / "dest");
   OldGroupContainerKC e(evil, nullptr);
   EXPECT_EQ(e.ExtractMember("../EVIL.kcp", dir_ / "dest/"), 0);
@@ -248,9 +225,7 @@ TEST_F(KCGroupTest, ExtractWritesASingleVariableFile) {
 
 TEST_F(KCGroupTest, ContentsListingOfAKdxList) {
   // KDX headers are 13 bytes: two more after the name field.
-  const std::string data(14, 'd');
-  const std::string entry = Le16(13) + Le16(14) + std::string(1, '\x01') + Padded("\x5D\x00", 8) +
-                            std::string(2, '\0') + Le16(14) + data;
+  const std::string entry = KCEntry(1, "\x5D", std::string(14, 'd'), true);
   const std::string group = dir_.Write("set.kdg", KCFile(kKDX, "", entry));
   OldGroupContainerKC c(group, nullptr);
   std::string xml;

@@ -1,148 +1,102 @@
-// MA-style groups through their container; expected files are built from the field layout.
+// MA-style groups through their container, against files built from the field layout: what
+// adding, replacing and deleting write, prompts and refusals, listing, extraction, validity.
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <string>
 #include <vector>
 
-#include "containers/ContainerFactory.h"
 #include "containers/OldGroupBytes.h"
 #include "containers/OldGroupContainerMA.h"
+#include "platform/Diagnostic.h"
+#include "platform/ReuseScope.h"
 #include "support/ScopedRegistry.h"
-#include "support/TempDir.h"
 
 namespace qx {
 namespace {
 
-using test::Le16;
-using test::Le32;
-using test::Padded;
+using namespace test;
 
-const std::string kMA = "**QXMA**\x01";
 const std::string kNBX = "**QXNBX*\x01";
-const std::string kNA = "**QXNA**\x01";
-const std::string kGroupMarker = "\x5A\xA5";
-const std::string kSingleMarker = "\xA5\x5A";
 
-struct Var {
-  std::string name;
-  uint8_t type;
-  std::string data;
-};
-struct Folder {
-  std::string name;
-  std::vector<Var> members;
-};
-
-std::string VarEntry(uint32_t offset, const Var& v) {
-  return Le32(offset) + Padded(v.name, 8) + std::string(1, static_cast<char>(v.type)) + std::string(3, '\0');
-}
-
-// A group file: every folder entry points at its first member's data, or at what follows.
-std::string MAGroupFile(const std::string& sig, const std::vector<Folder>& folders,
-                        const std::string& comment = "", const std::string& marker = kGroupMarker) {
-  size_t count = 0;
-  for (const Folder& f : folders) count += 1 + f.members.size();
-  uint32_t offset = static_cast<uint32_t>(66 + 16 * count);
-  std::string table, data;
-  for (const Folder& f : folders) {
-    table += Le32(offset) + Padded(f.name, 8) + "\x1F" + std::string(1, '\0') +
-             Le16(static_cast<unsigned>(f.members.size()));
-    for (const Var& v : f.members) {
-      table += VarEntry(offset, v);
-      offset += static_cast<uint32_t>(v.data.size());
-      data += v.data;
-    }
-  }
-  return Padded(sig, 10) + std::string(8, '\0') + Padded(comment, 40) +
-         Le16(static_cast<unsigned>(count)) + table + Le32(offset) + marker + data;
-}
-
-std::string MASingleFile(const std::string& sig, const std::string& folder, const Var& v) {
-  return Padded(sig, 10) + Padded(folder, 8) + std::string(40, '\0') + Le16(1) + VarEntry(0x52, v) +
-         Le32(static_cast<uint32_t>(0x52 + v.data.size())) + kSingleMarker + v.data;
-}
-
-std::string Read(const std::string& path) { return test::ReadFileBytes(path); }
+std::string Read(const std::string& path) { return ReadFileBytes(path); }
 
 class MAGroupTest : public ::testing::Test {
  protected:
-  std::string Group(const std::vector<Folder>& folders, const std::string& name = "g.mag") {
-    return dir_.Write(name, MAGroupFile(kMA, folders, "c"));
+  std::string Group(const std::vector<Folder>& folders, const std::string& tail = "") {
+    return dir_.Write("g.mag", MAGroupFile(folders, "c") + tail);
   }
   std::string Single(const std::string& file, const std::string& folder, const Var& v,
                      const std::string& sig = kMA) {
-    return dir_.Write(file, MASingleFile(sig, folder, v));
+    return dir_.Write(file, MAVarFile(folder, v, sig));
   }
   size_t FilesInDir() const {
     size_t n = 0;
     for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir_.path())) ++n;
     return n;
   }
-  test::ScopedRegistry registry_;
-  const test::TempDir& dir_ = registry_.dir();
+  ScopedRegistry registry_;
+  const TempDir& dir_ = registry_.dir();
 };
 
 const Var kA{"A", 0x12, "aaaa"};
 const Var kB{"B", 0x12, "bb"};
-const Var kC{"C", 0x0C, "ccc"};
+const Var kC{"C", 0x0C, "ccc", 0x80, 0xBEEF};
 
 TEST_F(MAGroupTest, NewEmptyGroupHasNoMembers) {
   const std::string group = Group({{"main", {kA}}});
   OldGroupContainerMA c(group, nullptr);
   ASSERT_EQ(c.CreateWithMembers({}, ""), 1);
-  EXPECT_EQ(Read(group).size(), 0x52u);
+  EXPECT_EQ(Read(group).substr(58), MAGroupFile({{"main", {}}}).substr(58));  // the comment is the time
   EXPECT_EQ(c.GetMemberCount(), -1);
   EXPECT_EQ(c.IsValid(), 1);
 }
 
-// One 6-byte variable makes the 0x68-byte group; each later one goes first in its folder.
+// Each later file goes first in its folder.
 TEST_F(MAGroupTest, CreateFromFiles) {
   const Var v{"V", 0x12, "123456"}, a{"a", 0x12, "A"}, b{"b", 0x12, "BB"};
   const struct {
-    std::vector<Var> files;
-    size_t size;
-    std::vector<Var> expected;
+    std::vector<Var> files, expected;
     StringList names;
   } rows[] = {
-      {{v}, 0x68, {v}, {"main.V.map"}},
-      {{a, b}, 0x52 + 32 + 3, {b, a}, {"main.b.map", "main.a.map"}},
+      {{v}, {v}, {"main.V.map"}},
+      {{a, b}, {b, a}, {"main.b.map", "main.a.map"}},
   };
   for (const auto& row : rows) {
-    SCOPED_TRACE(row.size);
+    SCOPED_TRACE(row.names.front());
     StringList files;
     for (const Var& f : row.files) files.push_back(Single(f.name + ".map", "main", f));
-    const std::string group = dir_ / ("new" + std::to_string(row.size) + ".mag");
+    const std::string group = dir_ / (row.names.front() + ".mag");
     OldGroupContainerMA c(group, nullptr);
     ASSERT_EQ(c.CreateWithMembers(files, ""), 1);
-    const std::string bytes = Read(group);
-    ASSERT_EQ(bytes.size(), row.size);
-    EXPECT_EQ(bytes.substr(58), MAGroupFile(kMA, {{"main", row.expected}}).substr(58));
+    EXPECT_EQ(Read(group).substr(58), MAGroupFile({{"main", row.expected}}).substr(58));
     StringList names;
     ASSERT_EQ(c.ListMembers(names), 1);
     EXPECT_EQ(names, row.names);
   }
 }
 
+// Bytes after the file size field stay where they are on an add.
 TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
   const struct {
     const char* name;
-    std::string fileFolder;
-    std::string destFolder;
+    std::string file;
+    std::string tail;
     std::vector<Folder> expected;
   } rows[] = {
-      {"first in an existing folder", "MAIN", "", {{"main", {kC, kA}}, {"x", {kB}}}},
-      {"the file's folder names the target", "x", "", {{"main", {kA}}, {"x", {kC, kB}}}},
-      {"new folder goes last", "new", "", {{"main", {kA}}, {"x", {kB}}, {"new", {kC}}}},
+      {"first in an existing folder", MAVarFile("MAIN", kC), "", {{"main", {kC, kA}}, {"x", {kB}}}},
+      {"the file's folder names the target", MAVarFile("x", kC), "TT", {{"main", {kA}}, {"x", {kC, kB}}}},
+      {"new folder goes last", MAVarFile("new", kC), "", {{"main", {kA}}, {"x", {kB}}, {"new", {kC}}}},
+      {"a group member by member", MAGroupFile({{"main", {kC}}, {"y", {kB}}}), "",
+       {{"main", {kC, kA}}, {"x", {kB}}, {"y", {kB}}}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
-    const std::string group = Group({{"main", {kA}}, {"x", {kB}}});
-    const std::string file = Single("c.mas", row.fileFolder, kC);
+    const std::string group = Group({{"main", {kA}}, {"x", {kB}}}, row.tail);
     OldGroupContainerMA c(group, nullptr);
     int32_t state = 0;
-    ASSERT_EQ(c.AddMembers({file}, row.destFolder, &state, nullptr, nullptr), 1);
-    EXPECT_EQ(Read(group), MAGroupFile(kMA, row.expected, "c"));
+    ASSERT_EQ(c.AddMembers({dir_.Write("c.mas", row.file)}, "", &state, nullptr, nullptr), 1);
+    EXPECT_EQ(Read(group), MAGroupFile(row.expected, "c") + row.tail);
   }
 }
 
@@ -168,7 +122,7 @@ TEST_F(MAGroupTest, Deleting) {
     const size_t files = FilesInDir();
     OldGroupContainerMA c(group, nullptr);
     EXPECT_EQ(c.DeleteMembers(row.names), row.result);
-    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(kMA, row.expected, "c"));
+    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
     EXPECT_EQ(FilesInDir(), files);  // no temporary file left behind
   }
 }
@@ -186,7 +140,7 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
       {"nbx renamed to ma, duplicate", kNBX, {"A", 0x12, "new"}, PromptReplace, 1, {PromptDuplicate},
        {{"main", {{"A", 0x12, "new"}, kB}}}},
       {"nbx renamed, new name", kNBX, {"Q", 0x12, "q"}, PromptReplace, 1, {}, {{"main", {{"Q", 0x12, "q"}, kA, kB}}}},
-      {"na refused", kNA, {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
+      {"na refused", "**QXNA**\x01", {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
       {"flash refused", "**QXFL**", {"Q", 0x12, "q"}, PromptReplace, 0, {PromptRefused}, {}},
       {"skip", kMA, {"a", 0x12, "new"}, PromptSkip, 1, {PromptDuplicate}, {}},
       {"cancel", kMA, {"a", 0x12, "new"}, PromptCancel, 1, {PromptDuplicate}, {}},
@@ -196,23 +150,47 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
     const std::string group = Group({{"main", {kA, kB}}});
     const std::string before = Read(group);
     OldGroupContainerMA c(group, nullptr);
-    test::RecordingPrompt p;
+    RecordingPrompt p;
     p.answer = row.answer;
     int32_t state = 0;
     const std::string file = Single("f.nbp", "main", row.var, row.fileSig);
-    EXPECT_EQ(c.AddMembers({file}, "", &state, &test::RecordingPrompt::Ask, &p), row.result);
+    EXPECT_EQ(c.AddMembers({file}, "", &state, &RecordingPrompt::Ask, &p), row.result);
     EXPECT_EQ(p.asked, row.asked);
-    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(kMA, row.expected, "c"));
+    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
   }
 }
 
-TEST_F(MAGroupTest, AddingAGroupMergesMemberByMember) {
-  const std::string group = Group({{"main", {kA}}});
-  const std::string other = dir_.Write("o.mag", MAGroupFile(kMA, {{"main", {kB}}, {"x", {kC}}}));
-  OldGroupContainerMA c(group, nullptr);
-  int32_t state = 0;
-  ASSERT_EQ(c.AddMembers({other}, "", &state, nullptr, nullptr), 1);
-  EXPECT_EQ(Read(group), MAGroupFile(kMA, {{"main", {kB, kA}}, {"x", {kC}}}, "c"));
+// Replacements only mark the old member, yet must write what deleting it would have: each
+// replaced member goes and its replacement goes first in its folder; a folder left empty goes
+// too and is made anew at the end; bytes after the old file size join the last block left.
+TEST_F(MAGroupTest, ReplacingDuplicatesWritesWhatDeletingWould) {
+  const Var a{"A", 0x12, "aaaa"}, b{"B", 0x12, "bb"}, c{"C", 0x12, "ccc"};
+  const Var a1{"A", 0x12, "11"}, a2{"A", 0x12, "222"}, b1{"B", 0x12, "1"}, c1{"C", 0x12, "1111"};
+  const struct {
+    const char* name;
+    std::vector<Folder> start;
+    std::string tail;
+    std::vector<std::pair<std::string, Var>> adds;  // folder, variable
+    std::vector<Folder> expected;
+  } rows[] = {
+      {"one", {{"main", {a, b, c}}}, "", {{"main", b1}}, {{"main", {b1, a, c}}}},
+      {"two", {{"main", {a, b, c}}}, "", {{"main", a1}, {"main", c1}}, {{"main", {c1, a1, b}}}},
+      {"twice", {{"main", {a, b}}}, "", {{"main", a1}, {"main", a2}}, {{"main", {a2, b}}}},
+      {"emptied folder", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}}, {{"main", {b}}, {"x", {a1}}}},
+      {"emptied twice", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}, {"x", a2}}, {{"main", {b}}, {"x", {a2}}}},
+      {"tail", {{"main", {a, b}}}, "TT", {{"main", b1}}, {{"main", {b1, {"A", 0x12, "aaaaTT"}}}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = Group(row.start, row.tail);
+    StringList files;
+    for (size_t i = 0; i < row.adds.size(); ++i)
+      files.push_back(Single(std::to_string(i) + ".map", row.adds[i].first, row.adds[i].second));
+    OldGroupContainerMA container(group, nullptr);
+    int32_t state = PromptReplaceAll;
+    ASSERT_EQ(container.AddMembers(files, "", &state, nullptr, nullptr), 1);
+    EXPECT_EQ(Read(group), MAGroupFile(row.expected, "c"));
+  }
 }
 
 TEST_F(MAGroupTest, ContentsListingAndExtraction) {
@@ -224,13 +202,54 @@ TEST_F(MAGroupTest, ContentsListingAndExtraction) {
                  "<file Size=\"3\">x.C.mas</file>\r\n</group>\r\n");
   const std::string out = dir_.path() + "/";
   ASSERT_EQ(c.ExtractMember("X.C.MAS", out), 1);
-  EXPECT_EQ(Read(out + "x.C.mas"), MASingleFile(kMA, "x", kC));
+  EXPECT_EQ(Read(out + "x.C.mas"), MAVarFile("x", kC));
   EXPECT_EQ(c.ContainsMember("main.p.MAP"), 1);
   EXPECT_EQ(c.ContainsMember("main.p"), 0);
   std::string name;
   EXPECT_EQ(c.GetMemberName(1, name), 1);
   EXPECT_EQ(name, "x.C.mas");
   EXPECT_EQ(c.GetMemberName(2, name), 0);
+}
+
+// The table is read without the data; a member whose bytes the file does not hold (its entry
+// points past the end, or the file ends early) is refused with a reason and leaves no file.
+TEST_F(MAGroupTest, MembersPastTheEndFailCleanly) {
+  const std::string good = MAGroupFile({{"main", {kA, kB}}}, "c");
+  const struct {
+    const char* name;
+    std::string bytes;
+    const char* member;
+  } rows[] = {
+      {"ends early", good.substr(0, good.size() - 1), "main.B.map"},
+      {"points past", std::string(good).replace(60 + 32, 4, Le32(0x10000)), "main.A.map"},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = dir_.Write("g.mag", row.bytes);
+    const std::string out = dir_ / (std::string(row.name) + "/");
+    std::filesystem::create_directory(out);
+    OldGroupContainerMA container(group, nullptr);
+    for (int all = 0; all < 2; ++all) {
+      diag::Clear();
+      EXPECT_EQ(all ? container.ExtractAllMembers(out) : container.ExtractMember(row.member, out), 0);
+      ASSERT_NE(diag::Current(), nullptr);
+      EXPECT_EQ(diag::Current()->code, "damaged");
+      EXPECT_FALSE(std::filesystem::exists(out + row.member));
+    }
+    EXPECT_EQ(Read(group), row.bytes);
+  }
+}
+
+// Within a reuse scope a changed group is read again, not served from the earlier listing.
+TEST_F(MAGroupTest, ReusedListingFollowsChanges) {
+  const std::string group = Group({{"main", {kA, kB}}});
+  const ReuseScope reuse;
+  OldGroupContainerMA container(group, nullptr);
+  EXPECT_EQ(container.ContainsMember("main.C.mas"), 0);
+  ASSERT_EQ(container.AddMembers({Single("c.mas", "main", kC)}, "", nullptr, nullptr, nullptr), 1);
+  EXPECT_EQ(container.ContainsMember("main.C.mas"), 1);
+  EXPECT_EQ(container.ExtractMember("main.c.MAS", dir_.path() + "/"), 1);
+  EXPECT_EQ(Read(dir_ / "main.C.mas"), MAVarFile("main", kC));
 }
 
 TEST_F(MAGroupTest, TypeWithoutLetterListsBareAndRefusesChanges) {
@@ -252,10 +271,10 @@ TEST_F(MAGroupTest, Validity) {
     std::string bytes;
     int32_t valid;
   } rows[] = {
-      {"group", MAGroupFile(kMA, {{"main", {kA}}}), 1},
-      {"nbx group", MAGroupFile(kNBX, {{"main", {kA}}}), 1},
-      {"single file", MASingleFile(kMA, "main", kA), 0},
-      {"hwl group", MAGroupFile("**QXHWL*", {{"main", {kA}}}), 0},
+      {"group", MAGroupFile({{"main", {kA}}}), 1},
+      {"nbx group", MAGroupFile({{"main", {kA}}}, "", kNBX), 1},
+      {"single file", MAVarFile("main", kA), 0},
+      {"hwl group", MAGroupFile({{"main", {kA}}}, "", "**QXHWL*"), 0},
       {"short", kMA, 0},
   };
   for (const auto& row : rows) {
@@ -264,9 +283,12 @@ TEST_F(MAGroupTest, Validity) {
     EXPECT_EQ(c.IsValid(), row.valid);
   }
   // A group that went away after it was opened is no longer one.
-  OldGroupContainerMA gone(dir_.Write("gone.mag", MAGroupFile(kMA, {{"main", {kA}}})), nullptr);
+  OldGroupContainerMA gone(dir_.Write("gone.mag", MAGroupFile({{"main", {kA}}})), nullptr);
   std::filesystem::remove(dir_ / "gone.mag");
   EXPECT_EQ(gone.IsValid(), 0);
+  // Pointed at another file, it answers for that one.
+  EXPECT_EQ(gone.SetPath(dir_.Write("back.mag", MAGroupFile({{"main", {kA}}}))), 1);
+  EXPECT_EQ(gone.IsValid(), 1);
 }
 
 }  // namespace

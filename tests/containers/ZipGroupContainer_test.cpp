@@ -14,6 +14,7 @@
 #include "containers/ContainerFactory.h"
 #include "containers/OldGroupBytes.h"
 #include "platform/Diagnostic.h"
+#include "support/ZipBytes.h"
 #include "support/TempDir.h"
 
 namespace qx {
@@ -28,23 +29,18 @@ const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 // An old-style KC group of two variables, as the worked example holds it.
 std::string KdgBytes() { return ReadFileBytes(kSamples + "math.kdg"); }
 
-// Builds an archive of (name, bytes) members in order, with fixed dates, through Python's
-// zipfile, so our reader meets bytes it did not write.
-std::string PyZip(const TempDir& dir, const std::string& name,
-                  const std::vector<std::pair<std::string, std::string>>& members) {
-  std::string script = "import zipfile,sys\nz=zipfile.ZipFile(sys.argv[1],'w')\n";
-  int i = 0;
+// Stored members (folders for names ending in "/") dated 2004-02-05 14:05:32, built from the
+// layout, so our reader meets bytes it did not write.
+std::string Zip(const TempDir& dir, const std::string& name,
+                const std::vector<std::pair<std::string, std::string>>& members) {
+  std::vector<ziptest::Member> built;
   for (const auto& [member, bytes] : members) {
-    const std::string src = dir.Write("src" + std::to_string(i++), bytes);
-    script += "i=zipfile.ZipInfo(" + std::string("'") + member + "',(2004,2,5,14,5,32))\n";
-    if (member.back() == '/') script += "i.external_attr=0x10\n";
-    script += "z.writestr(i,open('" + src + "','rb').read())\n";
+    ziptest::Member& m = built.emplace_back(member, bytes, 0);
+    m.date = 0x3045;
+    m.time = 0x70B0;
+    if (member.back() == '/') m.externalAttributes = 0x10;
   }
-  script += "z.close()\n";
-  const std::string py = dir.Write("mk.py", script);
-  const std::string out = dir / name;
-  EXPECT_EQ(std::system(("python3 " + py + " " + out).c_str()), 0);
-  return out;
+  return dir.Write(name, ziptest::BuildZip(built));
 }
 
 std::string Xml(GroupContainer& c, int meta, const std::string& pattern) {
@@ -81,7 +77,7 @@ class ZipGroupTest : public ::testing::Test {
 };
 
 TEST_F(ZipGroupTest, WorkedExampleListsElementByElement) {
-  const std::string g = PyZip(dir, "lesson.qxg", {{"unit1/data.kdg", KdgBytes()},
+  const std::string g = Zip(dir, "lesson.qxg", {{"unit1/data.kdg", KdgBytes()},
                                                   {"unit1/quiz.kdp", std::string(1203, 'q')},
                                                   {"intro.kdp", std::string(860, 'i')}});
   auto c = factory.CreateContainer(g);
@@ -120,7 +116,7 @@ TEST_F(ZipGroupTest, SkeletonMatchesArchiveDirectoryListing) {
     SCOPED_TRACE(names.front());
     std::vector<std::pair<std::string, std::string>> members;
     for (const std::string& n : names) members.emplace_back(n, n.back() == '/' ? "" : "data");
-    const std::string g = PyZip(dir, "s.zip", members);
+    const std::string g = Zip(dir, "s.zip", members);
     VxZip zip;
     ASSERT_TRUE(zip.OpenZip(g.c_str()));
     VxString listing;
@@ -161,13 +157,13 @@ TEST_F(ZipGroupTest, MetaGoesToTheFirstElementOneLevelDown) {
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.body);
-    auto c = factory.CreateContainer(PyZip(dir, "m.zip", r.members));
+    auto c = factory.CreateContainer(Zip(dir, "m.zip", r.members));
     EXPECT_EQ(Xml(*c, 1, ""), "\r\n<group name=\"m.zip\">\r\n" + r.body + "</group>\r\n");
   }
 }
 
 TEST_F(ZipGroupTest, FoldersAsMembersAndNames) {
-  const std::string g = PyZip(dir, "f.qxg", {{"docs/a.kdp", "A"}, {"docs/b.kdp", "B"}, {"docsx.kdp", "X"}});
+  const std::string g = Zip(dir, "f.qxg", {{"docs/a.kdp", "A"}, {"docs/b.kdp", "B"}, {"docsx.kdp", "X"}});
   auto c = factory.CreateContainer(g);
   ASSERT_NE(c, nullptr);
   auto* z = static_cast<ZipGroupContainer*>(c.get());
@@ -260,8 +256,8 @@ TEST_F(ZipGroupTest, AddingFilesTreesAndDuplicates) {
 // lesson.qxg > unit1\inner.qxg > data.kdg: changed, extracted and listed three deep.
 TEST_F(ZipGroupTest, NestedGroupsThreeDeep) {
   TempDir src;
-  const std::string inner = PyZip(src, "inner.qxg", {{"data.kdg", KdgBytes()}, {"n.txt", "n"}});
-  const std::string g = PyZip(dir, "lesson.qxg", {{"unit1/inner.qxg", ReadFileBytes(inner)}, {"z.txt", "z"}});
+  const std::string inner = Zip(src, "inner.qxg", {{"data.kdg", KdgBytes()}, {"n.txt", "n"}});
+  const std::string g = Zip(dir, "lesson.qxg", {{"unit1/inner.qxg", ReadFileBytes(inner)}, {"z.txt", "z"}});
   auto c = factory.CreateContainer(g);
   ASSERT_NE(c, nullptr);
   const std::string out = dir / "out/";
@@ -288,11 +284,9 @@ TEST_F(ZipGroupTest, NestedGroupsThreeDeep) {
 // A chain of 100 archives each holding the next, and a member claiming 4 GiB: the listing
 // stops at the depth limit or the byte budget, changes through them fail cleanly.
 TEST_F(ZipGroupTest, NestingIsBounded) {
-  const std::string chain = dir.Write("chain.py",
-      "import zipfile,io\nb=None\nfor i in range(101):\n f=io.BytesIO()\n"
-      " with zipfile.ZipFile(f,'w') as z:\n  z.writestr('c.qxg' if b else 'leaf.txt', b or b'x')\n"
-      " b=f.getvalue()\nopen('" + (dir / "c.qxg") + "','wb').write(b)\n");
-  ASSERT_EQ(std::system(("python3 " + chain).c_str()), 0);
+  std::string chain = ziptest::BuildZip({{"leaf.txt", "x", 0}});
+  for (int i = 0; i < 100; ++i) chain = ziptest::BuildZip({{"c.qxg", chain, 0}});
+  dir.Write("c.qxg", chain);
   auto c = factory.CreateContainer(dir / "c.qxg");
   ASSERT_NE(c, nullptr);
   const std::string xml = Xml(*c, 1, "*");
@@ -307,13 +301,9 @@ TEST_F(ZipGroupTest, NestingIsBounded) {
   EXPECT_EQ(diag::Current()->code, "nesting-too-deep");
 
   // Sizes claimed in both headers: 0xF0000000 bytes.
-  std::string big = ReadFileBytes(PyZip(dir, "big.qxg", {{"huge.qxg", "small"}}));
-  for (size_t at = 0; (at = big.find("huge.qxg", at)) != std::string::npos; at += 8) {
-    const bool central = at >= 46 && big.compare(at - 46, 4, "PK\x01\x02") == 0;
-    const size_t field = central ? at - 46 + 24 : at - 30 + 22;
-    big.replace(field, 4, std::string("\0\0\0\xF0", 4));
-  }
-  const std::string hugePath = dir.Write("big.qxg", big);
+  ziptest::Member huge{"huge.qxg", "small", 0};
+  huge.uncompressedSize = 0xF0000000;
+  const std::string hugePath = dir.Write("big.qxg", ziptest::BuildZip({huge}));
   auto h = factory.CreateContainer(hugePath);
   ASSERT_NE(h, nullptr);
   EXPECT_NE(Xml(*h, 0, "*").find("<file>huge.qxg</file>"), std::string::npos);
@@ -362,8 +352,8 @@ TEST_F(ZipGroupTest, ArchivesOtherToolsMade) {
 
 TEST_F(ZipGroupTest, UnfitTemporaryFolderIsRefused) {
   TempDir src;
-  const std::string inner = PyZip(src, "i.qxg", {{"a.txt", "a"}});
-  const std::string g = PyZip(dir, "o.qxg", {{"i.qxg", ReadFileBytes(inner)}});
+  const std::string inner = Zip(src, "i.qxg", {{"a.txt", "a"}});
+  const std::string g = Zip(dir, "o.qxg", {{"i.qxg", ReadFileBytes(inner)}});
   const std::string priv = tmp / ("QXGrpMgr-" + std::to_string(geteuid()));
   const std::string target = dir / "elsewhere";
   sfs::create_directory(target);

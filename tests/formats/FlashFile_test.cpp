@@ -3,8 +3,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/ByteOrder.h"
 #include "formats/FlashFile.h"
+#include "support/Bytes.h"
 #include "support/TempDir.h"
 
 namespace qx {
@@ -27,9 +27,7 @@ std::string Build(const Record& r) {
   h[kFlashDeviceAt] = static_cast<char>(r.device);
   h[kFlashKindAt] = static_cast<char>(r.kind);
   h[kFlashVariantAt] = static_cast<char>(r.variant);
-  unsigned char len[4];
-  WriteLE32(len, static_cast<uint32_t>(r.data.size()));
-  h.replace(kFlashDataLengthAt, 4, reinterpret_cast<const char*>(len), 4);
+  h.replace(kFlashDataLengthAt, 4, test::Le32(static_cast<uint32_t>(r.data.size())));
   return h + r.data;
 }
 

@@ -63,6 +63,7 @@ TEST(MemberNames, KCStyle) {
       {kSigKC, 0x03, "\x5E\x23", "Y2T.kcy"},
       {kSigKDX, 0x03, "\x5E\x3F", "Y@T.kdy"},
       {kSigKC, 0x03, "\x5E\x40", "r1.kcy"},
+      {kSigKC, 0x03, "\x5E\x7F", "rp.kcy"},
       {kSigKC, 0x03, "\x5E\x80", "u.kcy"},
       {kSigKC, 0x03, "\x5E\x82", "w.kcy"},
       {kSigKC, 0x03, "\x5E\x05", "\x5E\x05"},  // below 0x10: no rule, raw name

@@ -89,7 +89,10 @@ TEST(DeviceFamily, Compatibility) {
   EXPECT_FALSE(AreFamiliesCompatible(kSigKA, kSigKC));
   EXPECT_FALSE(AreFamiliesCompatible(kSigFlash, kSigFlash));
   EXPECT_FALSE(AreFamiliesCompatible(kSigUnknown, kSigUnknown));
-  for (const FamilyInfo& f : Families()) EXPECT_EQ(FindFamilyBySignature(f.signature), &f);
+  for (const FamilyInfo& f : Families()) {
+    EXPECT_EQ(FindFamilyBySignature(f.signature), &f);
+    EXPECT_EQ(f.hasGroups, f.name != "KB" && f.name != "KF") << f.name;  // no groups of theirs
+  }
 }
 
 }  // namespace

@@ -22,8 +22,8 @@ inline bool Logged(const VxZip& zip, const std::string& message) {
 }
 inline VxByteData Bytes(const std::string& s) { return VxByteData(s.data(), s.size()); }
 
-inline void Put16(std::string& s, uint32_t v) { s += test::Le16(v); }
-inline void Put32(std::string& s, uint32_t v) { s += test::Le32(v); }
+using test::Le16;
+using test::Le32;
 inline uint32_t Get16(const std::string& s, size_t at) {
   return static_cast<unsigned char>(s.at(at)) | static_cast<unsigned char>(s.at(at + 1)) << 8;
 }
@@ -92,35 +92,35 @@ inline std::string BuildZip(const std::vector<Member>& members, const Options& o
     const uint32_t usize = m.uncompressedSize.value_or(static_cast<uint32_t>(m.data.size()));
     const uint32_t offset = static_cast<uint32_t>(out.size() - o.prefix.size());
     const uint32_t flags = m.flags | (m.descriptor ? 8 : 0);
-    Put32(out, 0x04034b50);
-    for (uint32_t v : {20u, flags, uint32_t{m.method}, uint32_t{m.time}, uint32_t{m.date}}) Put16(out, v);
-    for (uint32_t v : {crc, csize, usize}) Put32(out, m.descriptor ? 0 : v);
-    Put16(out, static_cast<uint32_t>(m.name.size()));
-    Put16(out, static_cast<uint32_t>(m.localExtra.size()));
+    out += Le32(0x04034b50);
+    for (uint32_t v : {20u, flags, uint32_t{m.method}, uint32_t{m.time}, uint32_t{m.date}}) out += Le16(v);
+    for (uint32_t v : {crc, csize, usize}) out += Le32(m.descriptor ? 0 : v);
+    out += Le16(static_cast<uint32_t>(m.name.size()));
+    out += Le16(static_cast<uint32_t>(m.localExtra.size()));
     out += m.name + m.localExtra + payload;
     if (m.descriptor) {
-      if (m.descriptorSignature) Put32(out, 0x08074b50);
-      for (uint32_t v : {crc, csize, usize}) Put32(out, v);
+      if (m.descriptorSignature) out += Le32(0x08074b50);
+      for (uint32_t v : {crc, csize, usize}) out += Le32(v);
     }
     if (i >= central) continue;
-    Put32(directory, 0x02014b50);
+    directory += Le32(0x02014b50);
     for (uint32_t v : {20u | 11u << 8, 20u, flags, uint32_t{m.method}, uint32_t{m.time}, uint32_t{m.date}})
-      Put16(directory, v);
-    for (uint32_t v : {crc, m.centralCompressedSize.value_or(csize), usize}) Put32(directory, v);
+      directory += Le16(v);
+    for (uint32_t v : {crc, m.centralCompressedSize.value_or(csize), usize}) directory += Le32(v);
     for (uint32_t v : {uint32_t(m.name.size()), 0u, 0u, 0u, uint32_t{m.internalAttributes}})
-      Put16(directory, v);
-    Put32(directory, m.externalAttributes);
-    Put32(directory, offset);
+      directory += Le16(v);
+    directory += Le32(m.externalAttributes);
+    directory += Le32(offset);
     directory += m.name;
   }
   const size_t directoryStart = out.size() - o.prefix.size();
   out += directory;
   if (o.endRecord) {
-    Put32(out, 0x06054b50);
-    for (uint32_t v : {0u, 0u, uint32_t(central), uint32_t(central)}) Put16(out, v);
-    Put32(out, static_cast<uint32_t>(directory.size()));
-    Put32(out, static_cast<uint32_t>(directoryStart));
-    Put16(out, static_cast<uint32_t>(o.comment.size()));
+    out += Le32(0x06054b50);
+    for (uint32_t v : {0u, 0u, uint32_t(central), uint32_t(central)}) out += Le16(v);
+    out += Le32(static_cast<uint32_t>(directory.size()));
+    out += Le32(static_cast<uint32_t>(directoryStart));
+    out += Le16(static_cast<uint32_t>(o.comment.size()));
     out += o.comment;
   }
   return out;
