@@ -51,20 +51,11 @@ TEST(XmlSearch, WildcardPatterns) {
     const char* text;
     bool match;
   } rows[] = {
-      {"Learning Tool*", "Learning Tool", true},
-      {"Learning Tool*", "Learning Tools", true},
-      {"Learning Tool*", "A Learning Tool", false},
-      {"", "", true},
-      {"", "x", false},
-      {"*", "", true},
-      {"**", "anything", true},
-      {"a*c", "abbbc", true},
-      {"a*c", "abcx", false},
-      {"*.kdg", "unit1.kdg", true},
-      {"*a*b*", "xxaxxbxx", true},
-      {"*a*b", "xxbxxa", false},
-      {"?", "x", false},
-      {"abc", "ABC", false},
+      {"Learning Tool*", "Learning Tool", true}, {"Learning Tool*", "Learning Tools", true},
+      {"Learning Tool*", "A Learning Tool", false}, {"", "", true}, {"", "x", false}, {"*", "", true},
+      {"**", "anything", true}, {"a*c", "abbbc", true}, {"a*c", "abcx", false},
+      {"*.kdg", "unit1.kdg", true}, {"*a*b*", "xxaxxbxx", true}, {"*a*b", "xxbxxa", false},
+      {"?", "x", false}, {"abc", "ABC", false},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.pattern) + " / " + row.text);

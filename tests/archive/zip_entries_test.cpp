@@ -70,8 +70,7 @@ TEST(ZipEntries, AppendDataRefusals) {
   EXPECT_TRUE(Logged(zip, "No zip file has been opened."));
   ASSERT_TRUE(zip.NewZip((dir / "r.zip").c_str()));
   const std::vector<std::tuple<const char*, std::string, const char*>> rows = {
-      {nullptr, "data", "null parameter"},
-      {"x", "", "Data length must be > 0"},
+      {nullptr, "data", "null parameter"}, {"x", "", "Data length must be > 0"},
       {"", "data", "No filename was provided"},
   };
   for (const auto& [name, data, message] : rows) {

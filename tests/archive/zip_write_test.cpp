@@ -65,10 +65,8 @@ TEST(ZipWrite, AppendedMembersFollowTheLayoutByteForByte) {
   };
   const std::string big = Binary(65535);
   const std::vector<Row> rows = {
-      {"a.kdp", std::string(300, 'x') + "\r\n", -1, 1},
-      {"sub\\b.kdp", Binary(40), -1, 0, "sub/b.kdp"},
-      {"big0.bin", big, 0, 0},
-      {"big8.bin", big, -1, 0},
+      {"a.kdp", std::string(300, 'x') + "\r\n", -1, 1}, {"sub\\b.kdp", Binary(40), -1, 0, "sub/b.kdp"},
+      {"big0.bin", big, 0, 0}, {"big8.bin", big, -1, 0},
       {"any non-zero method deflates", std::string(300, 'x'), 3, 1},
       {"caf\xE9.kdp", "abc", -1, 1, "caf\x82.kdp"},  // code page 850
       {"a quarter exactly is text", std::string(80, 'a') + std::string(20, '\0'), -1, 1},
@@ -142,12 +140,10 @@ TEST(ZipWrite, MembersOfTheOpenedArchiveAreCopiedNotRecompressed) {
 // entries, and no temporary file is left.
 TEST(ZipWrite, ForbiddenCharactersInThePathLeaveTheOldArchive) {
   const std::vector<std::pair<std::string, std::string>> rows = {
-      {"<", "Filename cannot contain a '<'"},
-      {">", "Filename cannot contain a '>'"},
+      {"<", "Filename cannot contain a '<'"}, {">", "Filename cannot contain a '>'"},
       {"\"", "Filename cannot contain a double-quote character"},
       {"?", "Filename cannot contain a question-mark character"},
-      {"*", "Filename cannot contain a * character"},
-      {"|", "Filename cannot contain a | character"},
+      {"*", "Filename cannot contain a * character"}, {"|", "Filename cannot contain a | character"},
   };
   for (const auto& [c, message] : rows) {
     SCOPED_TRACE(c);

@@ -68,80 +68,51 @@ TEST_F(KCGroupTest, AddingAGroupFileAddsAllItsVariablesInOneWrite) {
   EXPECT_EQ(c.GetMemberCount(), 6);
 }
 
-TEST_F(KCGroupTest, RefusedFamiliesPromptAndLeaveTheGroup) {
+// Refused families stop the list with the group as it was (files before them stay added);
+// duplicates go by the prompt's answer, replaced without a prompt.
+TEST_F(KCGroupTest, AddingFamiliesAndDuplicates) {
+  const std::string a = KCEntry(5, "A", "aa"), b = KCEntry(5, "B", "bbb"), c = KCEntry(5, "C", "c");
+  const std::string n = KCEntry(5, "N", "n"), b2 = KCEntry(5, "B", "new"), k = KCEntry(5, "K", "k");
+  const std::string dup = KCFile(kKC, "", b2), fresh = KCFile(kKC, "", n), ok = KCFile(kKC, "", k);
+  const std::string kdx = KCFile(kKDX, "", KCEntry(5, "Q", "q")), p = KCFile(kKC, "", KCEntry(5, "P", "pp"));
+  const PromptReason refused = PromptRefused, duplicate = PromptDuplicate;
+  const auto kNoPrompt = static_cast<PromptResult>(0);
   const struct {
     const char* name;
-    std::string sig;
-  } rows[] = {{"kdx into kc", kKDX}, {"kb into kc", Padded("**QXKB**\x1A\x0A", 11)},
-              {"ma into kc", Padded(kMA, 10)}};
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.name);
-    const std::string group = ThreeMemberGroup();
-    const std::string before = Read(group);
-    const std::string file = dir_.Write("f.kcp", KCFile(row.sig, "", KCEntry(5, "Q", "q")));
-    const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", KCEntry(5, "K", "k")));
-    OldGroupContainerKC c(group, nullptr);
-    RecordingPrompt p;
-    p.answer = PromptReplace;
+    std::vector<std::string> files;
+    PromptResult answer;  // kNoPrompt: no prompt
+    int32_t result;
+    std::vector<PromptReason> asked;
+    std::string section;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({file, ok}, "", &state, &RecordingPrompt::Ask, &p), 0);
-    EXPECT_EQ(p.asked, std::vector<PromptReason>{PromptRefused});
-    EXPECT_EQ(Read(group), before);
-  }
-}
-
-TEST_F(KCGroupTest, FilesBeforeARefusedOneStayAdded) {
-  const std::string group = ThreeMemberGroup();
-  const std::string ok = dir_.Write("ok.kcp", KCFile(kKC, "", KCEntry(5, "K", "k")));
-  const std::string bad = dir_.Write("bad.kdp", KCFile(kKDX, "", KCEntry(5, "Q", "q")));
-  OldGroupContainerKC c(group, nullptr);
-  int32_t state = 0;
-  EXPECT_EQ(c.AddMembers({ok, bad}, "", &state, nullptr, nullptr), 0);
-  EXPECT_EQ(c.ContainsMember("k.KCP"), 1);
-  EXPECT_EQ(c.GetMemberCount(), 4);
-}
-
-TEST_F(KCGroupTest, DuplicateAnswers) {
-  const struct {
-    const char* name;
-    PromptResult answer;
-    bool withPrompt;
-    std::string expectedSection;
-    int32_t expectedState;
   } rows[] = {
-      {"skip, the next file still goes in", PromptSkip, true,
-       KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") + KCEntry(5, "C", "c") + KCEntry(5, "N", "n"), 0},
-      {"cancel stops the list", PromptCancel, true,
-       KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") + KCEntry(5, "C", "c"), PromptCancel},
-      {"replace", PromptReplace, true,
-       KCEntry(5, "A", "aa") + KCEntry(5, "C", "c") + KCEntry(5, "B", "new") + KCEntry(5, "N", "n"), 0},
-      {"no prompt replaces", PromptSkip, false,
-       KCEntry(5, "A", "aa") + KCEntry(5, "C", "c") + KCEntry(5, "B", "new") + KCEntry(5, "N", "n"), 0},
+      {"kdx into kc", {kdx, ok}, PromptReplace, 0, {refused}, a + b + c},
+      {"kb into kc", {KCFile("**QXKB**\x1A\x0A", "", k), ok}, PromptReplace, 0, {refused}, a + b + c},
+      {"ma into kc", {KCFile(kMA, "", k), ok}, PromptReplace, 0, {refused}, a + b + c},
+      {"files before a refused one stay", {ok, kdx}, kNoPrompt, 0, {}, a + b + c + k},
+      {"skip, the next file still goes in", {dup, fresh}, PromptSkip, 1, {duplicate}, a + b + c + n},
+      {"cancel stops the list", {dup, fresh}, PromptCancel, 1, {duplicate}, a + b + c, PromptCancel},
+      {"replace", {dup, fresh}, PromptReplace, 1, {duplicate}, a + c + b2 + n},
+      {"no prompt replaces", {dup, fresh}, kNoPrompt, 1, {}, a + c + b2 + n},
+      // The second copy must see the first, the last entry appended, as a duplicate to replace.
+      {"the same name twice keeps one", {p, p}, kNoPrompt, 1, {}, a + b + c + KCEntry(5, "P", "pp"),
+       PromptReplace},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = ThreeMemberGroup();
-    const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", KCEntry(5, "B", "new")));
-    const std::string fresh = dir_.Write("n.kcp", KCFile(kKC, "", KCEntry(5, "N", "n")));
-    OldGroupContainerKC c(group, nullptr);
-    RecordingPrompt p;
-    p.answer = row.answer;
+    StringList files;
+    for (const std::string& f : row.files) files.push_back(dir_.Write(std::to_string(files.size()) + ".kcp", f));
+    OldGroupContainerKC container(group, nullptr);
+    RecordingPrompt prompt;
+    prompt.answer = row.answer;
     int32_t state = 0;
-    EXPECT_EQ(c.AddMembers({dup, fresh}, "", &state, row.withPrompt ? &RecordingPrompt::Ask : nullptr, &p), 1);
-    EXPECT_EQ(Read(group), KCFile(kKC, "c", row.expectedSection));
-    EXPECT_EQ(state, row.expectedState);
+    EXPECT_EQ(container.AddMembers(files, "", &state, row.answer == kNoPrompt ? nullptr : &RecordingPrompt::Ask,
+                                   &prompt), row.result);
+    EXPECT_EQ(prompt.asked, row.asked);
+    EXPECT_EQ(Read(group), KCFile(kKC, "c", row.section));
+    EXPECT_EQ(state, row.state);
   }
-}
-
-TEST_F(KCGroupTest, TheSameNameTwiceInOneAddKeepsOne) {
-  // The second copy must see the first, the last entry appended, as a duplicate to replace.
-  const std::string group = ThreeMemberGroup();
-  const std::string p = dir_.Write("p.kcp", KCFile(kKC, "", KCEntry(5, "P", "pp")));
-  OldGroupContainerKC c(group, nullptr);
-  int32_t state = 0;
-  EXPECT_EQ(c.AddMembers({p, p}, "", &state, nullptr, nullptr), 1);
-  EXPECT_EQ(Read(group), KCFile(kKC, "c", KCEntry(5, "A", "aa") + KCEntry(5, "B", "bbb") +
-                                              KCEntry(5, "C", "c") + KCEntry(5, "P", "pp")));
 }
 
 TEST_F(KCGroupTest, Deleting) {

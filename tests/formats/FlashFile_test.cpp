@@ -41,16 +41,11 @@ TEST(FlashFile, OutputNamesFromNameKindAndDevice) {
     Record record;
     const char* file;  // "" when nothing is written
   } rows[] = {
-      {{"MyApp", 0x73, kFlashKindApp}, "MyApp.kdk"},
-      {{"os", 0x74, kFlashKindBase}, "os.kau"},
-      {{"c", 0x98, kFlashKindCert}, "c.maq"},
-      {{"r", 0x88, kFlashKindCert, 8}, "r.raq"},
-      {{"r", 0x88, kFlashKindBase, 8}, "r.rau"},
-      {{"n", 0x88, kFlashKindApp, 7}, "n.nbk"},
-      {{"", 0x98, kFlashKindBase}, "BASE0.mau"},
-      {{"", 0x73, kFlashKindApp}, "APP0.kdk"},
-      {{"", 0x73, kFlashKindCert}, "CERT0.kdq"},
-      {{"a/b", 0x73, kFlashKindApp}, "a_b.kdk"},
+      {{"MyApp", 0x73, kFlashKindApp}, "MyApp.kdk"}, {{"os", 0x74, kFlashKindBase}, "os.kau"},
+      {{"c", 0x98, kFlashKindCert}, "c.maq"}, {{"r", 0x88, kFlashKindCert, 8}, "r.raq"},
+      {{"r", 0x88, kFlashKindBase, 8}, "r.rau"}, {{"n", 0x88, kFlashKindApp, 7}, "n.nbk"},
+      {{"", 0x98, kFlashKindBase}, "BASE0.mau"}, {{"", 0x73, kFlashKindApp}, "APP0.kdk"},
+      {{"", 0x73, kFlashKindCert}, "CERT0.kdq"}, {{"a/b", 0x73, kFlashKindApp}, "a_b.kdk"},
       {{"odd", 0x82, kFlashKindApp}, "odd"},   // unknown device: no extension
       {{"kind", 0x73, 0x30}, "kind"},          // unknown kind: no extension
       {{"caf\xE9", 0x73, kFlashKindApp}, "caf\xE9.kdk"},
@@ -88,8 +83,7 @@ TEST(FlashFile, WalksRecordsAndStopsAtDamage) {
       {"not a flash file", "hello, world", S_FALSE, {}},
       {"short header", Build(app) + Build(app).substr(0, 40), S_FALSE, {"A.kdk"}},
       {"data cut short", Build(app) + Build(app).substr(0, 80), S_FALSE, {"A.kdk"}},
-      {"huge data length", Build(app) + huge, S_FALSE, {"A.kdk"}},
-      {"empty", "", S_OK, {}},
+      {"huge data length", Build(app) + huge, S_FALSE, {"A.kdk"}}, {"empty", "", S_OK, {}},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.what);

@@ -29,10 +29,8 @@ TEST(LayoutKC, WalkReadsTypeNameAndLength) {
     unsigned typeByte, type;
     bool kdx;
   } rows[] = {
-      {"plain", kSigKC, 0x05, 0x05, false},
-      {"high bits dropped", kSigKC, 0x45, 0x05, false},
-      {"0x24 kept", kSigKA, 0x24, 0x24, false},
-      {"0x3F", kSigKC, 0x3F, 0x1F, false},
+      {"plain", kSigKC, 0x05, 0x05, false}, {"high bits dropped", kSigKC, 0x45, 0x05, false},
+      {"0x24 kept", kSigKA, 0x24, 0x24, false}, {"0x3F", kSigKC, 0x3F, 0x1F, false},
       {"KDX header", kSigKDX, 0x15, 0x15, true},
   };
   for (const auto& r : rows) {

@@ -17,36 +17,25 @@ TEST(DetectFileSignature, FirstBytesAndExtension) {
     std::string bytes;
     std::string_view want;
   } rows[] = {
-      {"x.kac", "**QXKA**\x1A\x0A\0more"s, kSigKA},
-      {"x.kbc", "**QXKB**\x1A\x0A\0"s, kSigKB},
-      {"x.kcp", "**QXKC**\x1A\x0A\0"s, kSigKC},
-      {"x.kdp", "**QXKDX*\x1A\x0A\0"s, kSigKDX},
-      {"x.kfg", "**QXKF**\x1A\x0A\0"s, kSigKF},
-      {"x.map", "**QXMA**\x01\0"s, kSigMA},
+      {"x.kac", "**QXKA**\x1A\x0A\0more"s, kSigKA}, {"x.kbc", "**QXKB**\x1A\x0A\0"s, kSigKB},
+      {"x.kcp", "**QXKC**\x1A\x0A\0"s, kSigKC}, {"x.kdp", "**QXKDX*\x1A\x0A\0"s, kSigKDX},
+      {"x.kfg", "**QXKF**\x1A\x0A\0"s, kSigKF}, {"x.map", "**QXMA**\x01\0"s, kSigMA},
       {"x.nap", "**QXNA**\x01\0"s, kSigNA},
       // NA, NBX and MA written with the 0x1A 0x0A tail stand for the 0x01 forms.
-      {"x.nap", "**QXNA**\x1A\x0A\0"s, kSigNA},
-      {"x.nbp", "**QXNBX*\x1A\x0A\0"s, kSigNBX},
+      {"x.nap", "**QXNA**\x1A\x0A\0"s, kSigNA}, {"x.nbp", "**QXNBX*\x1A\x0A\0"s, kSigNBX},
       {"x.bin", "**QXMA**\x1A\x0A\0"s, kSigMA},
       // The NBX bytes are MA or ra by extension, looked at only when it has 3+ characters.
-      {"x.map", "**QXNBX*\x01\0"s, kSigMA},
-      {"x.rap", "**QXNBX*\x01\0"s, kSigRa},
-      {"x.MAP", "**QXNBX*\x01\0"s, kSigMA},
-      {"x.nbp", "**QXNBX*\x01\0"s, kSigNBX},
-      {"noext", "**QXNBX*\x01\0"s, kSigNBX},
-      {"x.m", "**QXNBX*\x01\0"s, kSigNBX},
+      {"x.map", "**QXNBX*\x01\0"s, kSigMA}, {"x.rap", "**QXNBX*\x01\0"s, kSigRa},
+      {"x.MAP", "**QXNBX*\x01\0"s, kSigMA}, {"x.nbp", "**QXNBX*\x01\0"s, kSigNBX},
+      {"noext", "**QXNBX*\x01\0"s, kSigNBX}, {"x.m", "**QXNBX*\x01\0"s, kSigNBX},
       {"ma.rap", "**QXNBX*\x01\0"s, kSigRa},   // only the extension is searched
       {"x.rama", "**QXNBX*\x01\0"s, kSigMA},   // "ma" is tested first
       {"x.nbp", "**QXNBX*\x08\0"s, kSigRa},    // what the system writes for ra
-      {"x.hwl", "**QXHWL*\0\0"s, kSigHWL},
-      {"x.fl", "**QXFL**"s, kSigFlash},
-      {"x.kdk", "**QXFL**\x02\x40\x01\x00"s, kSigFlash},
-      {"x.zip", "PK\x03\x04\x14\0\0\0"s, kSigZip},
+      {"x.hwl", "**QXHWL*\0\0"s, kSigHWL}, {"x.fl", "**QXFL**"s, kSigFlash},
+      {"x.kdk", "**QXFL**\x02\x40\x01\x00"s, kSigFlash}, {"x.zip", "PK\x03\x04\x14\0\0\0"s, kSigZip},
       {"e.zip", "PK\x05\x06"s + std::string(18, '\0'), kSigZip},
       {"t.txt", "hello world, not calculator data"s, kSigUnknown},
-      {"z.bin", "\0**QXMA**\x01"s, kSigUnknown},
-      {"empty", ""s, kSigUnknown},
-      {"short", "PK"s, kSigUnknown},
+      {"z.bin", "\0**QXMA**\x01"s, kSigUnknown}, {"empty", ""s, kSigUnknown}, {"short", "PK"s, kSigUnknown},
       {"short2", "**Q"s, kSigUnknown},
   };
   test::TempDir dir;

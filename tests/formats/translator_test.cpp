@@ -39,12 +39,10 @@ TEST_F(Translator, NameFieldsBecomeFileNameText) {
     unsigned char field[8];
     const char* expected;
   } rows[] = {
-      {"plain", {'P', 'R', 'O', 'G', '1'}, "PROG1"},
-      {"space", {'A', ' ', 'B'}, "A%20B"},
+      {"plain", {'P', 'R', 'O', 'G', '1'}, "PROG1"}, {"space", {'A', ' ', 'B'}, "A%20B"},
       {"high byte", {0xC1}, "%C1"},
       {"8 bytes without terminator", {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}, "ABCDEFGH"},
-      {"empty", {}, ""},
-      {"stops at the first zero", {'a', 0, 'b'}, "a"},
+      {"empty", {}, ""}, {"stops at the first zero", {'a', 0, 'b'}, "a"},
       {"punctuation", {'.', '%', '/', '\\', '-'}, "%2E%25%2F%5C%2D"},
       {"byte 1252 leaves undefined", {0x81, 0x9D}, "%81%9D"},
   };
@@ -95,9 +93,7 @@ TEST_F(Translator, OnlyCode19WithAStringGivesAResult) {
     const VARIANT* name;
     HRESULT expected;
   } rows[] = {
-      {"code 19", 19, &str, S_OK},
-      {"code 0", 0, &str, E_INVALIDARG},
-      {"code 20", 20, &str, E_INVALIDARG},
+      {"code 19", 19, &str, S_OK}, {"code 0", 0, &str, E_INVALIDARG}, {"code 20", 20, &str, E_INVALIDARG},
       {"number as name", 19, &number, DISP_E_TYPEMISMATCH},
       {"empty variant as name", 19, &empty, DISP_E_TYPEMISMATCH},
   };
