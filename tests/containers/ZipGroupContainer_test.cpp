@@ -341,6 +341,7 @@ TEST_F(ZipGroupTest, ArchivesOtherToolsMade) {
     sfs::remove_all(out);
     sfs::create_directory(out);
     EXPECT_EQ(c->ExtractMember("unit1", out), 1);
+    EXPECT_EQ(c->ExtractMember("unit1\\deep\\", out), 1);  // a folder entry of its own writes nothing
     EXPECT_EQ(ReadFileBytes(out + "unit1/deep/b.kdp"), "bb");
     const std::string add = dir.Write("n.kdp", "new");
     int32_t state = 0;
