@@ -87,7 +87,10 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
     PackageInfo info;
     const Bstr path = ToBstr(file);
     const HRESULT opened = info->put_Filename(path.get());
-    const std::string why = Reason(opened == S_FALSE ? "holds no imsmanifest.xml" : "not a group");
+    // After S_OK a reason is a warning: the manifest is there but does not load.
+    const std::string why = opened == S_OK ? TakeErrorDescription()
+                                           : Reason(opened == S_FALSE ? "holds no imsmanifest.xml"
+                                                                      : "not a group");
     if (json) {
       JsonObject properties;
       JsonObject filename;
@@ -107,7 +110,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       properties.AddRaw("IsQXP", flag.Str());
       JsonObject top;
       top.AddString("file", file);
-      if (opened != S_OK) top.AddString("error", why);
+      if (!why.empty()) top.AddString(opened == S_OK ? "warning" : "error", why);
       top.AddRaw("properties", properties.Str());
       std::printf("%s\n", top.Str().c_str());
       if (opened != S_OK) status = kExitFailed;
@@ -118,6 +121,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       status = kExitFailed;
       continue;
     }
+    if (!why.empty()) std::fprintf(stderr, "qxgroup: warning: %s\n", why.c_str());
     std::printf("%s\n", file.c_str());
     for (const auto& p : kProperties) {
       Bstr value;
