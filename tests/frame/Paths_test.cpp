@@ -76,17 +76,6 @@ TEST_F(GroupPathTest, SplitGroupPathCutsWhereTheFileSystemEnds) {
   }
 }
 
-TEST_F(GroupPathTest, SplitPathReplacesBothStrings) {
-  Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
-  Bstr path(codepage::AnsiToWide(base + "/data/grp.qxg/f/x.kdp"));
-  Bstr inGroup(u"old, released by the call");
-  ASSERT_EQ(fm->SplitPath(path.address(), inGroup.address()), S_OK);
-  EXPECT_EQ(codepage::WideToAnsi(path.view()), base + "/data/grp.qxg");
-  EXPECT_EQ(inGroup.view(), u"f\\x.kdp");
-  EXPECT_EQ(fm->SplitPath(nullptr, inGroup.address()), E_POINTER);
-}
-
 TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
   Script script;
   Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
@@ -128,21 +117,14 @@ TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
   }
 }
 
-TEST_F(GroupPathTest, IsGroupOfFilesAndPathsThroughGroups) {
+// Groups and other files: python/tests/test_dispatch.py. A member that cannot be copied out is
+// no group, and no failure.
+TEST_F(GroupPathTest, IsGroupOfAMemberThatCannotBeCopiedOut) {
   Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
-  const std::string g = base + "/data/grp.qxg";
-  LONG value = 77;
-  const Bstr group(codepage::AnsiToWide(g));
-  ASSERT_EQ(fm->get_IsGroup(group.get(), &value), S_OK);
-  EXPECT_EQ(value, 1);
   script.makeContainer = false;
-  ASSERT_EQ(fm->get_IsGroup(group.get(), &value), S_OK);
-  EXPECT_EQ(value, 0);
-
-  // A member that cannot be copied out is no group, and no failure.
-  const Bstr member(codepage::AnsiToWide(g + "/sub.qxg"));
-  value = 77;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  const Bstr member(codepage::AnsiToWide(base + "/data/grp.qxg/sub.qxg"));
+  LONG value = 77;
   ASSERT_EQ(fm->get_IsGroup(member.get(), &value), S_OK);
   EXPECT_EQ(value, 0);
   EXPECT_TRUE(std::filesystem::is_directory(fs::ToNative(GetTempGroupFolder())));

@@ -89,6 +89,7 @@ TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
     std::string text;
     bool ok;
   } rows[] = {
+      {"empty file", "", true},
       {"only blank lines and comments", "\n; written by hand\r\n\n", true},
       {"bom, crlf, comment, spaces",
        "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n"
