@@ -72,6 +72,7 @@ TEST_F(FileManagerTest, NullOutPointersComeFirst) {
   EXPECT_EQ(fm->ReadContents(group.get(), nullptr), E_POINTER);
   EXPECT_EQ(fm->ReadContentsXml(group.get(), 0, nullptr, nullptr), E_POINTER);
   EXPECT_EQ(fm->get_IsGroup(group.get(), nullptr), E_POINTER);
+  EXPECT_EQ(fm->SplitPath(nullptr, nullptr), E_POINTER);
 }
 
 // How arguments reach the container: lists sorted, folders completed with the right separator.
