@@ -88,6 +88,12 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
     EXPECT_EQ(description.substr(0, r.description.size()), r.description) << description;
     EXPECT_EQ(TakeErrorInfo().second, "") << "taking it empties the slot";
   }
+  // A flash file that cannot be opened leaves the caller's list alone.
+  Bstr list(u"mine");
+  const BSTR before = list.get();
+  EXPECT_EQ(static_cast<IGroupManager2*>(fm)->ExpandFlashFile(Bstr(u"/none.kdk").get(), nullptr, list.address()),
+            QX_E_OPEN_FAILED);
+  EXPECT_EQ(list.get(), before);
 }
 
 TEST_F(ErrorInfoTest, SkippedFilesAreListedOnePerLine) {
