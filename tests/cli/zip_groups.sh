@@ -53,6 +53,16 @@ expect "get a nested member" 0 '^$' '^$' -- "$qx" get g.qxg 'unit1\school.mag\ma
 [ -s out/main.AREA.map ] || { failures=$((failures + 1)); echo "FAIL nested get wrote nothing"; }
 expect "get a folder" 0 '^$' '^$' -- "$qx" get g.qxg set -C out
 [ -s out/set/sub/two.txt ] || { failures=$((failures + 1)); echo "FAIL folder get wrote nothing"; }
+expect "wildcards reach nested groups" 0 '^$' 'wrote out/w/main.GREETING.mas' -- \
+  "$qx" -v get g.qxg 'unit1\school.mag\*.g*' 'UNIT1/*.mag/work.*' -C "$(mkdir out/w && echo out/w)"
+[ "$(ls out/w | tr '\n' ' ')" = "main.GREETING.mas work.L1.mal " ] ||
+  { failures=$((failures + 1)); echo "FAIL nested wildcards wrote: $(ls out/w)"; }
+# Staging folders of a command killed long ago are cleared from the private folder.
+mkdir -m 700 "$TMPDIR/QXGrpMgr-$(id -u)" && mkdir "$_/.qxgroup-Ab12Cd" && touch -d '2 hours ago' "$_"
+expect "a folder named as listed, stale staging cleared" 0 '^$' '^$' -- "$qx" get g.qxg 'set\' -C out/w
+[ -s out/w/set/one.txt ] || { failures=$((failures + 1)); echo "FAIL 'set\\' wrote nothing"; }
+expect "extract that would empty the group" 1 '^$' 'leave the group empty' -- \
+  "$qx" extract g.qxg set unit1 prog1.map -C out
 expect "is-group through the group" 0 '^yes$' '^$' -- "$qx" is-group g.qxg/unit1/school.mag
 expect "exists through a nested group" 0 '^yes$' '' -- "$qx" exists g.qxg/unit1/school.mag/main.AREA.map
 expect "missing nested member" 1 '^no$' '' -- "$qx" exists g.qxg/unit1/school.mag/nothere

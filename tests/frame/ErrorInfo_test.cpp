@@ -12,6 +12,7 @@
 #include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
 #include "platform/ui.h"
+#include "qxgroupmgr/ErrorCode.h"
 #include "support/ScopedRegistry.h"
 #include "support/TempDir.h"
 
@@ -21,15 +22,25 @@ namespace {
 const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 const std::string kOut = "<out>";
 
-// Takes the thread's error information: {source, description}, or {"", ""} when there is none.
-std::pair<std::string, std::string> TakeErrorInfo() {
+struct Taken {
+  std::string source, description, code;
+};
+
+// Takes the thread's error information; all empty when there is none.
+Taken TakeErrorInfo() {
   IErrorInfo* info = nullptr;
   if (GetErrorInfo(0, &info) != S_OK) return {};
-  Bstr source, description;
+  Bstr source, description, code;
   info->GetSource(source.receive());
   info->GetDescription(description.receive());
+  IQXErrorCode* coded = nullptr;
+  if (info->QueryInterface(IID_IQXErrorCode, reinterpret_cast<void**>(&coded)) == S_OK) {
+    coded->GetCode(code.receive());
+    coded->Release();
+  }
   info->Release();
-  return {codepage::WideToUtf8(source.view()), codepage::WideToUtf8(description.view())};
+  return {codepage::WideToUtf8(source.view()), codepage::WideToUtf8(description.view()),
+          codepage::WideToUtf8(code.view())};
 }
 
 class ErrorInfoTest : public ::testing::Test {
@@ -96,30 +107,32 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
     std::vector<std::string> args;
     HRESULT hr;
     std::string description;  // "" for a call that leaves nothing
+    std::string code;
   };
   const std::string out = dir / "out";
   const std::vector<Row> rows = {
       {"text file is no group", u"ReadContents", {dir / "notes.txt", kOut}, E_FAIL,
-       dir / "notes.txt: not a group file (unknown signature)"},
+       dir / "notes.txt: not a group file (unknown signature)", "not-a-group"},
       {"missing group", u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL,
-       dir / "gone.mag: not a group file (no such file)"},
+       dir / "gone.mag: not a group file (no such file)", "not-a-group"},
       {"unknown member", u"GetFile", {dir / "g.mag", "main.NOPE.map", out}, E_FAIL,
-       "main.NOPE.map: no such member in " + dir / "g.mag"},
+       "main.NOPE.map: no such member in " + dir / "g.mag", "no-member"},
       {"flash file refused", u"AddFiles", {dir / "g.mag", dir / "Hello.kdk", ""}, E_FAIL,
        dir / "Hello.kdk: cannot go into " + dir / "g.mag" +
-           ": old-style groups cannot hold flash applications"},
+           ": old-style groups cannot hold flash applications", "flash-file"},
       {"other family refused", u"AddFiles", {dir / "g.mag", dir / "PROG.kdp", ""}, E_FAIL,
        dir / "PROG.kdp: cannot go into " + dir / "g.mag" +
-           ": a KDX-family file; the group holds MA-family files"},
+           ": a KDX-family file; the group holds MA-family files", "other-family"},
       {"comma inside a name", u"AddFiles", {dir / "g.mag", dir / "a,b.map", ""}, E_FAIL,
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names "
-             "that do not exist"},
+             "that do not exist", "comma-in-name"},
       {"damaged group", u"DeleteFiles", {dir / "cut.mag", "main.PROG1.map"}, E_FAIL,
-       dir / "cut.mag: "},  // then what the layout reader saw, and the offset
+       dir / "cut.mag: ", "truncated"},  // then what the layout reader saw, and the offset
       {"flash file missing", u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED,
-       dir / "none.kdk: no such file"},
-      {"success", u"ReadContents", {dir / "g.mag", kOut}, S_OK, ""},
-      {"unknown name", u"NoSuchMember", {}, E_UNEXPECTED, "NoSuchMember: is not a member of IGroupManager2"},
+       dir / "none.kdk: no such file", "cannot-open"},
+      {"success", u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},
+      {"unknown name", u"NoSuchMember", {}, E_UNEXPECTED,
+       "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(r.name);
@@ -128,14 +141,15 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
     SetErrorInfo(0, stale);
     stale->Release();
     EXPECT_EQ(Call(r.member, r.args), r.hr);
-    const auto [source, description] = TakeErrorInfo();
+    const auto [source, description, code] = TakeErrorInfo();
     if (r.description.empty()) {
       EXPECT_EQ(description, "");
       continue;
     }
     EXPECT_EQ(source, "QXGroupMgr.FileManager");
     EXPECT_EQ(description.substr(0, r.description.size()), r.description) << description;
-    EXPECT_EQ(TakeErrorInfo().second, "") << "taking it empties the slot";
+    EXPECT_EQ(code, r.code);
+    EXPECT_EQ(TakeErrorInfo().description, "") << "taking it empties the slot";
   }
 }
 
@@ -144,7 +158,7 @@ TEST_F(ErrorInfoTest, SkippedFilesAreListedOnePerLine) {
   HWND owner = ui::BindOwnerWindow(host);
   static_cast<IGroupManager2*>(fm)->put_ShowUI(owner);
   EXPECT_EQ(Call(u"AddFiles", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map", ""}), 2);
-  EXPECT_EQ(TakeErrorInfo().second, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" +
+  EXPECT_EQ(TakeErrorInfo().description, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" +
                                         dir / "prog1.map");
   static_cast<IGroupManager2*>(fm)->put_ShowUI(nullptr);
   ui::ReleaseOwnerWindow(owner);

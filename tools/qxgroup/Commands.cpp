@@ -33,7 +33,7 @@ void RequireFiles(const std::vector<std::string>& files) {
   for (const std::string& f : files) {
     CheckListItem(f, "file name");
     const uint32_t attrs = fs::GetAttributes(Ansi(f));
-    if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f};
+    if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f, "no-such-file"};
   }
 }
 
@@ -54,6 +54,19 @@ std::string NoSuchMembers(const std::vector<std::string>& names, const std::stri
 
 void PrintList(const std::string& utf8List) {
   for (const std::string& item : SplitCommaList(utf8List)) std::printf("%s\n", item.c_str());
+}
+
+// The members the names stand for; names are checked before anything is asked of the group.
+MemberSelection Choose(const std::string& group, const std::vector<std::string>& names,
+                       std::vector<std::string>* all = nullptr) {
+  CheckRepresentable(group, "group file name");
+  for (const std::string& m : names) CheckListItem(m, "member name");
+  std::vector<std::string> members = ListMembers(group);
+  MemberSelection chosen = SelectMembers(
+      members, names, ReachesNested(names) ? NestedMembers(group) : std::vector<NestedMember>{});
+  FindNested(group, chosen);
+  if (all != nullptr) *all = std::move(members);
+  return chosen;
 }
 
 }  // namespace
@@ -133,9 +146,8 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
 int CmdDelete(const std::string& group, const std::vector<std::string>& members) {
   CheckRepresentable(group, "group file name");
   for (const std::string& m : members) CheckListItem(m, "member name");
-  MemberSelection chosen = SelectMembers(ListMembers(group), members);
-  FindNested(group, chosen);
-  if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group)};
+  const MemberSelection chosen = Choose(group, members);
+  if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group), "no-member"};
   const std::string list = JoinList(chosen.found, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr)) FailWithReason("cannot delete from " + group);
@@ -181,11 +193,6 @@ std::string Target(const std::string& dest, const std::string& name) {
   return dest.back() == '/' ? dest + name : dest + "/" + name;
 }
 
-std::string TempFolder() {
-  const char* tmp = std::getenv("TMPDIR");
-  return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-}
-
 // Copies one member into the staging folder, which is empty before.
 void StageMember(const std::string& group, const std::string& member, const Staging& staging) {
   const HRESULT hr = Session()->GetFile(ToBstr(group).get(), ToBstr(member).get(),
@@ -217,18 +224,6 @@ bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer
   return all;
 }
 
-// The members the names stand for; names are checked before anything is asked of the group.
-MemberSelection Choose(const std::string& group, const std::vector<std::string>& names,
-                       std::vector<std::string>* all = nullptr) {
-  CheckRepresentable(group, "group file name");
-  for (const std::string& m : names) CheckListItem(m, "member name");
-  std::vector<std::string> members = ListMembers(group);
-  MemberSelection chosen = SelectMembers(members, names);
-  FindNested(group, chosen);
-  if (all != nullptr) *all = std::move(members);
-  return chosen;
-}
-
 }  // namespace
 
 int CmdGet(const std::string& group, const std::vector<std::string>& members,
@@ -239,7 +234,7 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
   if (!chosen.found.empty()) {
     // One walk of an old-style group's table serves every member while the group is unchanged.
     const ReuseScope reuse;
-    Staging staging(toStdout ? TempFolder() : dest);
+    Staging staging(dest, !toStdout);
     Placer placer(Settings().overwrite, {group}, Settings().verbose);
     for (const std::string& m : chosen.found) {
       StageMember(group, m, staging);
@@ -266,14 +261,13 @@ int CmdExtract(const std::string& group, const std::vector<std::string>& members
   std::vector<std::string> all;
   const MemberSelection chosen = Choose(group, members, &all);
   if (!chosen.missing.empty())
-    throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted"};
-  // Every member of the group's own list named (members inside nested groups do not count).
-  const auto topLevel = std::count_if(chosen.found.begin(), chosen.found.end(), [&](auto& m) {
-    return std::find(all.begin(), all.end(), m) != all.end();
-  });
-  if (static_cast<size_t>(topLevel) == all.size())
+    throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted", "no-member"};
+  // An old-style group keeps at least one member, and a zip-based group without entries is no
+  // longer a group: refuse before anything moves.
+  if (LeavesEmpty(all, chosen.found))
     throw Failure{group + ": extracting every member would leave the group empty; nothing "
-                  "extracted (`expand` copies them all out)"};
+                  "extracted (`expand` copies them all out)",
+                  "keeps-one"};
   Staging staging(dest);
   Placer placer(Settings().overwrite, {group}, Settings().verbose);
   std::vector<std::string> placed;
@@ -344,7 +338,7 @@ std::pair<std::string, std::string> GroupParts(const std::string& path) {
   Bstr group = ToBstr(path), inGroup;
   Session()->SplitPath(group.address(), inGroup.address());
   std::pair<std::string, std::string> parts{FromBstr(group.get()), FromBstr(inGroup.get())};
-  if (parts.first.empty()) throw Failure{path + ": no group file on this path"};
+  if (parts.first.empty()) throw Failure{path + ": no group file on this path", "not-a-group"};
   return parts;
 }
 

@@ -1,6 +1,6 @@
 // Files the component writes out (get, extract, expand, flash) are made in a staging folder
-// beside their destination and then moved into place one at a time, so that an existing file
-// is never written over unasked and the file being read is never written over at all.
+// and then moved into place one at a time, so that an existing file is never written over
+// unasked and the file being read is never written over at all.
 #pragma once
 
 #include <string>
@@ -19,11 +19,15 @@ enum class Overwrite {
 // -o and -n win; else ask when standard input and the controlling terminal are a terminal.
 Overwrite ChooseOverwrite(bool overwrite, bool never);
 
-// A hidden folder made in `dest` ("" = the current folder), removed with what is left in it.
-// Throws Failure when the folder cannot be made there (naming `dest` and why).
+// A fresh folder ".qxgroup-XXXXXX", removed with what is left in it. It is made in the private
+// temporary folder when that is on the file system of `dest` ("" = the current folder), so a
+// killed command leaves nothing in sight; else in `dest` itself, where such folders older than
+// an hour (left by a killed command) are removed first. With `placed` false the files are not
+// moved anywhere and the temporary folder serves whatever its file system.
+// Throws Failure when the folder cannot be made (naming `dest` and why).
 class Staging {
  public:
-  explicit Staging(const std::string& dest);
+  explicit Staging(const std::string& dest, bool placed = true);
   ~Staging();
   Staging(const Staging&) = delete;
   Staging& operator=(const Staging&) = delete;
@@ -35,6 +39,7 @@ class Staging {
 
  private:
   std::string path_;
+  std::string hidden_;  // the private temporary folder, when the staging folder is in it
 };
 
 // Moves staged files into their destination under one overwrite rule.

@@ -60,9 +60,11 @@ class PackageInfo {
   IQXPackageInfo* p_ = nullptr;
 };
 
-std::string Reason(const char* fallback) {
-  const std::string why = TakeErrorDescription();
-  return why.empty() ? fallback : why;
+ComponentError Reason(const char* fallback, const char* fallbackCode) {
+  ComponentError why = TakeError();
+  if (why.description.empty()) return {fallback, fallbackCode};
+  if (why.code.empty()) why.code = "failed";
+  return why;
 }
 
 // The module beside this program (the build folder), else where an install puts it.
@@ -87,7 +89,8 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
     PackageInfo info;
     const Bstr path = ToBstr(file);
     const HRESULT opened = info->put_Filename(path.get());
-    const std::string why = Reason(opened == S_FALSE ? "holds no imsmanifest.xml" : "not a group");
+    const ComponentError why = opened == S_FALSE ? Reason("holds no imsmanifest.xml", "no-manifest")
+                                                 : Reason("not a group", "not-a-group");
     if (json) {
       JsonObject properties;
       JsonObject filename;
@@ -107,14 +110,17 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       properties.AddRaw("IsQXP", flag.Str());
       JsonObject top;
       top.AddString("file", file);
-      if (opened != S_OK) top.AddString("error", why);
+      if (opened != S_OK) {
+        top.AddString("error", why.description);
+        top.AddString("code", why.code);
+      }
       top.AddRaw("properties", properties.Str());
       std::printf("%s\n", top.Str().c_str());
       if (opened != S_OK) status = kExitFailed;
       continue;
     }
     if (opened != S_OK) {
-      std::fprintf(stderr, "qxgroup: not a package: %s\n", why.c_str());
+      std::fprintf(stderr, "qxgroup: not a package: %s\n", why.description.c_str());
       status = kExitFailed;
       continue;
     }

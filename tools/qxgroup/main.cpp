@@ -328,7 +328,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitUsage;
   } catch (const Failure& e) {
-    if (Settings().json) std::printf("{\"error\":%s}\n", qx::cli::JsonString(e.message).c_str());
+    if (Settings().json)
+      std::printf("{\"error\":%s,\"code\":%s}\n", qx::cli::JsonString(e.message).c_str(),
+                  qx::cli::JsonString(e.code).c_str());
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitFailed;
   }
