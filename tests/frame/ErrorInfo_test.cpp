@@ -127,7 +127,7 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names "
              "that do not exist", "comma-in-name"},
       {"damaged group", u"DeleteFiles", {dir / "cut.mag", "main.PROG1.map"}, E_FAIL,
-       dir / "cut.mag: ", "truncated"},  // then what the layout reader saw, and the offset
+       dir / "cut.mag: ", "bad-offset"},  // then what the layout reader saw, and the offset
       {"flash file missing", u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED,
        dir / "none.kdk: no such file", "cannot-open"},
       {"success", u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},
