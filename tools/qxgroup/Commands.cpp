@@ -2,12 +2,15 @@
 #include "qxgroup/Commands.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "formats/DeviceFamily.h"
@@ -213,6 +216,43 @@ void CopyToStdout(const std::string& path) {
   std::fclose(in);
 }
 
+std::string LowerAscii(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The folders of a group, from its list ("unit1\quiz.kdp" gives "unit1"), in lower case.
+std::set<std::string> FoldersOf(const std::vector<std::string>& members) {
+  std::set<std::string> folders;
+  for (const std::string& m : members)
+    for (size_t cut = m.find('\\'); cut != std::string::npos; cut = m.find('\\', cut + 1))
+      folders.insert(LowerAscii(m.substr(0, cut)));
+  return folders;
+}
+
+// Where a member goes under `dest`: into its folders inside the group, made as needed, as unzip
+// does ("unit1\quiz.kdp" => DEST/unit1/). A nested group's members go where the nested group
+// would go ("unit1\data.kdg\A.kdn" => DEST/unit1/), so no folder takes a group file's name.
+std::string MemberFolder(const std::string& dest, const std::string& member,
+                         const std::set<std::string>& folders) {
+  std::string path = dest.empty() ? std::string() : (dest.back() == '/' ? dest : dest + "/");
+  size_t start = 0;
+  for (size_t cut = member.find('\\'); cut != std::string::npos;
+       start = cut + 1, cut = member.find('\\', start)) {
+    if (folders.count(LowerAscii(member.substr(0, cut))) == 0) break;
+    const std::string part = member.substr(start, cut - start);
+    if (part.empty() || part == "." || part == "..")
+      throw Failure{member + ": a folder of this name cannot be made", "unsafe-name"};
+    path += part;
+    struct stat st;
+    if (::mkdir(path.c_str(), 0777) != 0 &&
+        (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+      throw Failure{"cannot make the folder " + path + " for " + member, "cannot-create"};
+    path += "/";
+  }
+  return path.empty() ? dest : path;
+}
+
 // Moves what the staging folder holds into `dest`; true when every file got there.
 bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer) {
   bool all = true;
@@ -229,7 +269,9 @@ bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer
 int CmdGet(const std::string& group, const std::vector<std::string>& members,
            const std::string& dest, bool toStdout) {
   RequireFolder(dest);
-  const MemberSelection chosen = Choose(group, members);
+  std::vector<std::string> all;
+  const MemberSelection chosen = Choose(group, members, &all);
+  const std::set<std::string> folders = FoldersOf(all);
   int status = kExitOk;
   if (!chosen.found.empty()) {
     // One walk of an old-style group's table serves every member while the group is unchanged.
@@ -239,7 +281,7 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
     for (const std::string& m : chosen.found) {
       StageMember(group, m, staging);
       if (!toStdout) {
-        PlaceStaged(staging, dest, placer);
+        PlaceStaged(staging, MemberFolder(dest, m, folders), placer);
         continue;
       }
       for (const std::string& f : staging.Files()) {
@@ -268,13 +310,14 @@ int CmdExtract(const std::string& group, const std::vector<std::string>& members
     throw Failure{group + ": extracting every member would leave the group empty; nothing "
                   "extracted (`expand` copies them all out)",
                   "keeps-one"};
+  const std::set<std::string> folders = FoldersOf(all);
   Staging staging(dest);
   Placer placer(Settings().overwrite, {group}, Settings().verbose);
   std::vector<std::string> placed;
   const ReuseScope reuse;  // the group is unchanged until the one delete at the end
   for (const std::string& m : chosen.found) {
     StageMember(group, m, staging);
-    if (PlaceStaged(staging, dest, placer)) placed.push_back(m);
+    if (PlaceStaged(staging, MemberFolder(dest, m, folders), placer)) placed.push_back(m);
   }
   // Only members whose file is in place leave the group, in one write.
   if (!placed.empty()) {

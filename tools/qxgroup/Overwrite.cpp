@@ -121,9 +121,11 @@ Staging::~Staging() {
   if (!hidden_.empty()) ::rmdir(hidden_.c_str());
 }
 
-std::vector<std::string> Staging::Files() const {
+std::vector<std::string> Staging::Files() const { return FolderEntries(path_); }
+
+std::vector<std::string> FolderEntries(const std::string& folder) {
   std::vector<std::string> names;
-  DIR* dir = ::opendir(path_.c_str());
+  DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return names;
   while (const dirent* e = ::readdir(dir)) {
     const std::string name = e->d_name;
@@ -211,8 +213,15 @@ bool Placer::Place(const std::string& staged, const std::string& target) {
     inputsKept_.push_back(target);
     return false;
   }
-  struct stat st;
+  struct stat st, from;
   if (::stat(target.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    // A folder onto a folder: merged, as unzip does, each file under the same rule.
+    if (::lstat(staged.c_str(), &from) == 0 && S_ISDIR(from.st_mode)) {
+      bool all = true;
+      for (const std::string& name : FolderEntries(staged))
+        all = Place(staged + "/" + name, target + "/" + name) && all;
+      return all;
+    }
     kept_.push_back(target);
     return false;
   }

@@ -42,13 +42,17 @@ class Staging {
   std::string hidden_;  // the private temporary folder, when the staging folder is in it
 };
 
+// Names in a folder but "." and "..", sorted.
+std::vector<std::string> FolderEntries(const std::string& folder);
+
 // Moves staged files into their destination under one overwrite rule.
 class Placer {
  public:
   // `inputs`: the files being read; they are never written over, whatever the rule.
   Placer(Overwrite rule, std::vector<std::string> inputs, bool verbose);
 
-  // Moves `staged` to `target` (both UTF-8). True when it is now there.
+  // Moves `staged` to `target` (both UTF-8). True when it is now there. A staged folder whose
+  // target is a folder already is merged into it.
   bool Place(const std::string& staged, const std::string& target);
 
   // Existing files kept that the user was not told about yet, and the status for them:

@@ -97,7 +97,7 @@ int Help(CLI::App& app, const std::string& name) {
   std::vector<std::string> names;
   for (CLI::App* s : app.get_subcommands([](CLI::App*) { return true; })) {
     if (s->get_name() == name) {
-      std::fputs(s->help().c_str(), stdout);
+      std::fputs(s->help("qxgroup").c_str(), stdout);
       return kExitOk;
     }
     names.push_back(s->get_name());
@@ -135,7 +135,8 @@ int main(int argc, char** argv) {
       "Existing files are never written over unless -o is given (-n keeps them quietly; on a "
       "terminal you are asked), and the file being read never is.\n"
       "Member names are as `list` prints them, with wildcards * ? [...]; folders inside a group "
-      "use \"\\\" (\"/\" is accepted).\n"
+      "use \"\\\" (\"/\" is accepted); get and extract write members into their folders "
+      "under -C, as unzip does.\n"
       "More: qxgroup help SUBCOMMAND, man qxgroup, and the README.");
 
   // Subcommands run after the whole command line is parsed, so global flags apply to them.
