@@ -68,6 +68,8 @@ expect "is-group through the group" 0 '^yes$' '^$' -- "$qx" is-group g.qxg/unit1
 expect "exists through a nested group" 0 '^yes$' '' -- "$qx" exists g.qxg/unit1/school.mag/main.AREA.map
 expect "missing nested member" 1 '^no$' '' -- "$qx" exists g.qxg/unit1/school.mag/nothere
 expect "split-path" 0 'unit1\\school\.mag' '^$' -- "$qx" split-path g.qxg/unit1/school.mag
+expect "emptying a nested group refused" 1 '^$' 'unit1\\school\.mag: deleting every member would leave' -- \
+  "$qx" delete g.qxg 'unit1\school.mag\*'
 expect "delete a nested member" 0 '^$' '^$' -- "$qx" delete g.qxg 'unit1\school.mag\main.AREA.map'
 expect "delete a folder" 0 '^$' '^$' -- "$qx" delete g.qxg set
 expect "folder gone" 0 '^prog1\.map$' '^$' -- "$qx" list g.qxg

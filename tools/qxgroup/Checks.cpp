@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
+#include <map>
 #include <utility>
 
 #include "formats/DeviceFamily.h"
@@ -132,6 +133,34 @@ bool LeavesEmpty(const std::vector<std::string>& members, const std::vector<std:
     if (!taken) return false;
   }
   return true;
+}
+
+std::string EmptiedGroup(const std::string& group, const std::vector<std::string>& members,
+                         const std::vector<std::string>& chosen) {
+  if (LeavesEmpty(members, chosen)) return group;
+  // Names of nested members are paths through a member of the group's own list.
+  std::vector<std::string> listed;
+  for (const std::string& m : members) listed.push_back(Lower(m));
+  std::sort(listed.begin(), listed.end());
+  bool reachesIn = false;
+  for (const std::string& c : chosen) {
+    const std::string name = Lower(c);
+    for (size_t cut = name.find('\\'); !reachesIn && cut != std::string::npos;
+         cut = name.find('\\', cut + 1))
+      reachesIn = std::binary_search(listed.begin(), listed.end(), name.substr(0, cut));
+  }
+  if (!reachesIn) return {};
+  // Each nested group some name reaches into, with its own members.
+  std::map<std::string, std::vector<std::string>> nested;
+  for (const NestedMember& m : NestedMembers(group)) nested[m.group].push_back(m.inner);
+  for (const auto& [inner, innerMembers] : nested) {
+    const std::string prefix = Lower(inner) + "\\";
+    std::vector<std::string> taken;
+    for (const std::string& c : chosen)
+      if (Lower(c).starts_with(prefix)) taken.push_back(c.substr(prefix.size()));
+    if (!taken.empty() && LeavesEmpty(innerMembers, taken)) return inner;
+  }
+  return {};
 }
 
 void FindNested(const std::string& group, MemberSelection& selection) {

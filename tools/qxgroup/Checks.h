@@ -42,6 +42,13 @@ bool ReachesNested(const std::vector<std::string>& patterns);
 // every entry out of the group's list `members`: a folder takes what lies in it along.
 bool LeavesEmpty(const std::vector<std::string>& members, const std::vector<std::string>& chosen);
 
+// The group that removing `chosen` from `group` (whose list is `members`) would leave empty:
+// `group` itself, or a group nested in it ("unit1\data.kdg"); empty when none would be. An
+// old-style group keeps at least one member, and a zip-based group without entries is no
+// longer a group, so such a removal is refused before anything moves.
+std::string EmptiedGroup(const std::string& group, const std::vector<std::string>& members,
+                         const std::vector<std::string>& chosen);
+
 // Names left missing that are paths into folders or nested groups ("unit1\data.kdg\L1.mal")
 // are asked of the component, which looks inside; those it finds move to `found`.
 void FindNested(const std::string& group, MemberSelection& selection);

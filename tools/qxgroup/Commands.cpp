@@ -72,6 +72,15 @@ MemberSelection Choose(const std::string& group, const std::vector<std::string>&
   return chosen;
 }
 
+void RefuseEmptying(const std::string& group, const std::vector<std::string>& all,
+                    const std::vector<std::string>& chosen, const char* doing, const char* done) {
+  const std::string emptied = EmptiedGroup(group, all, chosen);
+  if (emptied.empty()) return;
+  throw Failure{(emptied == group ? group : group + ": " + emptied) + ": " + doing +
+                    " every member would leave the group empty; nothing " + done,
+                "keeps-one"};
+}
+
 }  // namespace
 
 Conventions& Settings() {
@@ -149,8 +158,10 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
 int CmdDelete(const std::string& group, const std::vector<std::string>& members) {
   CheckRepresentable(group, "group file name");
   for (const std::string& m : members) CheckListItem(m, "member name");
-  const MemberSelection chosen = Choose(group, members);
+  std::vector<std::string> all;
+  const MemberSelection chosen = Choose(group, members, &all);
   if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group), "no-member"};
+  RefuseEmptying(group, all, chosen.found, "deleting", "deleted");
   const std::string list = JoinList(chosen.found, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr)) FailWithReason("cannot delete from " + group);
@@ -304,12 +315,7 @@ int CmdExtract(const std::string& group, const std::vector<std::string>& members
   const MemberSelection chosen = Choose(group, members, &all);
   if (!chosen.missing.empty())
     throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted", "no-member"};
-  // An old-style group keeps at least one member, and a zip-based group without entries is no
-  // longer a group: refuse before anything moves.
-  if (LeavesEmpty(all, chosen.found))
-    throw Failure{group + ": extracting every member would leave the group empty; nothing "
-                  "extracted (`expand` copies them all out)",
-                  "keeps-one"};
+  RefuseEmptying(group, all, chosen.found, "extracting", "extracted (`expand` copies them all out)");
   const std::set<std::string> folders = FoldersOf(all);
   Staging staging(dest);
   Placer placer(Settings().overwrite, {group}, Settings().verbose);

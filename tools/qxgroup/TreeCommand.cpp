@@ -141,7 +141,8 @@ void CollectNested(const Element& e, const std::string& group, const std::string
   for (const Element& c : e.children) {
     const std::string name = c.tag == "file" ? c.text : c.Attr("name");
     const std::string path = inner.empty() ? name : inner + "\\" + name;
-    if (c.tag == "file" && !group.empty()) out.push_back({group, path});
+    // A group inside a nested group is one of its members too.
+    if (c.tag != "dir" && !group.empty()) out.push_back({group, path});
     if (c.tag == "dir") CollectNested(c, group, path, out);
     if (c.tag == "group") CollectNested(c, group.empty() ? path : group + "\\" + path, "", out);
   }
