@@ -11,6 +11,8 @@ if ! command -v tmux >/dev/null 2>&1; then
   exit 0
 fi
 work=$(mktemp -d)
+export TMPDIR=$work/tmp  # what a killed command leaves in the private folder goes with $work
+mkdir "$TMPDIR"
 sock="qxdup$$"
 trap 'tmux -L "$sock" kill-server 2>/dev/null; rm -rf "$work"' EXIT INT TERM
 failures=0

@@ -82,6 +82,8 @@ if command -v unzip >/dev/null; then
   # get with a wildcard writes what unzip writes.
   mkdir out/q out/u && "$qx" get lesson.qxg '*' -C out/q && unzip -q lesson.qxg -d out/u &&
     diff -r out/q out/u >/dev/null || { failures=$((failures + 1)); echo "FAIL get '*' differs from unzip"; }
+  [ "$("$qx" get -p lesson.qxg unit1 | wc -c)" = "$(unzip -p lesson.qxg 'unit1/*' | wc -c)" ] ||
+    { failures=$((failures + 1)); echo "FAIL get -p of a folder"; }
 fi
 
 # A temporary folder that is a link is refused, and nothing is written where it points.

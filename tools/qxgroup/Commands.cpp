@@ -214,7 +214,13 @@ void StageMember(const std::string& group, const std::string& member, const Stag
   if (FAILED(hr)) FailWithReason("cannot get " + member + " from " + group);
 }
 
+// A staged file, or every file of a staged folder in name order, on standard output.
 void CopyToStdout(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    for (const std::string& name : FolderEntries(path)) CopyToStdout(path + "/" + name);
+    return;
+  }
   std::FILE* in = std::fopen(path.c_str(), "rb");
   if (in == nullptr) throw Failure{"cannot read " + path};
   char buf[1 << 16];
@@ -268,10 +274,8 @@ std::string MemberFolder(const std::string& dest, const std::string& member,
 bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer) {
   bool all = true;
   for (const std::string& f : staging.Files())
-    if (!placer.Place(staging.Path() + f, Target(dest, f))) {
-      all = false;
-      std::remove((staging.Path() + f).c_str());
-    }
+    if (!placer.Place(staging.Path() + f, Target(dest, f))) all = false;
+  staging.Clear();  // what was kept back, so the next member finds the folder empty
   return all;
 }
 
@@ -295,10 +299,8 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
         PlaceStaged(staging, MemberFolder(dest, m, folders), placer);
         continue;
       }
-      for (const std::string& f : staging.Files()) {
-        CopyToStdout(staging.Path() + f);
-        std::remove((staging.Path() + f).c_str());
-      }
+      for (const std::string& f : staging.Files()) CopyToStdout(staging.Path() + f);
+      staging.Clear();
     }
     std::fflush(stdout);
     status = placer.Report(Settings().quiet);

@@ -123,6 +123,10 @@ Staging::~Staging() {
 
 std::vector<std::string> Staging::Files() const { return FolderEntries(path_); }
 
+void Staging::Clear() const {
+  for (const std::string& name : Files()) RemoveTree(path_ + name);
+}
+
 std::vector<std::string> FolderEntries(const std::string& folder) {
   std::vector<std::string> names;
   DIR* dir = ::opendir(folder.c_str());

@@ -36,6 +36,8 @@ class Staging {
   const std::string& Path() const { return path_; }
   // Names of the files in it, sorted.
   std::vector<std::string> Files() const;
+  // Removes what it holds.
+  void Clear() const;
 
  private:
   std::string path_;
