@@ -50,6 +50,7 @@ check "create mixing families" 1 '^qxgroup: prog1.map: cannot go into keep.mag: 
   "$qx" create keep.mag A.kcn prog1.map
 same keep.mag keep.orig "refused create"
 check "create with a flash file" 1 'Hello.kdk: cannot go into new.mag: .*flash' -- "$qx" create new.mag prog1.map Hello.kdk
+check "create in a missing folder" 1 '^qxgroup: no such folder: nodir$' -- "$qx" create nodir/x.mag prog1.map
 check "create from text" 1 '^qxgroup: notes.txt: not a calculator file' -- "$qx" create new.mag notes.txt
 check "extension of another family" 1 'x.mag: a group of KDX-family files is named .kdg' -- "$qx" create x.mag PROG.kdp
 check "not a group extension" 1 'is named .mag' -- "$qx" create out.txt prog1.map

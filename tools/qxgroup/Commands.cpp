@@ -44,8 +44,8 @@ void RequireFolder(const std::string& dir) {
   if (dir.empty()) return;
   CheckRepresentable(dir, "folder name");
   const uint32_t attrs = fs::GetAttributes(Ansi(dir));
-  if (attrs == fs::kInvalidAttributes) throw Failure{"no such folder: " + dir};
-  if (!(attrs & fs::kAttrDirectory)) throw Failure{"not a folder: " + dir};
+  if (attrs == fs::kInvalidAttributes) throw Failure{"no such folder: " + dir, "no-such-folder"};
+  if (!(attrs & fs::kAttrDirectory)) throw Failure{"not a folder: " + dir, "not-a-folder"};
 }
 
 // "main.NOPE.map: no such member in g.mag", or "a, b: no such members in g.mag".
@@ -90,6 +90,8 @@ Conventions& Settings() {
 
 int CmdCreate(const std::string& group, const std::vector<std::string>& files, bool force) {
   CheckRepresentable(group, "group file name");
+  const size_t slash = group.find_last_of('/');
+  if (slash != std::string::npos && slash > 0) RequireFolder(group.substr(0, slash));
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
   CheckCreate(group, files, force);

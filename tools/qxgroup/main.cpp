@@ -175,9 +175,12 @@ int main(int argc, char** argv) {
   CLI::App* list = Sub(app, "list", "List the members of a group, one a line",
                        "qxgroup list school.mag");
   list->add_option("group", o.group, "Group file")->required();
-  list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
-  list->add_flag("--tree", o.tree, "Show an indented tree, folders and nested groups opened");
-  list->add_flag("--long", o.longForm, "With --tree: sizes and dates, as unzip -l shows them");
+  CLI::Option* listJson =
+      list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
+  list->add_flag("--tree", o.tree, "Show an indented tree, folders and nested groups opened")
+      ->excludes(listJson);
+  list->add_flag("--long", o.longForm, "With --tree: sizes and dates, as unzip -l shows them")
+      ->excludes(listJson);
   list->footer("Examples:\n  qxgroup list school.mag\n  qxgroup list --tree --long lesson.qxg");
   commands.emplace_back(list, [&] {
     return o.tree || o.longForm ? CmdTree(o.group, o.longForm) : CmdList(o.group);
