@@ -61,6 +61,8 @@ python3 -c 'import sys; b = bytearray(open("prog1.map", "rb").read()); b[0x48] =
 check "create with a kind the group cannot hold" 1 'odd.map: cannot go into new.mag: .*type 0x05' -- \
   "$qx" create new.mag prog1.map odd.map
 [ -e new.mag ] && fail "a refused create left new.mag"
+{ printf '**QXHWL*\0\0'; tail -c +11 prog1.map; } >v.hwl
+check "create of a group that could not be opened again" 1 'never opened again' -- "$qx" create h.grp v.hwl
 
 # extract checks every member first; get writes what exists and exits 11 for the rest.
 cp school.mag s2.mag

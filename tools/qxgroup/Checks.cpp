@@ -13,9 +13,9 @@
 #include "formats/LayoutKC.h"
 #include "formats/LayoutMA.h"
 #include "formats/MemberNames.h"
-#include "platform/fs.h"
 #include "platform/CommaList.h"
 #include "platform/codepage.h"
+#include "platform/fs.h"
 #include "qxgroup/Automation.h"
 
 namespace qx::cli {
@@ -38,10 +38,6 @@ std::string MemberPath(std::string name) {
   std::replace(name.begin(), name.end(), '/', '\\');
   return name;
 }
-
-}  // namespace
-
-namespace {
 
 bool IsWild(const std::string& name) { return name.find_first_of("*?[") != std::string::npos; }
 
@@ -88,7 +84,7 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     const std::string want = MemberPath(p);
     const bool wild = IsWild(want);
     bool any = false;
-    // A folder's own entry ("unit1\\") named as it is listed stands for the folder below.
+    // A folder's own entry ("unit1\") named as it is listed stands for the folder below.
     for (size_t i = 0; i < members.size(); ++i) {
       const bool hit = wild ? Match(want, members[i])
                             : !members[i].ends_with('\\') && Lower(want) == Lower(members[i]);
@@ -154,6 +150,7 @@ std::string EmptiedGroup(const std::string& group, const std::vector<std::string
   std::map<std::string, std::vector<std::string>> nested;
   for (const NestedMember& m : NestedMembers(group)) nested[m.group].push_back(m.inner);
   for (const auto& [inner, innerMembers] : nested) {
+    if (LeavesEmpty({inner}, chosen)) continue;  // the nested group goes as a whole
     const std::string prefix = Lower(inner) + "\\";
     std::vector<std::string> taken;
     for (const std::string& c : chosen)
@@ -273,7 +270,12 @@ void CheckCreate(const std::string& group, const std::vector<std::string>& files
             : VariablesRefused(f, *family);
     if (!why.empty()) throw Failure{f + ": cannot go into " + group + ": " + why, code};
   }
-  if (force || family->extensionCode.empty()) return;
+  if (force) return;
+  if (family->signature == kSigHWL)
+    throw Failure{group + ": an HWL-family group can be made but never opened again, so nothing "
+                      "could list or change it (give --force to make it anyway)",
+                  "not-a-group"};
+  if (family->extensionCode.empty()) return;
   const std::string fits = "." + std::string(family->extensionCode) + "g";
   if (ext != fits)
     throw Failure{group + ": a group of " + std::string(family->name) +
