@@ -279,7 +279,8 @@ void CheckCreate(const std::string& group, const std::vector<std::string>& files
   const std::string fits = "." + std::string(family->extensionCode) + "g";
   if (ext != fits)
     throw Failure{group + ": a group of " + std::string(family->name) +
-                      "-family files is named " + fits + " (or give --force to keep this name)",
+                      "-family files is named " + fits +
+                      " (.qxg makes a zip-based group; --force keeps this name)",
                   "wrong-extension"};
 }
 
