@@ -62,6 +62,10 @@ expect "wildcards reach nested groups" 0 '^$' 'wrote out/w/unit1/main.GREETING.m
 mkdir -m 700 "$TMPDIR/QXGrpMgr-$(id -u)" && mkdir "$_/.qxgroup-Ab12Cd" && touch -d '2 hours ago' "$_"
 expect "a folder named as listed, stale staging cleared" 0 '^$' '^$' -- "$qx" get g.qxg 'set\' -C out/w
 [ -s out/w/set/one.txt ] || { failures=$((failures + 1)); echo "FAIL 'set\\' wrote nothing"; }
+# A wildcard hitting a folder's own entry moves the folder: its members are written, then deleted.
+cp lesson.qxg e.qxg && mkdir out/e
+expect "extract of a folder entry by wildcard" 0 '^$' '^$' -- "$qx" extract e.qxg '*1\' -C out/e
+[ -s out/e/unit1/quiz.kdp ] || { failures=$((failures + 1)); echo "FAIL the folder's members were lost"; }
 expect "extract that would empty the group" 1 '^$' 'leave the group empty' -- \
   "$qx" extract g.qxg set unit1 prog1.map -C out
 expect "is-group through the group" 0 '^yes$' '^$' -- "$qx" is-group g.qxg/unit1/school.mag

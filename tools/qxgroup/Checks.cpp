@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstdio>
 #include <map>
+#include <set>
 #include <utility>
 
 #include "formats/DeviceFamily.h"
@@ -84,11 +85,15 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     const std::string want = MemberPath(p);
     const bool wild = IsWild(want);
     bool any = false;
-    // A folder's own entry ("unit1\") named as it is listed stands for the folder below.
+    // A folder's own entry ("unit1\"), named as listed or hit by a wildcard, stands for the
+    // folder and all below it: the component's copy and delete of it take the whole tree.
     for (size_t i = 0; i < members.size(); ++i) {
-      const bool hit = wild ? Match(want, members[i])
-                            : !members[i].ends_with('\\') && Lower(want) == Lower(members[i]);
-      if (hit) chosen[i] = any = true;
+      const bool hit = wild ? Match(want, members[i]) : Lower(want) == Lower(members[i]);
+      if (hit && members[i].ends_with('\\'))
+        folders.push_back(members[i].substr(0, members[i].size() - 1));
+      else if (hit)
+        chosen[i] = true;
+      any = any || hit;
     }
     if (wild && want.find('\\') != std::string::npos) {
       const std::vector<std::string> parts = Parts(want);
@@ -110,7 +115,20 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     if (chosen[i]) s.found.push_back(members[i]);
   for (size_t i = 0; i < nested.size(); ++i)
     if (nestedChosen[i]) s.found.push_back(nested[i].group + "\\" + nested[i].inner);
-  s.found.insert(s.found.end(), folders.begin(), folders.end());
+  // What lies in a chosen folder goes with it; a folder named twice goes once.
+  std::set<std::string> outer;
+  for (const std::string& f : folders)
+    if (outer.insert(Lower(f) + "\\").second) s.found.push_back(f);
+  std::vector<std::string> kept;
+  for (const std::string& f : s.found) {
+    const std::string name = Lower(f) + "\\";
+    bool inside = false;
+    for (size_t cut = name.find('\\'); !inside && cut + 1 < name.size();
+         cut = name.find('\\', cut + 1))
+      inside = outer.count(name.substr(0, cut + 1)) != 0;
+    if (!inside) kept.push_back(f);
+  }
+  s.found = std::move(kept);
   return s;
 }
 
