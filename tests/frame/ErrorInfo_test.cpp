@@ -11,6 +11,7 @@
 #include "platform/ErrorInfo.h"
 #include "platform/codepage.h"
 #include "platform/ui.h"
+#include "qxgroupmgr/ErrorCode.h"
 #include "support/ScopedRegistry.h"
 #include "support/TempDir.h"
 
@@ -19,15 +20,25 @@ namespace {
 
 const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 
-// Takes the thread's error information: {source, description}, or {"", ""} when there is none.
-std::pair<std::string, std::string> TakeErrorInfo() {
+struct Taken {
+  std::string source, description, code;
+};
+
+// Takes the thread's error information; all empty when there is none.
+Taken TakeErrorInfo() {
   IErrorInfo* info = nullptr;
   if (GetErrorInfo(0, &info) != S_OK) return {};
-  Bstr source, description;
+  Bstr source, description, code;
   info->GetSource(source.receive());
   info->GetDescription(description.receive());
+  IQXErrorCode* coded = nullptr;
+  if (info->QueryInterface(IID_IQXErrorCode, reinterpret_cast<void**>(&coded)) == S_OK) {
+    coded->GetCode(code.receive());
+    coded->Release();
+  }
   info->Release();
-  return {codepage::WideToUtf8(source.view()), codepage::WideToUtf8(description.view())};
+  return {codepage::WideToUtf8(source.view()), codepage::WideToUtf8(description.view()),
+          codepage::WideToUtf8(code.view())};
 }
 
 class ErrorInfoTest : public ::testing::Test {
@@ -61,16 +72,19 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
     std::vector<std::string> args;
     HRESULT hr;
     std::string description;  // "" for a call that leaves nothing
+    std::string code;
   };
   const std::string out = dir / "out";
   const std::vector<Row> rows = {
-      {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)"},
+      {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)",
+       "not-a-group"},
       {u"AddFiles", {dir / "g.mag", dir / "a,b.map", ""}, E_FAIL,
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names "
-             "that do not exist"},
-      {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file"},
-      {u"ReadContents", {dir / "g.mag", kOut}, S_OK, ""},
-      {u"NoSuchMember", {}, E_UNEXPECTED, "NoSuchMember: is not a member of IGroupManager2"},
+             "that do not exist", "comma-in-name"},
+      {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file",
+       "cannot-open"},
+      {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},
+      {u"NoSuchMember", {}, E_UNEXPECTED, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(codepage::WideToUtf8(r.member));
@@ -79,14 +93,15 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
     SetErrorInfo(0, stale);
     stale->Release();
     EXPECT_EQ(Call(r.member, r.args), r.hr);
-    const auto [source, description] = TakeErrorInfo();
+    const auto [source, description, code] = TakeErrorInfo();
     if (r.description.empty()) {
       EXPECT_EQ(description, "");
       continue;
     }
     EXPECT_EQ(source, "QXGroupMgr.FileManager");
     EXPECT_EQ(description.substr(0, r.description.size()), r.description) << description;
-    EXPECT_EQ(TakeErrorInfo().second, "") << "taking it empties the slot";
+    EXPECT_EQ(code, r.code);
+    EXPECT_EQ(TakeErrorInfo().description, "") << "taking it empties the slot";
   }
   // A flash file that cannot be opened leaves the caller's list alone.
   Bstr list(u"mine");
@@ -101,7 +116,7 @@ TEST_F(ErrorInfoTest, SkippedFilesAreListedOnePerLine) {
   HWND owner = ui::BindOwnerWindow(host);
   static_cast<IGroupManager2*>(fm)->put_ShowUI(owner);
   EXPECT_EQ(Call(u"AddFiles", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map", ""}), 2);
-  EXPECT_EQ(TakeErrorInfo().second, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" +
+  EXPECT_EQ(TakeErrorInfo().description, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" +
                                         dir / "prog1.map");
   static_cast<IGroupManager2*>(fm)->put_ShowUI(nullptr);
   ui::ReleaseOwnerWindow(owner);
