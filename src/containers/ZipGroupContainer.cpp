@@ -18,6 +18,9 @@ namespace {
 constexpr char kSep = '\\';
 constexpr uint32_t kStoreBelow = 65536;  // smaller files are stored, larger ones deflated
 constexpr size_t kStoredNameMax = 259;
+// A walk over the entries costs about a twentieth of building the member index: a call that
+// looks up a few names (adding one file) walks, one that looks up many builds the index.
+constexpr int kWalksBeforeIndex = 8;
 
 // Upper case of a..z only, byte by byte, as the default locale's toupper does.
 std::string Upper(std::string text) {
@@ -94,6 +97,7 @@ ZipGroupContainer::~ZipGroupContainer() = default;
 
 bool ZipGroupContainer::Open() {
   indexStale_ = true;
+  lookUpWalks_ = 0;
   copies_.clear();
   if (!fs::StampOf(path_, opened_)) opened_ = {};
   return zip_.OpenZip(path_.c_str());  // IsValid decides whether the container is used at all
@@ -149,7 +153,30 @@ void ZipGroupContainer::RebuildMemberIndex() {
   indexStale_ = false;
 }
 
+const ZipGroupContainer::IndexValue* ZipGroupContainer::WalkFor(const std::string& name) {
+  const std::string key = Upper(name);
+  const IndexValue* found = nullptr;
+  // The last entry whose name is the key or runs on past it after a "\" holds, as in the index.
+  zip_.VisitNamesFromLast([&](std::string_view entry) {
+    if (entry.size() < key.size() || (entry.size() > key.size() && entry[key.size()] != kSep))
+      return false;
+    for (size_t i = 0; i < key.size(); ++i) {
+      const char c = entry[i];
+      if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c) != key[i]) return false;
+    }
+    walked_.stored.assign(entry.substr(0, std::min(key.size(), kStoredNameMax)));
+    walked_.folder = entry.size() > key.size();
+    found = &walked_;
+    return true;
+  });
+  return found;
+}
+
 const ZipGroupContainer::IndexValue* ZipGroupContainer::LookUp(const std::string& name) {
+  if (indexStale_ && lookUpWalks_ < kWalksBeforeIndex) {
+    ++lookUpWalks_;
+    return WalkFor(name);
+  }
   if (indexStale_) RebuildMemberIndex();
   const auto it = memberIndex_.find(Upper(name));
   return it == memberIndex_.end() ? nullptr : &it->second.back().second;
@@ -181,6 +208,11 @@ int32_t ZipGroupContainer::IsFolderName(const std::string& name) {
 
 void ZipGroupContainer::SplitMemberPath(const std::string& path, std::string& groupPart,
                                         std::string& innerPath) {
+  if (path.empty()) {  // the group's top level: nothing to look up
+    groupPart.clear();
+    innerPath.clear();
+    return;
+  }
   std::string p, q;
   size_t pos = std::string::npos;  // -1
   bool found = false;
@@ -342,6 +374,7 @@ bool ZipGroupContainer::Write() {
     return false;
   }
   indexStale_ = true;  // the archive was reopened: entries have new identities
+  lookUpWalks_ = 0;
   return true;
 }
 

@@ -83,6 +83,8 @@ class ZipGroupContainer : public GroupContainer {
   void RebuildMemberIndex();
   void IndexEntry(uint64_t serial, const std::string& name, bool add);
   const IndexValue* LookUp(const std::string& name);
+  // LookUp's answer from a walk over the entries, without the index.
+  const IndexValue* WalkFor(const std::string& name);
   std::unique_ptr<VxZipEntry> Append(const std::string& name, const VxByteData& data);
   bool Delete(VxZipEntry* entry);
   // Removes a member or a folder in memory by the delete rules; false when an entry could not
@@ -101,6 +103,8 @@ class ZipGroupContainer : public GroupContainer {
   VxZip zip_;
   std::unordered_map<std::string, IndexSlot> memberIndex_;
   bool indexStale_ = true;
+  int lookUpWalks_ = 0;  // look-ups answered by walking the entries since the archive was read
+  IndexValue walked_;    // the last walk's answer
   fs::FileStamp opened_;  // the file Open read, while no change has been made since
   std::vector<std::unique_ptr<nested::MemberCopy>> copies_;  // changed nested groups of the call
   uint64_t touches_ = 0;
