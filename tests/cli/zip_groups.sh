@@ -66,6 +66,23 @@ expect "expand" 0 '^$' '^$' -- "$qx" expand g.qxg -C out
 [ -s out/unit1/school.mag ] || { failures=$((failures + 1)); echo "FAIL expand wrote nothing"; }
 command -v unzip >/dev/null && { unzip -tqq g.qxg >/dev/null || { failures=$((failures + 1)); echo "FAIL unzip -t"; }; }
 
+# An archive that holds itself: every walk stops 16 groups down, cleanly, leaving nothing.
+if command -v python3 >/dev/null; then
+  python3 "$src/tests/cli/zip_quine.py" quine.qxg
+  q=quine-holds-itself-forever.qxg
+  deep=$q; for _ in $(seq 16); do deep="$deep\\$q"; done  # a member of the 16th nested group
+  expect "quine: tree ends 16 groups down" 0 "^ {34}$q\$" '^$' -- "$qx" list --tree quine.qxg
+  expect "quine: xml ends with the member" 0 "^<file>$q</file>" '^$' -- "$qx" xml --subgroups quine.qxg
+  [ "$(grep -c '^<group' out.txt)" = 17 ] || { failures=$((failures + 1)); echo "FAIL quine xml depth"; }
+  expect "quine: get the deepest member" 0 '^$' '^$' -- "$qx" get quine.qxg "$deep" -C out
+  cmp -s "out/$q" quine.qxg || { failures=$((failures + 1)); echo "FAIL quine member differs"; }
+  expect "quine: one deeper is not there" 1 '^no$' '' -- "$qx" exists "quine.qxg/${deep//\\//}/$q"
+  cp quine.qxg before.qxg
+  expect "quine: adding past the bound fails" 1 '^$' 'nested more than 16 deep' -- \
+    "$qx" add quine.qxg set/one.txt --to "$deep\\"
+  cmp -s quine.qxg before.qxg || { failures=$((failures + 1)); echo "FAIL quine changed"; }
+fi
+
 # A temporary folder that is a link is refused, and nothing is written where it points.
 mkdir elsewhere
 ln -s "$work/elsewhere" "$TMPDIR/QXGrpMgr-$(id -u)"
