@@ -83,15 +83,28 @@ if command -v python3 >/dev/null; then
   cmp -s quine.qxg before.qxg || { failures=$((failures + 1)); echo "FAIL quine changed"; }
 fi
 
-# A temporary folder that is a link is refused, and nothing is written where it points.
+# A private temporary folder that is a link, or another user's (only root can make one), or
+# open to others is refused with its reason by every command that needs it; nothing is written
+# where a link points.
 mkdir elsewhere
-ln -s "$work/elsewhere" "$TMPDIR/QXGrpMgr-$(id -u)"
-"$qx" get g.qxg 'unit1\school.mag\main.PROG1.map' -C out >out.txt 2>err.txt
-status=$?
-rm "$TMPDIR/QXGrpMgr-$(id -u)"
-if [ $status = 0 ] || [ -n "$(ls -A elsewhere)" ]; then
-  failures=$((failures + 1)); echo "FAIL symlinked temporary folder was used"
-fi
+private="$TMPDIR/QXGrpMgr-$(id -u)"
+for kind in link foreign open; do
+  case $kind in
+    link) ln -s "$work/elsewhere" "$private" ;;
+    foreign) [ "$(id -u)" = 0 ] || continue; mkdir -m 700 "$private"; chown nobody "$private" ;;
+    open) mkdir -m 755 "$private" ;;
+  esac
+  for cmd in "get g.qxg unit1\\school.mag\\main.PROG1.map -C out" "list --tree g.qxg" \
+             "xml --subgroups g.qxg" "add g.qxg prog1.map --to unit1\\school.mag"; do
+    # shellcheck disable=SC2086
+    "$qx" $cmd >out.txt 2>err.txt
+    status=$?
+    if [ $status = 0 ] || ! grep -q 'temporary folder' err.txt || [ -n "$(ls -A elsewhere)" ]; then
+      failures=$((failures + 1)); echo "FAIL $kind temporary folder: $cmd: $status $(cat err.txt)"
+    fi
+  done
+  rm -rf "$private"
+done
 
 echo "$passed passed, $failures failed"
 [ "$failures" = 0 ]

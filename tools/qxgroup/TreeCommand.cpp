@@ -128,7 +128,7 @@ int CmdTree(const std::string& group, bool longForm) {
   Bstr xml;
   const HRESULT hr = session->ReadContentsXml(ToBstr(group).get(), longForm ? 1 : 0,
                                               ToBstr("*").get(), xml.receive());
-  if (FAILED(hr)) throw Failure{"cannot list " + group};
+  if (FAILED(hr)) FailWithReason("cannot list " + group);
   const std::string text = FromBstr(xml.get());
   Element root;
   size_t at = text.find('<');
