@@ -360,6 +360,15 @@ bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink) {
   return CopyStoredBytes(s, r, sink, buffer);
 }
 
+bool AppendStoredBytes(ArchiveState& s, const Record& r, std::vector<unsigned char>& out) {
+  if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
+  const size_t at = out.size();
+  out.resize(at + r.compressedSize);
+  if (s.file.Read(out.data() + at, r.compressedSize) == r.compressedSize) return true;
+  out.resize(at);
+  return false;
+}
+
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink,
                      std::vector<unsigned char>& buffer) {
   if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;

@@ -28,5 +28,8 @@ bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink);
 // The same through the caller's buffer, so copying many small members allocates once.
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink,
                      std::vector<unsigned char>& buffer);
+// Appends a record's compressed bytes to `out` in one read (for small members: the whole
+// member is held in memory).
+bool AppendStoredBytes(ArchiveState& s, const Record& r, std::vector<unsigned char>& out);
 
 }  // namespace qx::zip

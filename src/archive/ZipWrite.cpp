@@ -153,6 +153,10 @@ ZipWriteResult WriteArchive(ArchiveState& s) {
       // written, so no partial record stays behind in the file.
       if (offset + header.size() + r.compressedSize > kSizeLimit)
         reason = "the archive would pass the format's 4 GB limit";
+      else if (r.fromArchive && r.compressedSize <= kChunk)  // header and data in one write
+        reason = !AppendStoredBytes(s, r, header)       ? "its data cannot be read from the archive"
+                 : !put(header.data(), header.size()) ? "cannot be written"
+                                                      : nullptr;
       else if (!put(header.data(), header.size()))
         reason = "cannot be written";
       else if (r.fromArchive
