@@ -16,7 +16,7 @@ std::atomic<uint64_t> g_nextSerial{1};
 
 // A walk costs about a twentieth of building the index, so a few walks before it keep every
 // sequence of look-ups linear and the short ones cheap.
-constexpr int kWalksBeforeIndex = 8;
+constexpr int kWalksBeforeIndex = 4;
 
 }  // namespace
 
