@@ -242,6 +242,7 @@ int32_t ZipGroupContainer::WriteContentsXml(std::string& xml, int32_t includeMet
     // members of this archive (group elements add no path part), so an archive holding itself
     // would be opened again and again.
     std::unique_ptr<VxXml> x = root.FindTagWithContent(nullptr, "file", "*");
+    bool workChecked = false;
     while (x != nullptr) {
       const std::string text = Content(*x);
       if (!ExtensionMatches(text, subGroupPattern) || InsideNestedListing(*x)) {
@@ -251,6 +252,12 @@ int32_t ZipGroupContainer::WriteContentsXml(std::string& xml, int32_t includeMet
       const std::string path = PathOfNode(*x);
       std::unique_ptr<VxZipEntry> member = FindMember(path);
       if (member == nullptr) break;  // listing what was expanded so far
+      // Nested groups are opened from copies in the private temporary folder: when that folder
+      // is refused, the listing fails with why instead of showing each group as a plain file.
+      if (!workChecked && nested::Depth() == 0) {
+        workChecked = true;
+        if (!fs::TempWorkFolder().IsOpen()) return 0;
+      }
       std::string sub;
       bool listed = false;
       {

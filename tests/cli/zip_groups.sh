@@ -90,15 +90,45 @@ if command -v unzip >/dev/null; then
     { failures=$((failures + 1)); echo "FAIL get -p of a folder"; }
 fi
 
-# A temporary folder that is a link is refused, and nothing is written where it points.
-mkdir elsewhere
-ln -s "$work/elsewhere" "$TMPDIR/QXGrpMgr-$(id -u)"
-"$qx" get g.qxg 'unit1\school.mag\main.PROG1.map' -C out >out.txt 2>err.txt
-status=$?
-rm "$TMPDIR/QXGrpMgr-$(id -u)"
-if [ $status = 0 ] || [ -n "$(ls -A elsewhere)" ]; then
-  failures=$((failures + 1)); echo "FAIL symlinked temporary folder was used"
+# An archive that holds itself: every walk stops 16 groups down, cleanly, leaving nothing.
+if command -v python3 >/dev/null; then
+  python3 "$src/tests/cli/zip_quine.py" quine.qxg
+  q=quine-holds-itself-forever.qxg
+  deep=$q; for _ in $(seq 16); do deep="$deep\\$q"; done  # a member of the 16th nested group
+  expect "quine: tree ends 16 groups down" 0 "^ {34}$q\$" '^$' -- "$qx" list --tree quine.qxg
+  expect "quine: xml ends with the member" 0 "^<file>$q</file>" '^$' -- "$qx" xml --subgroups quine.qxg
+  [ "$(grep -c '^<group' out.txt)" = 17 ] || { failures=$((failures + 1)); echo "FAIL quine xml depth"; }
+  expect "quine: get the deepest member" 0 '^$' '^$' -- "$qx" get quine.qxg "$deep" -C out
+  cmp -s "out/$q" quine.qxg || { failures=$((failures + 1)); echo "FAIL quine member differs"; }
+  expect "quine: one deeper is not there" 1 '^no$' '' -- "$qx" exists "quine.qxg/${deep//\\//}/$q"
+  cp quine.qxg before.qxg
+  expect "quine: adding past the bound fails" 1 '^$' 'nested more than 16 deep' -- \
+    "$qx" add quine.qxg set/one.txt --to "$deep\\"
+  cmp -s quine.qxg before.qxg || { failures=$((failures + 1)); echo "FAIL quine changed"; }
 fi
+
+# A private temporary folder that is a link, or another user's (only root can make one), or
+# open to others is refused with its reason by every command that needs it; nothing is written
+# where a link points.
+mkdir elsewhere
+private="$TMPDIR/QXGrpMgr-$(id -u)"
+for kind in link foreign open; do
+  case $kind in
+    link) ln -s "$work/elsewhere" "$private" ;;
+    foreign) [ "$(id -u)" = 0 ] || continue; mkdir -m 700 "$private"; chown nobody "$private" ;;
+    open) mkdir -m 755 "$private" ;;
+  esac
+  for cmd in "get g.qxg unit1\\school.mag\\main.PROG1.map -C out" "list --tree g.qxg" \
+             "xml --subgroups g.qxg" "add g.qxg prog1.map --to unit1\\school.mag"; do
+    # shellcheck disable=SC2086
+    "$qx" $cmd >out.txt 2>err.txt
+    status=$?
+    if [ $status = 0 ] || ! grep -q 'temporary folder' err.txt || [ -n "$(ls -A elsewhere)" ]; then
+      failures=$((failures + 1)); echo "FAIL $kind temporary folder: $cmd: $status $(cat err.txt)"
+    fi
+  done
+  rm -rf "$private"
+done
 
 echo "$passed passed, $failures failed"
 [ "$failures" = 0 ]

@@ -15,6 +15,8 @@
 #include "formats/LayoutMA.h"
 #include "formats/MemberNames.h"
 #include "platform/CommaList.h"
+#include "platform/Diagnostic.h"
+#include "platform/TempFolder.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "qxgroup/Automation.h"
@@ -180,14 +182,24 @@ std::string EmptiedGroup(const std::string& group, const std::vector<std::string
 
 void FindNested(const std::string& group, MemberSelection& selection) {
   std::vector<std::string> still;
+  bool nestedMissing = false;
   for (const std::string& name : selection.missing) {
     const std::string path = MemberPath(name);
     LONG exists = 0;
-    if (path.find('\\') != std::string::npos && path.find_first_of("*?[") == std::string::npos)
-      Session()->get_DoesPathExist(ToBstr(group + "/" + path).get(), &exists);
+    const bool nested =
+        path.find('\\') != std::string::npos && path.find_first_of("*?[") == std::string::npos;
+    if (nested) Session()->get_DoesPathExist(ToBstr(group + "/" + path).get(), &exists);
+    nestedMissing = nestedMissing || (nested && exists == 0);
     TakeErrorDescription();  // the answer is the result
     if (exists != 0) selection.found.push_back(path);
     else still.push_back(name);
+  }
+  // Nested members are looked for in copies in the private temporary folder: when that folder
+  // is refused (a link, another user's), say so instead of calling the members missing.
+  if (nestedMissing) {
+    diag::DiagnosticScope probe;
+    const fs::TempWorkFolder work;
+    if (!work.IsOpen()) throw Failure{diag::Describe()};
   }
   selection.missing = std::move(still);
 }
