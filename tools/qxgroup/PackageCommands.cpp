@@ -11,6 +11,7 @@
 #include "platform/registry.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Json.h"
+#include "qxgroup/JsonOutput.h"
 
 namespace qx::cli {
 
@@ -84,6 +85,7 @@ std::string DefaultModule() {
 
 int CmdPackage(const std::vector<std::string>& files, bool json) {
   int status = kExitOk;
+  std::string documents;  // with --json: {"files":[...]}, one entry per file, as info gives
   for (const std::string& file : files) {
     CheckRepresentable(file, "file name");
     PackageInfo info;
@@ -117,7 +119,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
         if (!why.code.empty()) top.AddString("code", why.code);
       }
       top.AddRaw("properties", properties.Str());
-      std::printf("%s\n", top.Str().c_str());
+      documents += (documents.empty() ? "" : ",") + top.Str();
       if (opened != S_OK) status = kExitFailed;
       continue;
     }
@@ -135,6 +137,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       if (!text.empty()) std::printf("  %-20s %s\n", p.label, text.c_str());
     }
   }
+  if (json) PrintJson("{\"files\":[" + documents + "]}");
   return status;
 }
 
