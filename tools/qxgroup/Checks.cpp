@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <cctype>
+#include <unordered_map>
+#include <unordered_set>
 
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
@@ -36,6 +38,17 @@ std::string MemberPath(std::string name) {
 
 MemberSelection SelectMembers(const std::vector<std::string>& members,
                               const std::vector<std::string>& patterns) {
+  // Plain names are looked up, not compared with every member: a get of k names from n members
+  // costs O(n + k), not O(n * k). Only wildcards are matched member by member.
+  std::unordered_map<std::string, std::vector<size_t>> byName;
+  std::unordered_set<std::string> folderPrefixes;  // "unit1\", "unit1\sub\": lower case
+  byName.reserve(members.size());
+  for (size_t i = 0; i < members.size(); ++i) {
+    std::string lower = Lower(members[i]);
+    for (size_t cut = lower.find('\\'); cut != std::string::npos; cut = lower.find('\\', cut + 1))
+      folderPrefixes.insert(lower.substr(0, cut + 1));
+    byName[std::move(lower)].push_back(i);
+  }
   std::vector<bool> chosen(members.size(), false);
   std::vector<std::string> folders;
   MemberSelection s;
@@ -43,21 +56,19 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     const std::string want = MemberPath(p);
     const bool wild = want.find_first_of("*?[") != std::string::npos;
     bool any = false;
-    for (size_t i = 0; i < members.size(); ++i) {
-      const bool hit = wild ? ::fnmatch(want.c_str(), members[i].c_str(),
-                                        FNM_NOESCAPE | FNM_CASEFOLD) == 0
-                            : Lower(want) == Lower(members[i]);
-      if (hit) chosen[i] = any = true;
+    if (wild) {
+      for (size_t i = 0; i < members.size(); ++i)
+        if (::fnmatch(want.c_str(), members[i].c_str(), FNM_NOESCAPE | FNM_CASEFOLD) == 0)
+          chosen[i] = any = true;
+    } else if (const auto it = byName.find(Lower(want)); it != byName.end()) {
+      for (const size_t i : it->second) chosen[i] = true;
+      any = true;
     }
     // A folder is named as itself; the component takes it out or deletes it as a tree.
-    const std::string folder = Lower(want.back() == '\\' ? want : want + "\\");
-    if (!any && !wild)
-      for (const std::string& m : members)
-        if (Lower(m).compare(0, folder.size(), folder) == 0) {
-          folders.push_back(want);
-          any = true;
-          break;
-        }
+    if (!any && !wild && folderPrefixes.count(Lower(want.back() == '\\' ? want : want + "\\")) != 0) {
+      folders.push_back(want);
+      any = true;
+    }
     if (!any) s.missing.push_back(p);
   }
   for (size_t i = 0; i < members.size(); ++i)
