@@ -142,7 +142,7 @@ void OldGroupContainer::RecordUnreadableMember(const Listing& listing, size_t in
                    " bytes when listed), or the file shrank while it was read");
 }
 
-bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
+bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index, fs::File& group,
                                         const std::string& destFolder) {
   const std::string& name = listing.names[index];
   if (!IsPlainFileName(name)) {
@@ -150,7 +150,7 @@ bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
     return false;
   }
   errno = 0;
-  if (WriteMember(listing, index, destFolder + name)) return true;
+  if (WriteMember(listing, index, group, destFolder + name)) return true;
   // The system's reason, when the failure was the file's creation or writing.
   const int error = errno;
   diag::Record("cannot-write", destFolder + name,
@@ -210,14 +210,16 @@ int32_t OldGroupContainer::ExtractMember(const std::string& name, const std::str
   if (!listing) return 0;
   size_t index = 0;
   if (!FindMember(*listing, name, index)) return 0;
-  return WriteMemberFile(*listing, index, destFolder) ? 1 : 0;
+  fs::File group = OpenMembers();
+  return WriteMemberFile(*listing, index, group, destFolder) ? 1 : 0;
 }
 
 int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
   const auto listing = ReadListing();
   if (!listing || listing->count == 0) return 0;
+  fs::File group = OpenMembers();
   for (size_t i = 0; i < listing->names.size(); ++i)
-    if (!WriteMemberFile(*listing, i, destFolder)) return 0;
+    if (!WriteMemberFile(*listing, i, group, destFolder)) return 0;
   return listing->namesComplete ? 1 : 0;
 }
 
@@ -294,7 +296,8 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
     // refused with the question before its table is read: read with this group's layout its
     // header may name no variable, and the refusal must not depend on bytes that mean
     // something else there.
-    const std::string fileFamily = DetectFileSignature(file);
+    fs::File opened;  // read once: its family first, then what it holds
+    const std::string fileFamily = DetectFileSignature(file, opened);
     if (fileFamily != kSigUnknown && fileFamily != family_ &&
         !AreFamiliesCompatible(fileFamily, family_)) {
       RecordRefusal(file, fileFamily);
@@ -302,7 +305,7 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
       result = 0;
       break;
     }
-    result = EditAddFile(file, destFolder, state, prompt, context);
+    result = EditAddFile(file, fileFamily, opened, destFolder, state, prompt, context);
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.

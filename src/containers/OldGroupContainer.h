@@ -71,9 +71,14 @@ class OldGroupContainer : public GroupContainer {
   std::shared_ptr<const Listing> ReadListing();
   // Reads what the listing needs and lists it; false when the file cannot be read.
   virtual bool LoadListing(Listing& out) = 0;
-  // Writes the index-th member as a single-variable file; false with a diagnostic when the
-  // member's bytes cannot be read, and then no file is left at `outPath`.
-  virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
+  // Writes the index-th member as a single-variable file, reading its bytes from `group` (the
+  // group file, opened once for every member of a call); false with a diagnostic when they
+  // cannot be read, and then no file is left at `outPath`.
+  virtual bool WriteMember(const Listing& listing, size_t index, fs::File& group,
+                           const std::string& outPath) = 0;
+  // The group file as WriteMember reads members from it; the KC-style listing holds their
+  // bytes already, and needs no file.
+  virtual fs::File OpenMembers() { return fs::File::OpenRead(path_); }
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
 
@@ -88,9 +93,11 @@ class OldGroupContainer : public GroupContainer {
   virtual bool EditDelete(const StringList& names) = 0;
   // Deletes the member `name` that an added file replaces; EditDelete({name}) by default.
   virtual bool EditReplace(const std::string& name) { return EditDelete({name}); }
-  // Runs the checks for one file and inserts what it holds; the per-file result.
-  virtual int32_t EditAddFile(const std::string& file, const std::string& destFolder,
-                              int32_t& state, AddPromptFn prompt, void* context) = 0;
+  // Runs the checks for one file of family `fileFamily` and inserts what it holds; the
+  // per-file result. `opened` is the file, open at its start (not open when it cannot be read).
+  virtual int32_t EditAddFile(const std::string& file, const std::string& fileFamily,
+                              fs::File& opened, const std::string& destFolder, int32_t& state,
+                              AddPromptFn prompt, void* context) = 0;
   // The model's bytes; false when they would not fit the layout's fields.
   virtual bool SerializeEdit(std::vector<unsigned char>& out) const = 0;
   // Writes the model in place of the group (SerializeEdit, then CommitBytes); false with a
@@ -119,7 +126,8 @@ class OldGroupContainer : public GroupContainer {
   void RecordUnreadableMember(const Listing& listing, size_t index,
                               const std::string& outPath) const;
   // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
-  bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
+  bool WriteMemberFile(const Listing& listing, size_t index, fs::File& group,
+                       const std::string& destFolder);
 
   std::string family_;
   bool editChanged_ = false;  // the model differs from the file

@@ -45,7 +45,7 @@ bool OldGroupContainerKC::LoadListing(Listing& out) {
   return true;
 }
 
-bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index,
+bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index, fs::File&,
                                       const std::string& outPath) {
   if (index >= listing.kc.size()) return false;
   const auto entry = KCEntryBytes(listing.file, listing.kc[index]);
@@ -83,15 +83,45 @@ bool OldGroupContainerKC::BeginEdit() {
   return true;
 }
 
+namespace {
+
+// True when the walk's entries fill the `length` bytes walked exactly, the last ending at the end.
+bool FillsExactly(const KCWalk& walk, size_t length) {
+  if (walk.entries.empty()) return length == 0;
+  const KCEntryView& last = walk.entries.back();
+  return !walk.truncated && last.offset - kKCDataOffset + last.Size() == length;
+}
+
+}  // namespace
+
 void OldGroupContainerKC::IndexModel() {
+  edit_.DropMarked();
   names_.clear();
-  for (const KCEntryView& e : edit_.Entries(family_))
-    ++names_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))];
+  where_.clear();
+  const KCWalk walk = edit_.Walk(family_);
+  whole_ = FillsExactly(walk, edit_.DataLength());
+  live_ = walk.entries.size();
+  for (const KCEntryView& e : walk.entries) {
+    std::string key = ToLower1252(MemberFileNameKC(e.name, e.type, family_));
+    ++names_[key];
+    if (whole_) where_[std::move(key)].emplace_back(e.offset - kKCDataOffset, e.Size());
+  }
 }
 
 int32_t OldGroupContainerKC::EditMemberCount() const {
-  const size_t n = edit_.Entries(family_).size();
+  const size_t n = whole_ ? live_ : edit_.Entries(family_).size();
   return n == 0 ? -1 : static_cast<int32_t>(n);
+}
+
+bool OldGroupContainerKC::EditReplace(const std::string& name) {
+  // Every entry of the name goes, as deleting the name drops them all; the group keeps one.
+  const auto at = whole_ ? where_.find(ToLower1252(name)) : where_.end();
+  if (at == where_.end() || at->second.empty() || live_ < 2) return EditDelete({name});
+  for (const auto& [offset, size] : at->second) edit_.MarkRemoved(family_, offset, size);
+  live_ -= at->second.size();
+  names_[at->first] = 0;
+  where_.erase(at);
+  return true;
 }
 
 bool OldGroupContainerKC::EditContains(const std::string& name) const {
@@ -100,6 +130,7 @@ bool OldGroupContainerKC::EditContains(const std::string& name) const {
 }
 
 bool OldGroupContainerKC::EditDelete(const StringList& names) {
+  edit_.DropMarked();  // counted and walked below without them
   // A group is never emptied by deleting; names that match nothing are ignored.
   if (static_cast<int64_t>(names.size()) >= EditMemberCount()) {
     diag::Record("keeps-one", path_, "cannot delete every member: a group keeps at least one");
@@ -121,11 +152,11 @@ bool OldGroupContainerKC::EditDelete(const StringList& names) {
   return true;
 }
 
-int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::string&,
-                                         int32_t& state, AddPromptFn prompt, void* context) {
-  const std::string fileFamily = DetectFileSignature(file);
+int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::string& fileFamily,
+                                         fs::File& opened, const std::string&, int32_t& state,
+                                         AddPromptFn prompt, void* context) {
   std::vector<unsigned char> bytes;
-  const bool readable = fs::ReadWholeFile(file, bytes);
+  const bool readable = fs::ReadWholeFile(opened, bytes);
   // The first member's name; empty for a file without one, and the checks go on.
   std::string name;
   if (readable) {
@@ -149,6 +180,7 @@ int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::str
     diag::Record("not-a-variable", file, "holds no variable entries that can be read");
     return 0;
   }
+  const size_t base = edit_.DataLength();
   edit_.AppendEntries(*entries);
   editChanged_ = true;
   // The appended entries, as the group will read them.
@@ -156,6 +188,16 @@ int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::str
   for (const KCEntryView& e : added.entries)
     if (e.offset - kKCDataOffset + e.Size() <= entries->size())
       ++names_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))];
+  // Entries that fill what was appended continue the walk of a whole section where they stand.
+  const KCWalk own = WalkKCSection(*entries, family_);
+  whole_ = whole_ && FillsExactly(own, entries->size());
+  if (!whole_) edit_.DropMarked();  // the section is walked whole from now on
+  if (whole_) {
+    live_ += own.entries.size();
+    for (const KCEntryView& e : own.entries)
+      where_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))].emplace_back(
+          base + e.offset - kKCDataOffset, e.Size());
+  }
   return 1;
 }
 

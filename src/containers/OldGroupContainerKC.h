@@ -4,6 +4,8 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "containers/OldGroupContainer.h"
 #include "formats/LayoutKC.h"
@@ -18,22 +20,33 @@ class OldGroupContainerKC final : public OldGroupContainer {
 
  private:
   bool LoadListing(Listing& out) override;
-  bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) override;
+  bool WriteMember(const Listing& listing, size_t index, fs::File& group,
+                   const std::string& outPath) override;
+  fs::File OpenMembers() override { return fs::File(); }
   std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
 
   bool BeginEdit() override;
   int32_t EditMemberCount() const override;
   bool EditContains(const std::string& name) const override;
   bool EditDelete(const StringList& names) override;
-  int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
-                      AddPromptFn prompt, void* context) override;
+  int32_t EditAddFile(const std::string& file, const std::string& fileFamily, fs::File& opened,
+                      const std::string& destFolder, int32_t& state, AddPromptFn prompt,
+                      void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
+
+  bool EditReplace(const std::string& name) override;
 
   void IndexModel();
 
   KCGroup edit_;
   // Lower-case member names of the model, so that duplicate checks stay cheap.
   std::unordered_map<std::string, size_t> names_;
+  // While the section's entries fill it exactly (whole_), where each name's entries stand in it
+  // (offset, size) and how many entries are left: a replacement marks the old entries instead of
+  // rewriting the section and walking it again.
+  bool whole_ = false;
+  size_t live_ = 0;
+  std::unordered_map<std::string, std::vector<std::pair<size_t, size_t>>> where_;
 };
 
 }  // namespace qx

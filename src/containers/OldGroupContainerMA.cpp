@@ -77,7 +77,7 @@ bool OldGroupContainerMA::LoadListing(Listing& out) {
   return true;
 }
 
-bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
+bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index, fs::File& in,
                                       const std::string& outPath) {
   if (index >= listing.ma.size()) return false;
   const MAMemberView& m = listing.ma[index];
@@ -86,7 +86,6 @@ bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
     RecordUnreadableMember(listing, index, std::string());
     return false;
   }
-  fs::File in = fs::File::OpenRead(path_);
   if (!in.IsOpen()) {
     diag::Record("cannot-read", path_, "cannot be read");
     return false;
@@ -305,14 +304,14 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
   return true;
 }
 
-int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::string& destFolder,
+int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::string& fileFamily,
+                                         fs::File& opened, const std::string& destFolder,
                                          int32_t& state, AddPromptFn prompt, void* context) {
   std::vector<unsigned char> bytes;
-  if (!fs::ReadWholeFile(file, bytes)) {
+  if (!fs::ReadWholeFile(opened, bytes)) {
     diag::Record("cannot-read", file, "cannot be read");
     return 0;
   }
-  const std::string fileFamily = DetectFileSignature(file);
   const MAWalk walk = WalkMAGroup(bytes);
   if (walk.members.empty()) {
     if (fileFamily == kSigUnknown) RecordRefusal(file, fileFamily);

@@ -22,7 +22,8 @@ class OldGroupContainerMA final : public OldGroupContainer {
 
  private:
   bool LoadListing(Listing& out) override;
-  bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) override;
+  bool WriteMember(const Listing& listing, size_t index, fs::File& group,
+                   const std::string& outPath) override;
   std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
 
   bool BeginEdit() override;
@@ -30,8 +31,9 @@ class OldGroupContainerMA final : public OldGroupContainer {
   bool EditContains(const std::string& name) const override;
   bool EditDelete(const StringList& names) override;
   bool EditReplace(const std::string& name) override;
-  int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
-                      AddPromptFn prompt, void* context) override;
+  int32_t EditAddFile(const std::string& file, const std::string& fileFamily, fs::File& opened,
+                      const std::string& destFolder, int32_t& state, AddPromptFn prompt,
+                      void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
   // Streams the members left in the group file from it to the new file.
   bool CommitEdit() override;

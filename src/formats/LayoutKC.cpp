@@ -102,6 +102,10 @@ KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familyS
   return WalkEntries(file.subspan(kKCDataOffset), KCDataLength(file), IsKDX(familySignature));
 }
 
+KCWalk WalkKCSection(std::span<const unsigned char> section, std::string_view familySignature) {
+  return WalkEntries(section, static_cast<uint32_t>(section.size()), IsKDX(familySignature));
+}
+
 std::optional<std::span<const unsigned char>> KCEntryBytes(std::span<const unsigned char> file,
                                                            const KCEntryView& entry) {
   if (entry.offset > file.size() || entry.Size() > file.size() - entry.offset) return std::nullopt;
@@ -154,7 +158,11 @@ LayoutResult KCGroup::Parse(std::span<const unsigned char> file, KCGroup& out) {
 }
 
 std::vector<KCEntryView> KCGroup::Entries(std::string_view familySignature) const {
-  return WalkEntries(section_, DataLength(), IsKDX(familySignature)).entries;
+  return Walk(familySignature).entries;
+}
+
+KCWalk KCGroup::Walk(std::string_view familySignature) const {
+  return WalkEntries(section_, DataLength(), IsKDX(familySignature));
 }
 
 void KCGroup::AppendEntries(std::span<const unsigned char> entries) {
@@ -163,21 +171,58 @@ void KCGroup::AppendEntries(std::span<const unsigned char> entries) {
 }
 
 void KCGroup::Rewrite(std::string_view familySignature, std::vector<unsigned char> section) {
+  marked_.clear();
+  markedBytes_ = 0;
   signature_ = PaddedField<kKCSignatureSize>(familySignature);
   section_ = std::move(section);
   after_.clear();
   appended_ = 0;
 }
 
+void KCGroup::MarkRemoved(std::string_view familySignature, size_t at, size_t size) {
+  if (marked_.empty()) {
+    // What Rewrite does to the header and to the bytes after the checksum.
+    signature_ = PaddedField<kKCSignatureSize>(familySignature);
+    after_.clear();
+    appended_ = 0;
+  }
+  marked_.emplace_back(at, size);
+  markedBytes_ += size;
+}
+
+std::vector<unsigned char> KCGroup::KeptSection() const {
+  std::vector<std::pair<size_t, size_t>> marks = marked_;
+  std::sort(marks.begin(), marks.end());
+  std::vector<unsigned char> kept;
+  kept.reserve(section_.size() - markedBytes_);
+  size_t from = 0;
+  for (const auto& [at, size] : marks) {
+    kept.insert(kept.end(), section_.begin() + static_cast<ptrdiff_t>(from),
+                section_.begin() + static_cast<ptrdiff_t>(at));
+    from = at + size;
+  }
+  kept.insert(kept.end(), section_.begin() + static_cast<ptrdiff_t>(from), section_.end());
+  return kept;
+}
+
+void KCGroup::DropMarked() {
+  if (marked_.empty()) return;
+  section_ = KeptSection();
+  marked_.clear();
+  markedBytes_ = 0;
+}
+
 std::vector<unsigned char> KCGroup::Serialize() const {
   const size_t keptAfter = after_.size() - std::min(appended_, after_.size());
+  const std::vector<unsigned char> kept = marked_.empty() ? std::vector<unsigned char>() : KeptSection();
+  const std::vector<unsigned char>& section = marked_.empty() ? section_ : kept;
   std::vector<unsigned char> out;
-  out.reserve(kKCEmptyFileSize + section_.size() + keptAfter);
+  out.reserve(kKCEmptyFileSize + section.size() + keptAfter);
   Append(out, signature_);
   Append(out, comment_);
-  Append16(out, StoredDataLength(section_.size()));
-  Append(out, section_);
-  Append16(out, KCChecksum(section_));
+  Append16(out, StoredDataLength(section.size()));
+  Append(out, section);
+  Append16(out, KCChecksum(section));
   Append(out, std::span(after_).last(keptAfter));
   return out;
 }

@@ -20,6 +20,7 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "formats/LayoutResult.h"
@@ -78,6 +79,8 @@ struct KCWalk {
 // past the end ends the walk with the entries before it. `familySignature` selects the KDX
 // header. Never reads outside `file`.
 KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature);
+// The walk of a data section by itself (its size is its data length); offsets as in a group.
+KCWalk WalkKCSection(std::span<const unsigned char> section, std::string_view familySignature);
 
 // The entry's h + d + 4 bytes; nullopt when they run past the end of the file.
 std::optional<std::span<const unsigned char>> KCEntryBytes(std::span<const unsigned char> file,
@@ -105,9 +108,12 @@ class KCGroup {
   // Refuses a file shorter than 55 bytes or whose data section runs past its end.
   static LayoutResult Parse(std::span<const unsigned char> file, KCGroup& out);
 
+  // Marked entries included: where the next appended entry starts in the section.
   uint32_t DataLength() const { return static_cast<uint32_t>(section_.size()); }
   // The entries of the data section; offsets are from the start of the file.
   std::vector<KCEntryView> Entries(std::string_view familySignature) const;
+  // The walk that gives them, with how it ended.
+  KCWalk Walk(std::string_view familySignature) const;
 
   // Appends entries (whole entries, as KCFileEntries gives them) to the data section.
   void AppendEntries(std::span<const unsigned char> entries);
@@ -118,10 +124,20 @@ class KCGroup {
   template <typename Pred>
   std::optional<size_t> RemoveEntriesIf(std::string_view familySignature, Pred&& drop);
 
+  // Deletes the entry of `size` bytes at `at` (its offset in the data section: Entries' offset
+  // less 55) in O(1): its bytes stay until Serialize leaves them out or DropMarked takes them
+  // away; the header changes as RemoveEntriesIf's do. Only for a section whose entries fill it
+  // exactly, where leaving an entry out is what RemoveEntriesIf writes.
+  void MarkRemoved(std::string_view familySignature, size_t at, size_t size);
+  // Takes the marked entries out of the section for good (Entries then no longer meets them).
+  void DropMarked();
+
   std::vector<unsigned char> Serialize() const;
 
  private:
   void Rewrite(std::string_view familySignature, std::vector<unsigned char> section);
+  // The section without the marked entries.
+  std::vector<unsigned char> KeptSection() const;
 
   std::array<unsigned char, kKCSignatureSize> signature_{};
   std::array<unsigned char, kKCCommentSize> comment_{};
@@ -129,10 +145,13 @@ class KCGroup {
   // Bytes after the old checksum; the first `appended_` of them have been written over.
   std::vector<unsigned char> after_;
   size_t appended_ = 0;
+  std::vector<std::pair<size_t, size_t>> marked_;  // offset and size of each marked entry
+  size_t markedBytes_ = 0;
 };
 
 template <typename Pred>
 std::optional<size_t> KCGroup::RemoveEntriesIf(std::string_view familySignature, Pred&& drop) {
+  DropMarked();
   std::vector<unsigned char> kept;
   kept.reserve(section_.size());
   size_t dropped = 0;
