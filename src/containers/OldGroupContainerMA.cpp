@@ -135,11 +135,7 @@ bool OldGroupContainerMA::BeginEdit() {
       diag::Record("cannot-read", path_, "cannot be read");
       return false;
     }
-    const MAGroup::ReadFn readAt = [this](uint64_t at, size_t n, std::vector<unsigned char>& into) {
-      into.resize(n);
-      return source_.Seek(at) && source_.Read(into.data(), n) == n;
-    };
-    parsed = MAGroup::ParseTable(head, size, readAt, edit_);
+    parsed = MAGroup::ParseTable(head, size, edit_);
   }
   if (!parsed) {
     RecordLayoutFailure(parsed, path_);

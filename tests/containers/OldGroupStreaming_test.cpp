@@ -85,6 +85,8 @@ TEST_F(OldGroupStreamingTest, ReplacingDuplicatesWritesWhatDeletingWould) {
       {"emptied twice", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}, {"x", a2}},
        {{"main", {b}}, {"x", {a2}}}},
       {"tail", {{"main", {a, b}}}, "TT", {{"main", b1}}, {{"main", {b1, {"A", "aaaaTT"}}}}},
+      {"tail before a new folder", {{"x", {a}}, {"main", {b}}}, "TT", {{"x", a1}},
+       {{"main", {{"B", "bbTT"}}}, {"x", {a1}}}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -130,6 +132,32 @@ TEST_F(OldGroupStreamingTest, MembersPastTheEndFailCleanly) {
     }
     EXPECT_EQ(test::ReadFileBytes(group), row.bytes);
   }
+}
+
+// Another process cuts the group short while a change is under way (here: while the duplicate
+// question is asked): the rewrite, which copies the members from the group, fails with a reason
+// and leaves the group as the other process left it, without a temporary file beside it.
+TEST_F(OldGroupStreamingTest, GroupCutShortDuringAChangeStaysAsItIs) {
+  // Members larger than what a read buffers, so that the cut is met and not read around.
+  const std::string big(1 << 16, 'x');
+  const std::string group = dir_.Write("g.mag", GroupFile({{"main", {{"A", big}, {"B", big}}}}));
+  const std::string dup = dir_.Write("a.map", SingleFile("main", {"A", "11"}));
+  struct Cut {
+    std::string path;
+    static PromptResult Ask(const std::string&, PromptReason, GroupContainer*, void* ctx) {
+      std::filesystem::resize_file(static_cast<Cut*>(ctx)->path, 100);
+      return PromptReplace;
+    }
+  } cut{group};
+  OldGroupContainerMA container(group, nullptr);
+  diag::Clear();
+  EXPECT_EQ(container.AddMembers({dup}, "", nullptr, &Cut::Ask, &cut), 0);
+  ASSERT_NE(diag::Current(), nullptr);
+  EXPECT_EQ(diag::Current()->code, "damaged");
+  EXPECT_EQ(std::filesystem::file_size(group), 100u);
+  size_t files = 0;
+  for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir_.path())) ++files;
+  EXPECT_EQ(files, 2u);  // the group and the file added
 }
 
 // Within a reuse scope a changed group is read again, not served from the earlier listing.
