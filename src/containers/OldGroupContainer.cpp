@@ -31,8 +31,10 @@ std::string FamilyName(std::string_view signature) {
 
 }  // namespace
 
-OldGroupContainer::OldGroupContainer(std::string path, ContainerFactory* factory)
-    : GroupContainer(std::move(path), factory), family_(DetectFileSignature(path_)) {}
+OldGroupContainer::OldGroupContainer(std::string path, ContainerFactory* factory,
+                                     std::string family)
+    : GroupContainer(std::move(path), factory),
+      family_(family.empty() ? DetectFileSignature(path_) : std::move(family)) {}
 
 int32_t OldGroupContainer::SetPath(const std::string& path) {
   path_ = path;

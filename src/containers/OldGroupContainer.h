@@ -30,7 +30,8 @@ using codepage::ToLower1252;
 
 class OldGroupContainer : public GroupContainer {
  public:
-  OldGroupContainer(std::string path, ContainerFactory* factory);
+  // `family`: the file's signature when the caller has read it already (else it is read here).
+  OldGroupContainer(std::string path, ContainerFactory* factory, std::string family = {});
 
   int32_t SetPath(const std::string& path) override;
   int32_t AddMembers(const StringList& files, const std::string& destFolder,

@@ -17,8 +17,9 @@ bool TakesKCGroups(std::string_view family) {
 
 }  // namespace
 
-OldGroupContainerKC::OldGroupContainerKC(std::string path, ContainerFactory* factory)
-    : OldGroupContainer(std::move(path), factory) {}
+OldGroupContainerKC::OldGroupContainerKC(std::string path, ContainerFactory* factory,
+                                         std::string family)
+    : OldGroupContainer(std::move(path), factory, std::move(family)) {}
 
 int32_t OldGroupContainerKC::IsValid() {
   if (!TakesKCGroups(family_)) return 0;

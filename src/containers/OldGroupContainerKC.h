@@ -14,7 +14,7 @@ namespace qx {
 
 class OldGroupContainerKC final : public OldGroupContainer {
  public:
-  OldGroupContainerKC(std::string path, ContainerFactory* factory);
+  OldGroupContainerKC(std::string path, ContainerFactory* factory, std::string family = {});
 
   int32_t IsValid() override;
 

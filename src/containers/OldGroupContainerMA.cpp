@@ -26,8 +26,9 @@ std::string_view FieldBytes(const NameField& field) {
 
 }  // namespace
 
-OldGroupContainerMA::OldGroupContainerMA(std::string path, ContainerFactory* factory)
-    : OldGroupContainer(std::move(path), factory), translator_(DeviceNameTranslator::Create()) {}
+OldGroupContainerMA::OldGroupContainerMA(std::string path, ContainerFactory* factory,
+                                         std::string family)
+    : OldGroupContainer(std::move(path), factory, std::move(family)) {}
 
 OldGroupContainerMA::~OldGroupContainerMA() = default;
 
@@ -44,6 +45,11 @@ int32_t OldGroupContainerMA::IsValid() {
 bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryFields& fields,
                                      std::string_view family, std::string& out) const {
   std::string translated;
+  // Made when a name is first read: a call served by a kept listing reads none.
+  if (!translatorMade_) {
+    translator_ = DeviceNameTranslator::Create();
+    translatorMade_ = true;
+  }
   if (translator_ == nullptr || !translator_->Translate(FieldBytes(fields.name), translated))
     return false;
   out = MemberFileNameMA(NameFieldText(folder), translated, fields.type, family);
