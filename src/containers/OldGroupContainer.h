@@ -2,10 +2,12 @@
 // member lookups built on a listing, creating a group, and the adding loop with its prompt
 // state and the checks made before a file goes in.
 //
-// A change (add, delete, create) holds the group's write lock for the whole call, reads the group
-// once into the class's in-memory model, applies every file or name of the call there and writes
-// the result once, through a temporary file beside the group that is renamed over it. A call that fails before anything changed leaves the group as
-// it was; files added before a refused one stay added, as they would after one write per file.
+// A change (add, delete, create) holds the group's write lock for the whole call, reads the
+// group's header and table once into the class's model (the members' bytes stay in the file),
+// applies every file or name of the call there and writes the result once, copying the members
+// across in chunks to a temporary file beside the group that is renamed over it. A call that
+// fails before anything changed leaves the group as it was; files added before a refused one
+// stay added, as they would after one write per file.
 #pragma once
 
 #include <cstdint>

@@ -1,9 +1,13 @@
 #include "containers/OldGroupContainerKC.h"
 
+#include <algorithm>
+#include <optional>
+
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
 #include "formats/MemberNames.h"
 #include "platform/Diagnostic.h"
+#include "platform/TempFile.h"
 #include "platform/fs.h"
 
 namespace qx {
@@ -69,19 +73,53 @@ std::vector<unsigned char> OldGroupContainerKC::NewGroupBytes(const std::string&
 // ---- Changing --------------------------------------------------------------------------------
 
 bool OldGroupContainerKC::BeginEdit() {
-  std::vector<unsigned char> file;
-  if (!ReadForEdit(file)) {
-    diag::Record("cannot-read", path_, "cannot be read");
-    return false;
-  }
   edit_ = KCGroup{};
-  const LayoutResult parsed = KCGroup::Parse(file, edit_);
+  source_ = fs::File();
+  LayoutResult parsed;
+  std::optional<KCWalk> walk;
+  if (seed_) {
+    std::vector<unsigned char> file;
+    ReadForEdit(file);
+    parsed = KCGroup::Parse(file, edit_);
+    if (parsed) walk = edit_.Walk(family_);
+  } else {
+    // The header only: the section stays in the file, walked where it stands and copied across
+    // by the rewrite.
+    source_ = fs::File::OpenRead(path_);
+    const uint64_t size = source_.Size();
+    unsigned char head[kKCDataOffset];
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(size, sizeof head));
+    if (!source_.IsOpen() || source_.Read(head, want) != want) {
+      diag::Record("cannot-read", path_, "cannot be read");
+      return false;
+    }
+    parsed = KCGroup::ParseHead(std::span<const unsigned char>(head, want), size, edit_);
+    if (parsed) walk = edit_.WalkSource(source_, family_);
+  }
   if (!parsed) {
     RecordLayoutFailure(parsed, path_);
     return false;
   }
-  IndexModel();
+  if (!walk || !IndexModel(*walk)) {
+    diag::Record("cannot-read", path_, "cannot be read");
+    return false;
+  }
   return true;
+}
+
+bool OldGroupContainerKC::CommitEdit() {
+  fs::TempFile tmp(path_);
+  if (!tmp.IsOpen()) return false;  // the temporary file said why
+  switch (edit_.WriteTo(tmp.file(), source_.IsOpen() ? &source_ : nullptr)) {
+    case KCGroup::WriteEnd::kDone: return tmp.Keep();
+    case KCGroup::WriteEnd::kShortRead:
+      diag::Record("damaged", path_,
+                   "the group file shrank while it was rewritten (the old file stays as it was)");
+      return false;
+    case KCGroup::WriteEnd::kWriteFailed: break;
+  }
+  diag::Record("cannot-write", path_, "cannot be written (the old file stays as it was)");
+  return false;
 }
 
 namespace {
@@ -95,18 +133,19 @@ bool FillsExactly(const KCWalk& walk, size_t length) {
 
 }  // namespace
 
-void OldGroupContainerKC::IndexModel() {
-  edit_.DropMarked();
+bool OldGroupContainerKC::IndexModel(const KCWalk& walk) {
   names_.clear();
   where_.clear();
-  const KCWalk walk = edit_.Walk(family_);
   whole_ = FillsExactly(walk, edit_.DataLength());
+  // Changes to a section that its entries do not fill walk it as a whole, in memory.
+  if (!whole_ && !edit_.Materialize(source_)) return false;
   live_ = walk.entries.size();
   for (const KCEntryView& e : walk.entries) {
     std::string key = ToLower1252(MemberFileNameKC(e.name, e.type, family_));
     ++names_[key];
     if (whole_) where_[std::move(key)].emplace_back(e.offset - kKCDataOffset, e.Size());
   }
+  return true;
 }
 
 int32_t OldGroupContainerKC::EditMemberCount() const {
@@ -118,11 +157,16 @@ bool OldGroupContainerKC::EditReplace(const std::string& name) {
   // Every entry of the name goes, as deleting the name drops them all; the group keeps one.
   const auto at = whole_ ? where_.find(ToLower1252(name)) : where_.end();
   if (at == where_.end() || at->second.empty() || live_ < 2) return EditDelete({name});
+  MarkName(at);
+  return true;
+}
+
+void OldGroupContainerKC::MarkName(
+    std::unordered_map<std::string, std::vector<std::pair<size_t, size_t>>>::iterator at) {
   for (const auto& [offset, size] : at->second) edit_.MarkRemoved(family_, offset, size);
   live_ -= at->second.size();
   names_[at->first] = 0;
   where_.erase(at);
-  return true;
 }
 
 bool OldGroupContainerKC::EditContains(const std::string& name) const {
@@ -131,12 +175,19 @@ bool OldGroupContainerKC::EditContains(const std::string& name) const {
 }
 
 bool OldGroupContainerKC::EditDelete(const StringList& names) {
-  edit_.DropMarked();  // counted and walked below without them
   // A group is never emptied by deleting; names that match nothing are ignored.
   if (static_cast<int64_t>(names.size()) >= EditMemberCount()) {
     diag::Record("keeps-one", path_, "cannot delete every member: a group keeps at least one");
     return false;
   }
+  if (whole_) {
+    // The entries of each name are marked; the header is rewritten even when none matched.
+    edit_.RewriteHeader(family_);
+    for (const std::string& n : names)
+      if (const auto at = where_.find(ToLower1252(n)); at != where_.end()) MarkName(at);
+    return true;
+  }
+  edit_.DropMarked();  // walked below without them
   const auto dropped = edit_.RemoveEntriesIf(family_, [&](const KCEntryView& e) {
     const std::string member = MemberFileNameKC(e.name, e.type, family_);
     for (const std::string& n : names)
@@ -149,8 +200,7 @@ bool OldGroupContainerKC::EditDelete(const StringList& names) {
     diag::Record("no-member", list, "no such member in " + path_);
     return false;
   }
-  IndexModel();
-  return true;
+  return IndexModel(edit_.Walk(family_));
 }
 
 int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::string& fileFamily,
@@ -192,8 +242,14 @@ int32_t OldGroupContainerKC::EditAddFile(const std::string& file, const std::str
   // Entries that fill what was appended continue the walk of a whole section where they stand.
   const KCWalk own = WalkKCSection(*entries, family_);
   whole_ = whole_ && FillsExactly(own, entries->size());
-  if (!whole_) edit_.DropMarked();  // the section is walked whole from now on
-  if (whole_) {
+  if (!whole_) {
+    // The section is walked as a whole from now on.
+    if (!edit_.Materialize(source_)) {
+      diag::Record("damaged", path_, "the group file shrank while it was changed");
+      return 0;
+    }
+    edit_.DropMarked();
+  } else {
     live_ += own.entries.size();
     for (const KCEntryView& e : own.entries)
       where_[ToLower1252(MemberFileNameKC(e.name, e.type, family_))].emplace_back(

@@ -35,10 +35,16 @@ class OldGroupContainerKC final : public OldGroupContainer {
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
 
   bool EditReplace(const std::string& name) override;
+  bool CommitEdit() override;
 
-  void IndexModel();
+  // Indexes the model from its walk; false when a section its entries do not fill cannot be
+  // read into memory.
+  bool IndexModel(const KCWalk& walk);
+  // Marks every entry of one name of where_ as deleted.
+  void MarkName(std::unordered_map<std::string, std::vector<std::pair<size_t, size_t>>>::iterator at);
 
   KCGroup edit_;
+  fs::File source_;  // the group file the model's section is left in
   // Lower-case member names of the model, so that duplicate checks stay cheap.
   std::unordered_map<std::string, size_t> names_;
   // While the section's entries fill it exactly (whole_), where each name's entries stand in it

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "platform/ByteOrder.h"
+#include "platform/StreamCopy.h"
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
 
@@ -157,6 +158,75 @@ LayoutResult KCGroup::Parse(std::span<const unsigned char> file, KCGroup& out) {
   return R::Ok();
 }
 
+LayoutResult KCGroup::ParseHead(std::span<const unsigned char> head, uint64_t fileSize,
+                               KCGroup& out) {
+  using R = LayoutResult;
+  if (fileSize < kKCDataOffset || head.size() < kKCDataOffset)
+    return R::Fail(R::kTruncated, fileSize, "shorter than a group header");
+  const uint64_t length = KCEffectiveDataLength(ReadLE16(&head[kKCDataLengthOffset]), fileSize);
+  if (length > fileSize - kKCDataOffset)
+    return R::Fail(R::kTruncated, kKCDataLengthOffset, "data section runs past the end of the file");
+  KCGroup g;
+  std::memcpy(g.signature_.data(), head.data(), kKCSignatureSize);
+  std::memcpy(g.comment_.data(), &head[kKCCommentOffset], kKCCommentSize);
+  g.sourceLength_ = length;
+  const uint64_t afterChecksum = kKCDataOffset + length + 2;
+  if (afterChecksum < fileSize) g.afterSpan_ = {afterChecksum, fileSize - afterChecksum};
+  out = std::move(g);
+  return R::Ok();
+}
+
+std::optional<KCWalk> KCGroup::WalkSource(fs::File& source, std::string_view familySignature) const {
+  // The walk of WalkEntries, reading each entry's fixed fields where it stands.
+  const uint64_t length = sourceLength_;
+  KCWalk walk;
+  walk.dataLength = static_cast<uint32_t>(length);
+  if (length == 0) return walk;
+  const size_t dAt = kEntryDataLength + (IsKDX(familySignature) ? kKDXExtraHeader : 0);
+  unsigned char e[kEntryDataLength + kKDXExtraHeader + 2];
+  const auto read = [&](uint64_t at, unsigned char* into, size_t n) {
+    return source.Seek(kKCDataOffset + at) && source.Read(into, n) == n;
+  };
+  uint64_t pos = 0;
+  for (;;) {
+    if (pos + dAt + 2 > length) {
+      walk.truncated = true;
+      break;
+    }
+    if (!read(pos, e, dAt + 2)) return std::nullopt;
+    KCEntryView v;
+    v.offset = static_cast<size_t>(kKCDataOffset + pos);
+    v.headerLength = ReadLE16(e);
+    v.type = KCReducedType(e[kEntryType]);
+    v.name = ReadNameField(e + kEntryName);
+    v.dataLength = ReadLE16(e + dAt);
+    walk.entries.push_back(v);
+    const uint64_t stepAt = pos + 2 + v.headerLength;
+    if (stepAt + 2 > length) {
+      walk.truncated = true;
+      break;
+    }
+    unsigned char step[2];
+    if (stepAt + 2 <= pos + dAt + 2) std::memcpy(step, e + (stepAt - pos), 2);  // read already
+    else if (!read(stepAt, step, 2)) return std::nullopt;
+    pos = stepAt + 2 + ReadLE16(step);
+    if (pos >= length) break;
+  }
+  return walk;
+}
+
+bool KCGroup::Materialize(fs::File& source) {
+  if (sourceLength_ == 0) return true;
+  if (sourceLength_ > SIZE_MAX) return false;
+  std::vector<unsigned char> section(static_cast<size_t>(sourceLength_));
+  if (!source.Seek(kKCDataOffset) || source.Read(section.data(), section.size()) != section.size())
+    return false;
+  section.insert(section.end(), section_.begin(), section_.end());
+  section_ = std::move(section);
+  sourceLength_ = 0;
+  return true;
+}
+
 std::vector<KCEntryView> KCGroup::Entries(std::string_view familySignature) const {
   return Walk(familySignature).entries;
 }
@@ -173,19 +243,19 @@ void KCGroup::AppendEntries(std::span<const unsigned char> entries) {
 void KCGroup::Rewrite(std::string_view familySignature, std::vector<unsigned char> section) {
   marked_.clear();
   markedBytes_ = 0;
-  signature_ = PaddedField<kKCSignatureSize>(familySignature);
+  RewriteHeader(familySignature);
   section_ = std::move(section);
+}
+
+void KCGroup::RewriteHeader(std::string_view familySignature) {
+  signature_ = PaddedField<kKCSignatureSize>(familySignature);
   after_.clear();
+  afterSpan_ = {};
   appended_ = 0;
 }
 
 void KCGroup::MarkRemoved(std::string_view familySignature, size_t at, size_t size) {
-  if (marked_.empty()) {
-    // What Rewrite does to the header and to the bytes after the checksum.
-    signature_ = PaddedField<kKCSignatureSize>(familySignature);
-    after_.clear();
-    appended_ = 0;
-  }
+  if (marked_.empty()) RewriteHeader(familySignature);  // what Rewrite does
   marked_.emplace_back(at, size);
   markedBytes_ += size;
 }
@@ -225,6 +295,62 @@ std::vector<unsigned char> KCGroup::Serialize() const {
   Append16(out, KCChecksum(section));
   Append(out, std::span(after_).last(keptAfter));
   return out;
+}
+
+KCGroup::WriteEnd KCGroup::WriteTo(fs::File& out, fs::File* source) const {
+  const uint64_t afterLength = after_.size() + afterSpan_.second;
+  const uint64_t keptAfter = afterLength - std::min<uint64_t>(appended_, afterLength);
+  unsigned char head[kKCDataOffset];
+  std::memcpy(head, signature_.data(), kKCSignatureSize);
+  std::memcpy(head + kKCCommentOffset, comment_.data(), kKCCommentSize);
+  WriteLE16(head + kKCDataLengthOffset, StoredDataLength(DataLength() - markedBytes_));
+  if (!out.Write(head, sizeof head)) return WriteEnd::kWriteFailed;
+
+  // The kept runs of the section, summed on the way for the checksum that follows them.
+  uint32_t sum = 0;
+  std::vector<unsigned char> buffer;
+  const auto copy = [&](uint64_t at, uint64_t length, bool summed) {
+    if (length == 0) return WriteEnd::kDone;
+    if (source == nullptr || !source->Seek(at)) return WriteEnd::kShortRead;
+    buffer.resize(static_cast<size_t>(std::min<uint64_t>(length, fs::kCopyChunkSize)));
+    while (length > 0) {
+      const size_t n = static_cast<size_t>(std::min<uint64_t>(length, buffer.size()));
+      if (source->Read(buffer.data(), n) != n) return WriteEnd::kShortRead;
+      if (summed)
+        for (size_t i = 0; i < n; ++i) sum += buffer[i];
+      if (!out.Write(buffer.data(), n)) return WriteEnd::kWriteFailed;
+      length -= n;
+    }
+    return WriteEnd::kDone;
+  };
+  const auto put = [&](uint64_t from, uint64_t to) {  // section offsets
+    if (from < sourceLength_) {
+      const uint64_t end = std::min(to, sourceLength_);
+      if (const WriteEnd e = copy(kKCDataOffset + from, end - from, true); e != WriteEnd::kDone) return e;
+      from = end;
+    }
+    if (from >= to) return WriteEnd::kDone;
+    const auto bytes = std::span(section_).subspan(static_cast<size_t>(from - sourceLength_),
+                                                   static_cast<size_t>(to - from));
+    for (unsigned char c : bytes) sum += c;
+    return out.Write(bytes.data(), bytes.size()) ? WriteEnd::kDone : WriteEnd::kWriteFailed;
+  };
+  std::vector<std::pair<size_t, size_t>> marks = marked_;
+  std::sort(marks.begin(), marks.end());
+  uint64_t from = 0;
+  for (const auto& [at, size] : marks) {
+    if (const WriteEnd e = put(from, at); e != WriteEnd::kDone) return e;
+    from = at + size;
+  }
+  if (const WriteEnd e = put(from, DataLength()); e != WriteEnd::kDone) return e;
+  unsigned char checksum[2];
+  WriteLE16(checksum, static_cast<uint16_t>(sum));
+  if (!out.Write(checksum, sizeof checksum)) return WriteEnd::kWriteFailed;
+  if (keptAfter == 0) return WriteEnd::kDone;
+  if (afterSpan_.second > 0)
+    return copy(afterSpan_.first + afterSpan_.second - keptAfter, keptAfter, false);
+  const auto tail = std::span(after_).last(static_cast<size_t>(keptAfter));
+  return out.Write(tail.data(), tail.size()) ? WriteEnd::kDone : WriteEnd::kWriteFailed;
 }
 
 }  // namespace qx
