@@ -57,7 +57,6 @@ class OldGroupContainer : public GroupContainer {
   // The members as the cursor meets them: what one walk of the group's table gives, kept so
   // that every member of a call is reached by its place without walking again.
   struct Listing {
-    std::vector<unsigned char> file;  // the bytes the walk read (KC: the file; MA: unused)
     uint64_t fileSize = 0;            // the group file's size when it was read
     size_t count = 0;                 // members the cursor reaches
     StringList names;                 // names of the first members, in order
@@ -79,9 +78,8 @@ class OldGroupContainer : public GroupContainer {
   // cannot be read, and then no file is left at `outPath`.
   virtual bool WriteMember(const Listing& listing, size_t index, fs::File& group,
                            const std::string& outPath) = 0;
-  // The group file as WriteMember reads members from it; the KC-style listing holds their
-  // bytes already, and needs no file.
-  virtual fs::File OpenMembers() { return fs::File::OpenRead(path_); }
+  // The group file as WriteMember reads members from it.
+  fs::File OpenMembers() { return fs::File::OpenRead(path_); }
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
 

@@ -37,10 +37,14 @@ int32_t OldGroupContainerKC::IsValid() {
 }
 
 bool OldGroupContainerKC::LoadListing(Listing& out) {
-  // The data section is the table: its entries are walked in place.
-  if (!fs::ReadWholeFile(path_, out.file)) return false;
-  out.fileSize = out.file.size();
-  KCWalk walk = WalkKCGroup(out.file, family_);
+  // The data section is the table: its entries' fixed fields are read where they stand, their
+  // data is not.
+  fs::File f = fs::File::OpenRead(path_);
+  if (!f.IsOpen()) return false;
+  out.fileSize = f.Size();
+  std::optional<KCWalk> read = WalkKCFile(f, out.fileSize, family_);
+  if (!read) return false;
+  KCWalk& walk = *read;
   out.count = walk.entries.size();
   for (const KCEntryView& e : walk.entries) {
     out.names.push_back(MemberFileNameKC(e.name, e.type, family_));
@@ -50,15 +54,18 @@ bool OldGroupContainerKC::LoadListing(Listing& out) {
   return true;
 }
 
-bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index, fs::File&,
+bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index, fs::File& in,
                                       const std::string& outPath) {
   if (index >= listing.kc.size()) return false;
-  const auto entry = KCEntryBytes(listing.file, listing.kc[index]);
-  if (!entry) {
+  // One entry is at most two 16-bit lengths long: read whole, before the file is made.
+  const KCEntryView& e = listing.kc[index];
+  std::vector<unsigned char> entry(e.Size());
+  if (e.offset > listing.fileSize || e.Size() > listing.fileSize - e.offset || !in.Seek(e.offset) ||
+      in.Read(entry.data(), entry.size()) != entry.size()) {
     RecordUnreadableMember(listing, index, std::string());
     return false;
   }
-  const std::vector<unsigned char> bytes = BuildKCSingleFile(family_, *entry);
+  const std::vector<unsigned char> bytes = BuildKCSingleFile(family_, entry);
   fs::File out = fs::File::CreateWrite(outPath);
   if (!out.IsOpen()) return false;
   if (out.Write(bytes.data(), bytes.size()) && out.Close()) return true;

@@ -22,7 +22,6 @@ class OldGroupContainerKC final : public OldGroupContainer {
   bool LoadListing(Listing& out) override;
   bool WriteMember(const Listing& listing, size_t index, fs::File& group,
                    const std::string& outPath) override;
-  fs::File OpenMembers() override { return fs::File(); }
   std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
 
   bool BeginEdit() override;

@@ -176,20 +176,23 @@ LayoutResult KCGroup::ParseHead(std::span<const unsigned char> head, uint64_t fi
   return R::Ok();
 }
 
-std::optional<KCWalk> KCGroup::WalkSource(fs::File& source, std::string_view familySignature) const {
-  // The walk of WalkEntries, reading each entry's fixed fields where it stands.
-  const uint64_t length = sourceLength_;
+namespace {
+
+// WalkEntries over a file: the entries from offset 55 while below `length`, reads ending at
+// `available` bytes after 55.
+std::optional<KCWalk> WalkOpenFile(fs::File& source, uint64_t length, uint64_t available,
+                                   bool kdx) {
   KCWalk walk;
   walk.dataLength = static_cast<uint32_t>(length);
   if (length == 0) return walk;
-  const size_t dAt = kEntryDataLength + (IsKDX(familySignature) ? kKDXExtraHeader : 0);
+  const size_t dAt = kEntryDataLength + (kdx ? kKDXExtraHeader : 0);
   unsigned char e[kEntryDataLength + kKDXExtraHeader + 2];
   const auto read = [&](uint64_t at, unsigned char* into, size_t n) {
     return source.Seek(kKCDataOffset + at) && source.Read(into, n) == n;
   };
   uint64_t pos = 0;
   for (;;) {
-    if (pos + dAt + 2 > length) {
+    if (pos + dAt + 2 > available) {
       walk.truncated = true;
       break;
     }
@@ -202,7 +205,7 @@ std::optional<KCWalk> KCGroup::WalkSource(fs::File& source, std::string_view fam
     v.dataLength = ReadLE16(e + dAt);
     walk.entries.push_back(v);
     const uint64_t stepAt = pos + 2 + v.headerLength;
-    if (stepAt + 2 > length) {
+    if (stepAt + 2 > available) {
       walk.truncated = true;
       break;
     }
@@ -213,6 +216,24 @@ std::optional<KCWalk> KCGroup::WalkSource(fs::File& source, std::string_view fam
     if (pos >= length) break;
   }
   return walk;
+}
+
+}  // namespace
+
+std::optional<KCWalk> WalkKCFile(fs::File& file, uint64_t fileSize, std::string_view familySignature) {
+  unsigned char head[kKCDataOffset];
+  if (fileSize < kKCDataOffset) {
+    KCWalk walk;
+    walk.truncated = true;
+    return walk;
+  }
+  if (!file.Seek(0) || file.Read(head, sizeof head) != sizeof head) return std::nullopt;
+  const uint64_t length = KCEffectiveDataLength(ReadLE16(&head[kKCDataLengthOffset]), fileSize);
+  return WalkOpenFile(file, length, fileSize - kKCDataOffset, IsKDX(familySignature));
+}
+
+std::optional<KCWalk> KCGroup::WalkSource(fs::File& source, std::string_view familySignature) const {
+  return WalkOpenFile(source, sourceLength_, sourceLength_, IsKDX(familySignature));
 }
 
 bool KCGroup::Materialize(fs::File& source) {

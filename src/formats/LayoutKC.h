@@ -82,6 +82,10 @@ struct KCWalk {
 // past the end ends the walk with the entries before it. `familySignature` selects the KDX
 // header. Never reads outside `file`.
 KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature);
+// The same walk over an open group file of `fileSize` bytes, reading each entry's fixed fields
+// where it stands (the data is skipped); nullopt when the file no longer holds what its size
+// promised (it shrank).
+std::optional<KCWalk> WalkKCFile(fs::File& file, uint64_t fileSize, std::string_view familySignature);
 // The walk of a data section by itself (its size is its data length); offsets as in a group.
 KCWalk WalkKCSection(std::span<const unsigned char> section, std::string_view familySignature);
 
