@@ -144,7 +144,7 @@ void OldGroupContainer::RecordUnreadableMember(const Listing& listing, size_t in
                    " bytes when listed), or the file shrank while it was read");
 }
 
-bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index, fs::File& group,
+bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index,
                                         const std::string& destFolder) {
   const std::string& name = listing.names[index];
   if (!IsPlainFileName(name)) {
@@ -152,7 +152,7 @@ bool OldGroupContainer::WriteMemberFile(const Listing& listing, size_t index, fs
     return false;
   }
   errno = 0;
-  if (WriteMember(listing, index, group, destFolder + name)) return true;
+  if (WriteMember(listing, index, destFolder + name)) return true;
   // The system's reason, when the failure was the file's creation or writing.
   const int error = errno;
   diag::Record("cannot-write", destFolder + name,
@@ -212,16 +212,14 @@ int32_t OldGroupContainer::ExtractMember(const std::string& name, const std::str
   if (!listing) return 0;
   size_t index = 0;
   if (!FindMember(*listing, name, index)) return 0;
-  fs::File group = OpenMembers();
-  return WriteMemberFile(*listing, index, group, destFolder) ? 1 : 0;
+  return WriteMemberFile(*listing, index, destFolder) ? 1 : 0;
 }
 
 int32_t OldGroupContainer::ExtractAllMembers(const std::string& destFolder) {
   const auto listing = ReadListing();
   if (!listing || listing->count == 0) return 0;
-  fs::File group = OpenMembers();
   for (size_t i = 0; i < listing->names.size(); ++i)
-    if (!WriteMemberFile(*listing, i, group, destFolder)) return 0;
+    if (!WriteMemberFile(*listing, i, destFolder)) return 0;
   return listing->namesComplete ? 1 : 0;
 }
 

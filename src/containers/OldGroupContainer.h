@@ -58,6 +58,9 @@ class OldGroupContainer : public GroupContainer {
   // that every member of a call is reached by its place without walking again.
   struct Listing {
     uint64_t fileSize = 0;            // the group file's size when it was read
+    // The group file the listing was read from, kept open: members are read from it at their
+    // offsets (File::ReadAt), by every call the listing serves.
+    std::shared_ptr<const fs::File> file;
     size_t count = 0;                 // members the cursor reaches
     StringList names;                 // names of the first members, in order
     std::vector<uint32_t> sizes;      // their sizes, as the contents listing reports them
@@ -73,13 +76,10 @@ class OldGroupContainer : public GroupContainer {
   std::shared_ptr<const Listing> ReadListing();
   // Reads what the listing needs and lists it; false when the file cannot be read.
   virtual bool LoadListing(Listing& out) = 0;
-  // Writes the index-th member as a single-variable file, reading its bytes from `group` (the
-  // group file, opened once for every member of a call); false with a diagnostic when they
-  // cannot be read, and then no file is left at `outPath`.
-  virtual bool WriteMember(const Listing& listing, size_t index, fs::File& group,
-                           const std::string& outPath) = 0;
-  // The group file as WriteMember reads members from it.
-  fs::File OpenMembers() { return fs::File::OpenRead(path_); }
+  // Writes the index-th member as a single-variable file, reading its bytes from the listing's
+  // file; false with a diagnostic when they cannot be read, and then no file is left at
+  // `outPath`.
+  virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
 
@@ -127,8 +127,7 @@ class OldGroupContainer : public GroupContainer {
   void RecordUnreadableMember(const Listing& listing, size_t index,
                               const std::string& outPath) const;
   // Writes the index-th listed member into `destFolder` under its name; false with a diagnostic.
-  bool WriteMemberFile(const Listing& listing, size_t index, fs::File& group,
-                       const std::string& destFolder);
+  bool WriteMemberFile(const Listing& listing, size_t index, const std::string& destFolder);
 
   std::string family_;
   bool editChanged_ = false;  // the model differs from the file

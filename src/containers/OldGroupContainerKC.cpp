@@ -51,17 +51,18 @@ bool OldGroupContainerKC::LoadListing(Listing& out) {
     out.sizes.push_back(static_cast<uint16_t>(e.Size()));
   }
   out.kc = std::move(walk.entries);
+  out.file = std::make_shared<const fs::File>(std::move(f));
   return true;
 }
 
-bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index, fs::File& in,
+bool OldGroupContainerKC::WriteMember(const Listing& listing, size_t index,
                                       const std::string& outPath) {
   if (index >= listing.kc.size()) return false;
   // One entry is at most two 16-bit lengths long: read whole, before the file is made.
   const KCEntryView& e = listing.kc[index];
   std::vector<unsigned char> entry(e.Size());
-  if (e.offset > listing.fileSize || e.Size() > listing.fileSize - e.offset || !in.Seek(e.offset) ||
-      in.Read(entry.data(), entry.size()) != entry.size()) {
+  if (e.offset > listing.fileSize || e.Size() > listing.fileSize - e.offset || !listing.file ||
+      !listing.file->ReadAt(e.offset, entry.data(), entry.size())) {
     RecordUnreadableMember(listing, index, std::string());
     return false;
   }

@@ -80,10 +80,11 @@ bool OldGroupContainerMA::LoadListing(Listing& out) {
     out.sizes.push_back(m.BlockLength());
   }
   out.ma = std::move(walk.members);
+  out.file = std::make_shared<const fs::File>(std::move(f));
   return true;
 }
 
-bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index, fs::File& in,
+bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
                                       const std::string& outPath) {
   if (index >= listing.ma.size()) return false;
   const MAMemberView& m = listing.ma[index];
@@ -92,7 +93,7 @@ bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index, fs::
     RecordUnreadableMember(listing, index, std::string());
     return false;
   }
-  if (!in.IsOpen()) {
+  if (!listing.file || !listing.file->IsOpen()) {
     diag::Record("cannot-read", path_, "cannot be read");
     return false;
   }
@@ -101,7 +102,7 @@ bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index, fs::
   fs::File out = fs::File::CreateWrite(outPath);
   if (!out.IsOpen()) return false;
   const fs::CopyEnd end = out.Write(header.data(), header.size())
-                              ? fs::CopyRange(in, m.dataOffset, m.BlockLength(), out)
+                              ? fs::CopyRangeAt(*listing.file, m.dataOffset, m.BlockLength(), out)
                               : fs::CopyEnd::kWriteFailed;
   if (end == fs::CopyEnd::kDone && out.Close()) return true;
   DiscardPartial(out, outPath);

@@ -22,8 +22,7 @@ class OldGroupContainerMA final : public OldGroupContainer {
 
  private:
   bool LoadListing(Listing& out) override;
-  bool WriteMember(const Listing& listing, size_t index, fs::File& group,
-                   const std::string& outPath) override;
+  bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) override;
   std::vector<unsigned char> NewGroupBytes(const std::string& comment) const override;
 
   bool BeginEdit() override;

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <utility>
 
@@ -88,6 +89,20 @@ size_t File::Read(void* buffer, size_t size) {
   const size_t n = std::fread(buffer, 1, size, fp_);
   pos_ = n == size && pos_ >= 0 ? pos_ + static_cast<int64_t>(n) : -1;
   return n;
+}
+
+bool File::ReadAt(uint64_t offset, void* buffer, size_t size) const {
+  if (fp_ == nullptr || offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  auto* at = static_cast<unsigned char*>(buffer);
+  while (size > 0) {
+    const ssize_t n = ::pread(::fileno(fp_), at, size, static_cast<off_t>(offset));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    at += n;
+    offset += static_cast<uint64_t>(n);
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 bool File::Write(const void* data, size_t size) {

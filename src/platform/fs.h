@@ -66,6 +66,9 @@ class File {
   bool IsOpen() const { return fp_ != nullptr; }
   // Bytes read; fewer at the end of the file or on an error.
   size_t Read(void* buffer, size_t size);
+  // Reads `size` bytes at `offset` without moving the stream (so callers on several threads may
+  // share one open file); false when fewer are there.
+  bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
   // True when all bytes were written.
   bool Write(const void* data, size_t size);
   bool Seek(uint64_t offset);
