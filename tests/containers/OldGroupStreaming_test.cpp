@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "containers/OldGroupBytes.h"
+#include "containers/ContainerFactory.h"
 #include "containers/OldGroupContainerMA.h"
 #include "platform/Diagnostic.h"
 #include "platform/ReuseScope.h"
@@ -85,6 +86,8 @@ TEST_F(OldGroupStreamingTest, ReplacingDuplicatesWritesWhatDeletingWould) {
       {"emptied twice", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}, {"x", a2}},
        {{"main", {b}}, {"x", {a2}}}},
       {"tail", {{"main", {a, b}}}, "TT", {{"main", b1}}, {{"main", {b1, {"A", "aaaaTT"}}}}},
+      {"tail before a new folder", {{"x", {a}}, {"main", {b}}}, "TT", {{"x", a1}},
+       {{"main", {{"B", "bbTT"}}}, {"x", {a1}}}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -129,6 +132,55 @@ TEST_F(OldGroupStreamingTest, MembersPastTheEndFailCleanly) {
       EXPECT_FALSE(std::filesystem::exists(out + "/" + row.member));
     }
     EXPECT_EQ(test::ReadFileBytes(group), row.bytes);
+  }
+}
+
+// Another process cuts the group short while a change is under way (here: while the duplicate
+// question is asked): the rewrite, which copies the members from the group, fails with a reason
+// and leaves the group as the other process left it, without a temporary file beside it.
+TEST_F(OldGroupStreamingTest, GroupCutShortDuringAChangeStaysAsItIs) {
+  // Members larger than what a read buffers, so that the cut is met and not read around.
+  const std::string big(60000, 'x');
+  // A KC-style entry (h = 11) and file: the section of two such entries stores length 0.
+  const auto kc = [](const std::string& name, const std::string& data) {
+    const std::string d = Le16(static_cast<unsigned>(data.size()));
+    return Le16(11) + d + "\x05" + Padded(name, 8) + d + data;
+  };
+  const auto kcFile = [](const std::string& section) {
+    return Padded("**QXKC**\x1A\x0A", 11) + std::string(42, '\0') +
+           Le16(section.size() < 65536 ? static_cast<unsigned>(section.size()) : 0) + section + "cs";
+  };
+  const struct {
+    const char* name;
+    std::string group, dup;
+  } rows[] = {
+      {"g.mag", GroupFile({{"main", {{"A", big}, {"B", big}}}}), SingleFile("main", {"A", "11"})},
+      {"g.kcg", kcFile(kc("A", big) + kc("B", big)), kcFile(kc("A", "11"))},
+  };
+  struct Cut {
+    std::string path;
+    static PromptResult Ask(const std::string&, PromptReason, GroupContainer*, void* ctx) {
+      std::filesystem::resize_file(static_cast<Cut*>(ctx)->path, 100);
+      return PromptReplace;
+    }
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const test::TempDir dir;
+    const std::string group = dir.Write(row.name, row.group);
+    const std::string dup = dir.Write(std::string("a") + (row.name + 1), row.dup);
+    Cut cut{group};
+    ContainerFactory factory;
+    std::unique_ptr<GroupContainer> container = factory.CreateContainer(group);
+    ASSERT_NE(container, nullptr);
+    diag::Clear();
+    EXPECT_EQ(container->AddMembers({dup}, "", nullptr, &Cut::Ask, &cut), 0);
+    ASSERT_NE(diag::Current(), nullptr);
+    EXPECT_EQ(diag::Current()->code, "damaged");
+    EXPECT_EQ(std::filesystem::file_size(group), 100u);
+    size_t files = 0;
+    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir.path())) ++files;
+    EXPECT_EQ(files, 2u);  // the group and the file added
   }
 }
 

@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <map>
 #include <set>
+#include <unordered_map>
+#include <unordered_set>
 #include <utility>
 
 #include "formats/DeviceFamily.h"
@@ -80,6 +82,17 @@ bool ReachesNested(const std::vector<std::string>& patterns) {
 MemberSelection SelectMembers(const std::vector<std::string>& members,
                               const std::vector<std::string>& patterns,
                               const std::vector<NestedMember>& nested) {
+  // Plain names are looked up, not compared with every member: a get of k names from n members
+  // costs O(n + k), not O(n * k). Only wildcards are matched member by member.
+  std::unordered_map<std::string, std::vector<size_t>> byName;
+  std::unordered_set<std::string> folderPrefixes;  // "unit1\", "unit1\sub\": lower case
+  byName.reserve(members.size());
+  for (size_t i = 0; i < members.size(); ++i) {
+    std::string lower = Lower(members[i]);
+    for (size_t cut = lower.find('\\'); cut != std::string::npos; cut = lower.find('\\', cut + 1))
+      folderPrefixes.insert(lower.substr(0, cut + 1));
+    byName[std::move(lower)].push_back(i);
+  }
   std::vector<bool> chosen(members.size(), false), nestedChosen(nested.size(), false);
   std::vector<std::string> folders;
   MemberSelection s;
@@ -89,13 +102,18 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     bool any = false;
     // A folder's own entry ("unit1\"), named as listed or hit by a wildcard, stands for the
     // folder and all below it: the component's copy and delete of it take the whole tree.
-    for (size_t i = 0; i < members.size(); ++i) {
-      const bool hit = wild ? Match(want, members[i]) : Lower(want) == Lower(members[i]);
-      if (hit && members[i].ends_with('\\'))
+    const auto take = [&](size_t i) {
+      if (members[i].ends_with('\\'))
         folders.push_back(members[i].substr(0, members[i].size() - 1));
-      else if (hit)
+      else
         chosen[i] = true;
-      any = any || hit;
+      any = true;
+    };
+    if (wild) {
+      for (size_t i = 0; i < members.size(); ++i)
+        if (Match(want, members[i])) take(i);
+    } else if (const auto it = byName.find(Lower(want)); it != byName.end()) {
+      for (const size_t i : it->second) take(i);
     }
     if (wild && want.find('\\') != std::string::npos) {
       const std::vector<std::string> parts = Parts(want);
@@ -104,13 +122,10 @@ MemberSelection SelectMembers(const std::vector<std::string>& members,
     }
     // A folder is named as itself; the component takes it out or deletes it as a tree.
     const std::string folder = Lower(want.back() == '\\' ? want : want + "\\");
-    if (!any && !wild)
-      for (const std::string& m : members)
-        if (Lower(m).compare(0, folder.size(), folder) == 0) {
-          folders.push_back(folder.size() > 1 ? want.substr(0, folder.size() - 1) : want);
-          any = true;
-          break;
-        }
+    if (!any && !wild && folderPrefixes.count(folder) != 0) {
+      folders.push_back(folder.size() > 1 ? want.substr(0, folder.size() - 1) : want);
+      any = true;
+    }
     if (!any) s.missing.push_back(p);
   }
   for (size_t i = 0; i < members.size(); ++i)

@@ -298,12 +298,22 @@ int CmdGet(const std::string& group, const std::vector<std::string>& members,
     for (const std::string& m : chosen.found) {
       StageMember(group, m, staging);
       if (!toStdout) {
-        PlaceStaged(staging, MemberFolder(dest, m, folders), placer);
+        // A plain member's own file is moved without listing the folder; anything else the
+        // step wrote is swept up after the last member.
+        struct stat st;
+        const bool plain = m.find_first_of("\\/") == std::string::npos;
+        if (plain && ::lstat((staging.Path() + m).c_str(), &st) == 0) {
+          if (!placer.Place(staging.Path() + m, Target(dest, m)))
+            std::remove((staging.Path() + m).c_str());
+        } else {
+          PlaceStaged(staging, MemberFolder(dest, m, folders), placer);
+        }
         continue;
       }
       for (const std::string& f : staging.Files()) CopyToStdout(staging.Path() + f);
       staging.Clear();
     }
+    if (!toStdout) PlaceStaged(staging, dest, placer);
     std::fflush(stdout);
     status = placer.Report(Settings().quiet);
   }
