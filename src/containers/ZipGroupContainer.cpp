@@ -81,8 +81,11 @@ std::string EntryName(VxZipEntry& entry) {
 }
 
 bool IsDirectoryEntry(VxZipEntry& entry) {
+  return entry.IsDirectory() || IsDirectoryEntry(entry, EntryName(entry));
+}
+
+bool IsDirectoryEntry(VxZipEntry& entry, const std::string& name) {
   if (entry.IsDirectory()) return true;
-  const std::string name = EntryName(entry);
   return !name.empty() && name.back() == kSep && entry.GetUncompressedSize() == 0;
 }
 

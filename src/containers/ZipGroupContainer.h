@@ -129,6 +129,8 @@ class ZipGroupContainer : public GroupContainer {
 // name ends in "\" and it holds no data, as bsdtar writes folders and every archive tool reads
 // them.
 bool IsDirectoryEntry(VxZipEntry& entry);
+// The same, for a caller that already holds the entry's name.
+bool IsDirectoryEntry(VxZipEntry& entry, const std::string& name);
 // The entry's name with "\" separators; empty for an empty handle.
 std::string EntryName(VxZipEntry& entry);
 
