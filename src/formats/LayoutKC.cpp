@@ -18,6 +18,17 @@ constexpr size_t kEntryName = 5;
 constexpr size_t kEntryDataLength = 13;  // right after the name field
 constexpr size_t kKDXExtraHeader = 2;
 
+// The fixed fields of the entry whose header `e` points at, `pos` bytes into the data section.
+KCEntryView DecodeEntry(const uint8_t* e, uint64_t pos, size_t dAt) {
+  KCEntryView v;
+  v.offset = static_cast<size_t>(kKCDataOffset + pos);
+  v.headerLength = ReadLE16(e);
+  v.type = KCReducedType(e[kEntryType]);
+  v.name = ReadNameField(e + kEntryName);
+  v.dataLength = ReadLE16(e + dAt);
+  return v;
+}
+
 // Walks entries in `bytes`, which start at file offset 55 and end where reads must stop.
 KCWalk WalkEntries(std::span<const unsigned char> bytes, uint32_t dataLength, bool kdx) {
   KCWalk walk;
@@ -31,13 +42,7 @@ KCWalk WalkEntries(std::span<const unsigned char> bytes, uint32_t dataLength, bo
       break;
     }
     const unsigned char* e = &bytes[pos];
-    KCEntryView v;
-    v.offset = kKCDataOffset + pos;
-    v.headerLength = ReadLE16(e);
-    v.type = KCReducedType(e[kEntryType]);
-    v.name = ReadNameField(e + kEntryName);
-    v.dataLength = ReadLE16(e + dAt);
-    walk.entries.push_back(v);
+    const KCEntryView& v = walk.entries.emplace_back(DecodeEntry(e, pos, dAt));
 
     // The step uses h to find d, so headers of other lengths are still walked.
     const size_t stepAt = pos + 2 + v.headerLength;
@@ -197,13 +202,7 @@ std::optional<KCWalk> WalkOpenFile(fs::File& source, uint64_t length, uint64_t a
       break;
     }
     if (!read(pos, e, dAt + 2)) return std::nullopt;
-    KCEntryView v;
-    v.offset = static_cast<size_t>(kKCDataOffset + pos);
-    v.headerLength = ReadLE16(e);
-    v.type = KCReducedType(e[kEntryType]);
-    v.name = ReadNameField(e + kEntryName);
-    v.dataLength = ReadLE16(e + dAt);
-    walk.entries.push_back(v);
+    const KCEntryView& v = walk.entries.emplace_back(DecodeEntry(e, pos, dAt));
     const uint64_t stepAt = pos + 2 + v.headerLength;
     if (stepAt + 2 > available) {
       walk.truncated = true;
