@@ -321,7 +321,14 @@ def resolve(progid: str) -> tuple[GUID, Module]:
     """The class and the module that serve a ProgID: the registry store first, then the
     module's own ProgIDs served by the default module."""
     store = read_registry(registry_path())
-    clsid_text = store.get(progid.lower() + "\\clsid")
+    # A version-independent ProgID without a CLSID of its own names its current version; a few
+    # hops at most, so a CurVer loop ends.
+    name, clsid_text = progid.lower(), None
+    for _ in range(4):
+        clsid_text = store.get(name + "\\clsid")
+        name = store.get(name + "\\curver", "").lower()
+        if clsid_text or not name:
+            break
     if clsid_text:
         try:
             clsid = GUID.parse(clsid_text)

@@ -77,10 +77,12 @@ def test_module_resolution(fm, tmp_path, monkeypatch):
     registry = tmp_path / "registry.reg"
 
     def register(path):
+        # Only the versioned ProgID names the class: the plain one is found through CurVer.
         clsid = "{41035C38-1441-4016-B34A-DBE6374ACCF2}"
         registry.write_text(
             "Windows Registry Editor Version 5.00\n\n"
-            f"[HKEY_CLASSES_ROOT\\QXGroupMgr.FileManager\\CLSID]\n@=\"{clsid}\"\n\n"
+            "[HKEY_CLASSES_ROOT\\QXGroupMgr.FileManager\\CurVer]\n@=\"QXGroupMgr.FileManager.1\"\n\n"
+            f"[HKEY_CLASSES_ROOT\\QXGroupMgr.FileManager.1\\CLSID]\n@=\"{clsid}\"\n\n"
             f"[HKEY_CLASSES_ROOT\\CLSID\\{clsid}\\InprocServer32]\n"
             f"@=\"{path.replace(chr(92), chr(92) * 2)}\"\n\"ThreadingModel\"=\"Apartment\"\n")
 

@@ -91,7 +91,7 @@ std::unique_ptr<VxZipEntry> VxZip::FirstEntry() {
     state_->Log("This Zip contains no entries");
     return nullptr;
   }
-  return std::make_unique<VxZipEntry>(state_, state_->records.front().serial);
+  return std::make_unique<VxZipEntry>(state_, state_->records.front().serial, state_->generation);
 }
 
 std::unique_ptr<VxZipEntry> VxZip::GetEntryByIndex(int index) {
@@ -104,7 +104,7 @@ std::unique_ptr<VxZipEntry> VxZip::GetEntryByIndex(int index) {
     state_->Log("No zip entry found at the given index");
     return nullptr;
   }
-  return std::make_unique<VxZipEntry>(state_, r->serial);
+  return std::make_unique<VxZipEntry>(state_, r->serial, state_->generation);
 }
 
 std::unique_ptr<VxZipEntry> VxZip::GetEntryByName(const char* name) {
@@ -112,16 +112,20 @@ std::unique_ptr<VxZipEntry> VxZip::GetEntryByName(const char* name) {
     state_->Log("null parameter");
     return nullptr;
   }
-  state_->IndexNames();
   std::string given(name, strnlen(name, 259));
   std::replace(given.begin(), given.end(), '\\', '/');
-  for (const auto* index : {&state_->byNormalName, &state_->byStoredName}) {
-    const std::string key = index == &state_->byNormalName ? zip::NormalNameOfGiven(given) : given;
-    const auto found = index->find(key);
-    if (found != index->end()) return std::make_unique<VxZipEntry>(state_, found->second.front());
-  }
+  if (const Record* r = state_->FindByName(given))
+    return std::make_unique<VxZipEntry>(state_, r->serial, state_->generation);
   state_->Log("File not found in zip archive");
   return nullptr;
+}
+
+void VxZip::VisitNamesFromLast(const std::function<bool(std::string_view name)>& visit) {
+  std::string name;
+  for (auto it = state_->records.rbegin(); it != state_->records.rend(); ++it) {
+    zip::DisplayNameInto(*it, name);
+    if (visit(name)) return;
+  }
 }
 
 std::unique_ptr<VxZipEntry> VxZip::AppendData(const char* name, const VxByteData& data) {
@@ -162,7 +166,7 @@ std::unique_ptr<VxZipEntry> VxZip::AppendData(const char* name, const VxByteData
   r.serial = zip::NewSerial();
   const uint64_t serial = r.serial;
   s.Add(std::move(r));
-  return std::make_unique<VxZipEntry>(state_, serial);
+  return std::make_unique<VxZipEntry>(state_, serial, state_->generation);
 }
 
 bool VxZip::DeleteEntry(VxZipEntry* entry) {
@@ -214,10 +218,10 @@ int VxZip::EntryCount() { return static_cast<int>(state_->records.size()); }
 namespace {
 
 // The record a handle stands for, or null (logging why when `action` names an action).
-Record* Resolve(const std::weak_ptr<ArchiveState>& weak, uint64_t serial,
+Record* Resolve(const std::weak_ptr<ArchiveState>& weak, uint64_t serial, uint64_t generation,
                 std::shared_ptr<ArchiveState>& state, bool action) {
   state = weak.lock();
-  Record* r = state != nullptr ? state->Find(serial) : nullptr;
+  Record* r = state != nullptr && state->generation == generation ? state->Find(serial) : nullptr;
   if (r == nullptr && action && state != nullptr) state->Log("Object not initialized");
   return r;
 }
@@ -226,15 +230,15 @@ Record* Resolve(const std::weak_ptr<ArchiveState>& weak, uint64_t serial,
 
 std::unique_ptr<VxZipEntry> VxZipEntry::NextEntry() {
   std::shared_ptr<ArchiveState> s;
-  if (Resolve(state_, serial_, s, true) == nullptr) return nullptr;
+  if (Resolve(state_, serial_, generation_, s, true) == nullptr) return nullptr;
   auto it = std::next(s->bySerial.at(serial_));
   if (it == s->records.end()) return nullptr;
-  return std::make_unique<VxZipEntry>(s, it->serial);
+  return std::make_unique<VxZipEntry>(s, it->serial, s->generation);
 }
 
 bool VxZipEntry::ExtractInto(const char* destFolder) {
   std::shared_ptr<ArchiveState> s;
-  Record* r = Resolve(state_, serial_, s, true);
+  Record* r = Resolve(state_, serial_, generation_, s, true);
   if (r == nullptr) return false;
   if (destFolder == nullptr) {
     s->Log("null parameter");
@@ -245,20 +249,20 @@ bool VxZipEntry::ExtractInto(const char* destFolder) {
 
 bool VxZipEntry::GetFileName(VxString& name) {
   std::shared_ptr<ArchiveState> s;
-  const Record* r = Resolve(state_, serial_, s, false);
+  const Record* r = Resolve(state_, serial_, generation_, s, false);
   name.Assign(r != nullptr ? zip::DisplayName(*r) : std::string());
   return r != nullptr;
 }
 
 uint32_t VxZipEntry::GetUncompressedSize() {
   std::shared_ptr<ArchiveState> s;
-  const Record* r = Resolve(state_, serial_, s, false);
+  const Record* r = Resolve(state_, serial_, generation_, s, false);
   return r != nullptr ? r->uncompressedSize : 0;
 }
 
 uint32_t VxZipEntry::GetCompressedSize() {
   std::shared_ptr<ArchiveState> s;
-  Record* r = Resolve(state_, serial_, s, false);
+  Record* r = Resolve(state_, serial_, generation_, s, false);
   if (r == nullptr) return 0;
   if (!r->fromArchive && !zip::PrepareAppended(*r)) return 0;
   return r->compressedSize;
@@ -266,7 +270,7 @@ uint32_t VxZipEntry::GetCompressedSize() {
 
 void VxZipEntry::SetCompressionMethod(int method) {
   std::shared_ptr<ArchiveState> s;
-  Record* r = Resolve(state_, serial_, s, true);
+  Record* r = Resolve(state_, serial_, generation_, s, true);
   // A member taken over from the archive keeps its bytes as they are.
   if (r == nullptr || r->fromArchive) return;
   const uint16_t wanted = method == 0 ? zip::kMethodStored : zip::kMethodDeflate;
@@ -278,13 +282,13 @@ void VxZipEntry::SetCompressionMethod(int method) {
 
 void VxZipEntry::GetFileTime(SYSTEMTIME& time) {
   std::shared_ptr<ArchiveState> s;
-  const Record* r = Resolve(state_, serial_, s, false);
+  const Record* r = Resolve(state_, serial_, generation_, s, false);
   time = r != nullptr ? timeutil::FromDosDateTime(r->dosDate, r->dosTime) : timeutil::LocalNow();
 }
 
 bool VxZipEntry::IsDirectory() {
   std::shared_ptr<ArchiveState> s;
-  const Record* r = Resolve(state_, serial_, s, false);
+  const Record* r = Resolve(state_, serial_, generation_, s, false);
   return r != nullptr && zip::IsFolderRecord(*r);
 }
 

@@ -14,8 +14,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "archive/VxString.h"
@@ -72,8 +74,8 @@ struct ZipWriteResult {
 // actions fail. Deleting a handle never touches the archive; it may outlive the archive.
 class VxZipEntry {
  public:
-  VxZipEntry(std::weak_ptr<zip::ArchiveState> state, uint64_t serial)
-      : state_(std::move(state)), serial_(serial) {}
+  VxZipEntry(std::weak_ptr<zip::ArchiveState> state, uint64_t serial, uint64_t generation)
+      : state_(std::move(state)), serial_(serial), generation_(generation) {}
 
   // The following entry, or null after the last.
   std::unique_ptr<VxZipEntry> NextEntry();
@@ -97,6 +99,7 @@ class VxZipEntry {
  private:
   std::weak_ptr<zip::ArchiveState> state_;
   uint64_t serial_;
+  uint64_t generation_;  // the list's generation when the handle was made
 };
 
 class VxZip {
@@ -122,6 +125,9 @@ class VxZip {
   std::unique_ptr<VxZipEntry> GetEntryByIndex(int index);
   // "\" and "/" are the same; the comparison is exact otherwise. The first match wins.
   std::unique_ptr<VxZipEntry> GetEntryByName(const char* name);
+  // Gives each entry's name as GetFileName gives it, from the last entry to the first, until
+  // `visit` returns true: for look-ups too few to pay for an index.
+  void VisitNamesFromLast(const std::function<bool(std::string_view name)>& visit);
   // Adds a deflated entry at the end (never replacing one of the same name).
   std::unique_ptr<VxZipEntry> AppendData(const char* name, const VxByteData& data);
   // False only for a null handle; an entry already gone changes nothing.

@@ -4,6 +4,8 @@
 #include <mutex>
 #include <new>
 
+#include "platform/ProcessState.h"
+
 namespace qx::xml {
 
 namespace {
@@ -41,14 +43,15 @@ constexpr size_t kPoolLimit = 1024;  // 64 MB
 struct BlockPool {
   std::mutex lock;
   std::vector<char*> blocks;
+  ~BlockPool() {
+    for (char* b : blocks) delete[] b;
+  }
 };
 
-// Never destroyed: documents held by static objects may be freed after any static
-// destructor has run. ReleasePooledBlocks empties it.
-BlockPool& Pool() {
-  static BlockPool* pool = new BlockPool;
-  return *pool;
-}
+// Freed by ReleasePooledBlocks; documents held by static objects may still come and go later.
+ProcessState<BlockPool> gPool;
+
+BlockPool& Pool() { return gPool.Get(); }
 
 char* TakeBlock() {
   BlockPool& pool = Pool();
@@ -76,13 +79,7 @@ void GiveBlock(char* block) {
 }
 }  // namespace
 
-void ReleasePooledBlocks() {
-  BlockPool& pool = Pool();
-  std::lock_guard<std::mutex> guard(pool.lock);
-  for (char* b : pool.blocks) delete[] b;
-  pool.blocks.clear();
-  pool.blocks.shrink_to_fit();
-}
+void ReleasePooledBlocks() { gPool.Release(); }
 
 Arena::~Arena() {
   for (const Block& b : blocks_) {

@@ -14,6 +14,10 @@ namespace {
 // that took its entry's place.
 std::atomic<uint64_t> g_nextSerial{1};
 
+// A walk costs about a twentieth of building the index, so a few walks before it keep every
+// sequence of look-ups linear and the short ones cheap.
+constexpr int kWalksBeforeIndex = 4;
+
 }  // namespace
 
 uint64_t NewSerial() { return g_nextSerial.fetch_add(1, std::memory_order_relaxed); }
@@ -74,11 +78,30 @@ void ArchiveState::Drop() {
   byNormalName.clear();
   byStoredName.clear();
   namesIndexed = false;
+  nameWalks = 0;
   slots.clear();
   liveTree.clear();
   comment.clear();
   file.Close();
   hasList = false;
+}
+
+void ArchiveState::Reserve(size_t n) {
+  bySerial.reserve(n);
+  slots.reserve(n);
+  liveTree.reserve(n);
+}
+
+void ArchiveState::CompactSlots() {
+  slots.clear();
+  liveTree.clear();
+  for (auto it = records.begin(); it != records.end(); ++it) {
+    it->slot = slots.size();
+    slots.push_back(it);
+    // Every slot is live: node i covers (i - lowbit(i), i].
+    const size_t i = slots.size();
+    liveTree.push_back(static_cast<uint32_t>(i & (~i + 1)));
+  }
 }
 
 void ArchiveState::IndexNames() {
@@ -90,6 +113,24 @@ void ArchiveState::IndexNames() {
     byStoredName[r.name].push_back(r.serial);
   }
   namesIndexed = true;
+}
+
+Record* ArchiveState::FindByName(const std::string& given) {
+  const std::string normal = NormalNameOfGiven(given);
+  if (!namesIndexed && nameWalks < kWalksBeforeIndex) {
+    ++nameWalks;
+    for (Record& r : records)
+      if (NormalNameIs(r, normal)) return &r;
+    for (Record& r : records)
+      if (r.name == given) return &r;
+    return nullptr;
+  }
+  IndexNames();
+  for (const auto* index : {&byNormalName, &byStoredName}) {
+    const auto found = index->find(index == &byNormalName ? normal : given);
+    if (found != index->end()) return Find(found->second.front());
+  }
+  return nullptr;
 }
 
 Record* ArchiveState::AtIndex(size_t index) {

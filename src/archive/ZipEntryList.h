@@ -33,6 +33,10 @@ struct ArchiveState {
   using NameIndex = std::unordered_map<std::string, std::vector<uint64_t>>;
   NameIndex byNormalName, byStoredName;
   bool namesIndexed = false;
+  int nameWalks = 0;  // look-ups answered by walking the list since it was made
+  // Raised when the list comes to stand for a new file (a write), so handles made before go
+  // empty although the records keep their serials.
+  uint64_t generation = 0;
   // Position lookups that survive deletions: every record added since the list was made
   // keeps a slot (in list order), and a Fenwick tree over the slots counts the live ones, so
   // the n-th entry is found in O(log n) however entries were deleted in between.
@@ -48,8 +52,16 @@ struct ArchiveState {
   void Add(Record record);
   void Remove(uint64_t serial);
   void Drop();
+  // Room for n records, so reading a large archive does not grow the look-ups step by step.
+  void Reserve(size_t n);
+  // Forgets the slots of removed records (positions are then the list's own again).
+  void CompactSlots();
   // Builds the name lookups when they are not there yet.
   void IndexNames();
+  // The first record named `given` ("/" separators, ANSI): by normalised name first, then by
+  // stored name. The first few look-ups walk the list (adding one file to a large archive needs
+  // two or three, far cheaper than an index); later ones build the index and use it.
+  Record* FindByName(const std::string& given);
   // The record at a 0-based position in list order, or null.
   Record* AtIndex(size_t index);
 };

@@ -36,12 +36,11 @@ void ParseCentral(const unsigned char* p, CentralHeader& h) {
   h.localOffset = ReadLE32(p + 42);
 }
 
-namespace {
-
-// A record without data is stored, whatever method it was given.
 uint16_t WrittenMethod(const Record& r) {
   return r.compressedSize == 0 && r.uncompressedSize == 0 ? kMethodStored : r.method;
 }
+
+namespace {
 
 void Append(std::vector<unsigned char>& out, const std::string& bytes) {
   out.insert(out.end(), bytes.begin(), bytes.end());
@@ -49,8 +48,10 @@ void Append(std::vector<unsigned char>& out, const std::string& bytes) {
 
 }  // namespace
 
-std::vector<unsigned char> LocalHeaderBytes(const Record& r) {
-  std::vector<unsigned char> b(kLocalSize);
+void AppendLocalHeader(const Record& r, std::vector<unsigned char>& out) {
+  const size_t at = out.size();
+  out.resize(at + kLocalSize);
+  unsigned char* b = out.data() + at;
   WriteLE32(&b[0], kLocalSig);
   WriteLE16(&b[4], kVersion);
   WriteLE16(&b[6], r.flags);
@@ -62,12 +63,13 @@ std::vector<unsigned char> LocalHeaderBytes(const Record& r) {
   WriteLE32(&b[22], r.uncompressedSize);
   WriteLE16(&b[26], static_cast<uint16_t>(r.name.size()));
   WriteLE16(&b[28], 0);
-  Append(b, r.name);
-  return b;
+  Append(out, r.name);
 }
 
-std::vector<unsigned char> CentralHeaderBytes(const Record& r, uint32_t localOffset) {
-  std::vector<unsigned char> b(kCentralSize);
+void AppendCentralHeader(const Record& r, uint32_t localOffset, std::vector<unsigned char>& out) {
+  const size_t at = out.size();
+  out.resize(at + kCentralSize);
+  unsigned char* b = out.data() + at;
   WriteLE32(&b[0], kCentralSig);
   WriteLE16(&b[4], r.madeBy);
   WriteLE16(&b[6], kVersion);
@@ -85,9 +87,8 @@ std::vector<unsigned char> CentralHeaderBytes(const Record& r, uint32_t localOff
   WriteLE16(&b[36], r.internalAttributes);
   WriteLE32(&b[38], r.externalAttributes);
   WriteLE32(&b[42], localOffset);
-  Append(b, r.name);
-  Append(b, r.comment);
-  return b;
+  Append(out, r.name);
+  Append(out, r.comment);
 }
 
 std::vector<unsigned char> EndRecordBytes(uint32_t count, uint32_t directorySize,
@@ -139,9 +140,25 @@ std::string AnsiOfStored(const Record& r) {
 }  // namespace
 
 std::string DisplayName(const Record& r) {
-  std::string name = AnsiOfStored(r);
-  std::replace(name.begin(), name.end(), '/', '\\');
+  std::string name;
+  DisplayNameInto(r, name);
   return name;
+}
+
+void DisplayNameInto(const Record& r, std::string& out) {
+  if ((r.flags & kFlagUtf8) == 0 && !HasHighBytes(r.name))
+    out.assign(r.name);  // reuses out's storage: no allocation per entry in a walk
+  else
+    out = AnsiOfStored(r);
+  std::replace(out.begin(), out.end(), '/', '\\');
+}
+
+bool NormalNameIs(const Record& r, const std::string& normal) {
+  if ((r.flags & kFlagUtf8) == 0 && HasHighBytes(r.name)) return NormalNameOfStored(r) == normal;
+  if (r.name.size() != normal.size()) return false;
+  for (size_t i = 0; i < normal.size(); ++i)
+    if ((r.name[i] == '\\' ? '/' : r.name[i]) != normal[i]) return false;
+  return true;
 }
 
 std::string NormalNameOfStored(const Record& r) {

@@ -79,9 +79,12 @@ inline bool IsFolderRecord(const Record& r) {
   return r.fromArchive && (r.externalAttributes & kAttrFolder) != 0;
 }
 
-// The header bytes of a record about to be written.
-std::vector<unsigned char> LocalHeaderBytes(const Record& r);
-std::vector<unsigned char> CentralHeaderBytes(const Record& r, uint32_t localOffset);
+// The header bytes of a record about to be written, appended to `out` (one buffer serves every
+// header of a write).
+void AppendLocalHeader(const Record& r, std::vector<unsigned char>& out);
+void AppendCentralHeader(const Record& r, uint32_t localOffset, std::vector<unsigned char>& out);
+// The method a record is written with: one without data is stored, whatever it was given.
+uint16_t WrittenMethod(const Record& r);
 std::vector<unsigned char> EndRecordBytes(uint32_t count, uint32_t directorySize,
                                           uint32_t directoryOffset, const std::string& comment);
 
@@ -91,8 +94,12 @@ bool LooksLikeText(const unsigned char* data, size_t size);
 
 // The name as a caller sees it: ANSI, "\" separators.
 std::string DisplayName(const Record& r);
+// The same into `out`, reusing its storage.
+void DisplayNameInto(const Record& r, std::string& out);
 // The key under which names compare after normalising: UTF-8 text with "/" separators.
 std::string NormalNameOfStored(const Record& r);
 std::string NormalNameOfGiven(const std::string& ansi);
+// NormalNameOfStored(r) == normal, without making the string where the name needs no conversion.
+bool NormalNameIs(const Record& r, const std::string& normal);
 
 }  // namespace qx::zip

@@ -245,6 +245,7 @@ class ArchiveReader {
     uint32_t sig = 0;
     unsigned char fixed[kCentralSize];
     const char* const kMismatch = "Central directory does not match the local headers";
+    s_.Reserve(locals.size());
     while (SigAt(pos, sig) && sig == kCentralSig) {
       const size_t index = paired;
       CentralHeader c;
@@ -355,14 +356,30 @@ bool OpenArchive(ArchiveState& s) {
 }
 
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink) {
+  std::vector<unsigned char> buffer;
+  return CopyStoredBytes(s, r, sink, buffer);
+}
+
+bool AppendStoredBytes(ArchiveState& s, const Record& r, std::vector<unsigned char>& out) {
+  if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
+  const size_t at = out.size();
+  out.resize(at + r.compressedSize);
+  if (s.file.Read(out.data() + at, r.compressedSize) == r.compressedSize) return true;
+  out.resize(at);
+  return false;
+}
+
+bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink,
+                     std::vector<unsigned char>& buffer) {
   if (!s.file.IsOpen() || !s.file.Seek(r.dataOffset)) return false;
   // No larger than the member: zeroing a whole chunk per small member dominated rewrites.
   const uint64_t chunk = g_testReadSize != 0 ? g_testReadSize : kChunk;
-  std::vector<unsigned char> buf(static_cast<size_t>(std::min<uint64_t>(chunk, r.compressedSize)));
+  const size_t piece = static_cast<size_t>(std::min<uint64_t>(chunk, r.compressedSize));
+  if (buffer.size() < piece) buffer.resize(piece);
   uint64_t left = r.compressedSize;
   while (left > 0) {
-    const size_t n = static_cast<size_t>(std::min<uint64_t>(left, buf.size()));
-    if (s.file.Read(buf.data(), n) != n || !sink(buf.data(), n)) return false;
+    const size_t n = static_cast<size_t>(std::min<uint64_t>(left, piece));
+    if (s.file.Read(buffer.data(), n) != n || !sink(buffer.data(), n)) return false;
     left -= n;
   }
   return true;

@@ -4,6 +4,7 @@
 
 #include <cstddef>
 #include <functional>
+#include <vector>
 
 #include "archive/ZipEntryList.h"
 
@@ -24,5 +25,11 @@ using Sink = std::function<bool(const unsigned char*, size_t)>;
 // Streams a record's compressed bytes, as they stand in the archive file, to the sink; false
 // when the file cannot give them or the sink refused.
 bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink);
+// The same through the caller's buffer, so copying many small members allocates once.
+bool CopyStoredBytes(ArchiveState& s, const Record& r, const Sink& sink,
+                     std::vector<unsigned char>& buffer);
+// Appends a record's compressed bytes to `out` in one read (for small members: the whole
+// member is held in memory).
+bool AppendStoredBytes(ArchiveState& s, const Record& r, std::vector<unsigned char>& out);
 
 }  // namespace qx::zip

@@ -69,6 +69,36 @@ std::string LeftOutMessage(const std::vector<ZipWriteResult::LeftOut>& leftOut) 
   return text;
 }
 
+// After the rename: the list becomes what reading the new file would give (the records just
+// written, in order, each as read from the file), without reading 10,000 headers back.
+bool AdoptWritten(ArchiveState& s, const std::vector<std::pair<Record*, uint32_t>>& written) {
+  s.file = fs::File::OpenRead(s.path);
+  if (!s.file.IsOpen()) {
+    s.Drop();
+    s.Fail("zip-open", "Failed to open Zip file");
+    return false;
+  }
+  auto next = written.begin();
+  for (auto it = s.records.begin(); it != s.records.end();) {
+    Record& r = *it++;
+    if (next == written.end() || &r != next->first) {
+      s.Remove(r.serial);  // left out of the file
+      continue;
+    }
+    r.method = WrittenMethod(r);
+    r.fromArchive = true;
+    r.dataOffset = uint64_t{next->second} + kLocalSize + r.name.size();
+    r.data.reset();
+    r.deflated = {};
+    r.deflatedValid = false;
+    ++next;
+  }
+  s.CompactSlots();
+  s.nameWalks = 0;
+  ++s.generation;
+  return true;
+}
+
 }  // namespace
 
 bool PrepareAppended(Record& r) {
@@ -107,23 +137,30 @@ ZipWriteResult WriteArchive(ArchiveState& s) {
     return true;
   };
   ZipWriteResult result;
-  std::vector<std::pair<const Record*, uint32_t>> written;
+  std::vector<std::pair<Record*, uint32_t>> written;
   written.reserve(s.records.size());
+  std::vector<unsigned char> header, copyBuffer;
+  const Sink copyOut = [&](const unsigned char* p, size_t n) { return put(p, n); };
   size_t index = 0;
   for (Record& r : s.records) {
     const uint64_t start = offset;
     const char* reason = nullptr;
     if (!r.fromArchive && !PrepareAppended(r)) reason = "cannot be compressed";
     if (reason == nullptr) {
-      const std::vector<unsigned char> header = LocalHeaderBytes(r);
+      header.clear();
+      AppendLocalHeader(r, header);
       // A record that would pass the format's 4 GB offsets is left out before any of it is
       // written, so no partial record stays behind in the file.
       if (offset + header.size() + r.compressedSize > kSizeLimit)
         reason = "the archive would pass the format's 4 GB limit";
+      else if (r.fromArchive && r.compressedSize <= kChunk)  // header and data in one write
+        reason = !AppendStoredBytes(s, r, header)       ? "its data cannot be read from the archive"
+                 : !put(header.data(), header.size()) ? "cannot be written"
+                                                      : nullptr;
       else if (!put(header.data(), header.size()))
         reason = "cannot be written";
       else if (r.fromArchive
-                   ? !CopyStoredBytes(s, r, [&](const unsigned char* p, size_t n) { return put(p, n); })
+                   ? !CopyStoredBytes(s, r, copyOut, copyBuffer)
                    : !put(r.method == kMethodStored ? r.data->data() : r.deflated.data(),
                           r.method == kMethodStored ? r.data->size() : r.deflated.size()))
         reason = r.fromArchive && !ioFailed ? "its data cannot be read from the archive"
@@ -144,23 +181,25 @@ ZipWriteResult WriteArchive(ArchiveState& s) {
     if (ioFailed) break;
     ++index;
   }
+  // The directory goes out in one piece.
   const uint64_t directoryOffset = offset;
-  for (const auto& [r, at] : written) {
-    const std::vector<unsigned char> header = CentralHeaderBytes(*r, at);
-    if (!put(header.data(), header.size())) break;
-  }
+  header.clear();
+  for (const auto& [r, at] : written) AppendCentralHeader(*r, at, header);
+  const bool directoryFits = header.size() <= kSizeLimit - offset;
+  if (directoryFits) put(header.data(), header.size());
   const std::vector<unsigned char> end = EndRecordBytes(
       static_cast<uint32_t>(written.size()), static_cast<uint32_t>(offset - directoryOffset),
       static_cast<uint32_t>(directoryOffset), s.comment);
-  if (ioFailed || written.size() > 0xFFFF || !put(end.data(), end.size())) {
+  if (ioFailed || !directoryFits || written.size() > 0xFFFF || !put(end.data(), end.size())) {
     // The temporary file goes; the list and the old archive stay.
     return Untouched(s,
                      written.size() > 0xFFFF || !ioFailed ? "Zip file would exceed the format's limits"
                                                           : "Cannot write temporary file",
                      "at offset " + std::to_string(offset));
   }
-  s.Drop();
+  s.file.Close();
   if (!tmp.Keep()) {
+    s.Drop();
     ZipWriteResult moved = Untouched(s, "Failed to move Zip file");
     moved.message += "; the entry list is gone and the archive must be opened again";
     return moved;
@@ -168,7 +207,7 @@ ZipWriteResult WriteArchive(ArchiveState& s) {
   result.outcome = result.leftOut.empty() ? ZipWriteResult::Outcome::Written
                                           : ZipWriteResult::Outcome::WrittenLeavingOut;
   if (!result.leftOut.empty()) result.message = LeftOutMessage(result.leftOut);
-  result.reopened = OpenArchive(s);
+  result.reopened = AdoptWritten(s, written);
   if (!result.reopened) {
     const std::string why = s.log.empty() ? std::string() : s.log.back();
     result.message += std::string(result.message.empty() ? "" : "; ") +

@@ -1,10 +1,13 @@
 #include "containers/ContainerFactory.h"
 
+#include <mutex>
+
 #include "containers/OldGroupContainerKC.h"
 #include "containers/OldGroupContainerMA.h"
 #include "containers/ZipGroupContainer.h"
 #include "formats/DeviceFamily.h"
 #include "platform/Diagnostic.h"
+#include "platform/ReuseScope.h"
 #include "platform/codepage.h"
 #include "platform/fs.h"
 #include "platform/path.h"
@@ -45,10 +48,11 @@ ContainerKind ContainerKindForCreate(std::string_view groupPath,
 }
 
 std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std::string& path,
-                                                   ContainerFactory* factory) {
+                                                   ContainerFactory* factory,
+                                                   const std::string& signature) {
   switch (kind) {
-    case ContainerKind::OldKC: return std::make_unique<OldGroupContainerKC>(path, factory);
-    case ContainerKind::OldMA: return std::make_unique<OldGroupContainerMA>(path, factory);
+    case ContainerKind::OldKC: return std::make_unique<OldGroupContainerKC>(path, factory, signature);
+    case ContainerKind::OldMA: return std::make_unique<OldGroupContainerMA>(path, factory, signature);
     case ContainerKind::Zip: return std::make_unique<ZipGroupContainer>(path, factory);
     case ContainerKind::None:
       return nullptr;
@@ -83,19 +87,59 @@ std::string WhyNotAGroup(const std::string& path, const std::string& sig, Contai
 
 }  // namespace
 
+namespace {
+
+// The old-style group last found valid while ReuseScopes live: the calls of one run that take
+// its members out one at a time read its signature and header once, while its stamp holds.
+struct KnownGroup {
+  std::mutex lock;
+  uint64_t run = 0;
+  std::string path;
+  fs::FileStamp stamp;
+  std::string sig;
+  ContainerKind kind = ContainerKind::None;
+};
+
+KnownGroup& Known() {
+  static KnownGroup known;
+  return known;
+}
+
+}  // namespace
+
 std::unique_ptr<GroupContainer> ContainerFactory::CreateContainer(const std::string& path) {
+  const uint64_t run = ReuseScope::Current();
+  fs::FileStamp stamp;
+  const bool reusable = run != 0 && fs::StampOf(path, stamp);
+  KnownGroup& known = Known();
+  if (reusable) {
+    std::lock_guard<std::mutex> guard(known.lock);
+    if (known.run == run && known.path == path && known.stamp == stamp)
+      return ConstructContainer(known.kind, path, this, known.sig);
+  }
   const std::string sig = DetectFileSignature(path);
   const ContainerKind kind = ContainerKindForSignature(sig);
-  std::unique_ptr<GroupContainer> container = ConstructContainer(kind, path, this);
+  std::unique_ptr<GroupContainer> container = ConstructContainer(kind, path, this, sig);
   const bool constructed = container != nullptr;
   if (container != nullptr) {
     // IsValid is a question: what it notes on the way is not the reason given below.
     diag::DiagnosticScope probe;
     if (container->IsValid() == 0) container.reset();
   }
-  if (container == nullptr)
+  if (container == nullptr) {
     diag::Record("not-a-group", path,
                  "not a group file (" + WhyNotAGroup(path, sig, kind, constructed) + ")");
+    return container;
+  }
+  fs::FileStamp after;
+  if (reusable && kind != ContainerKind::Zip && fs::StampOf(path, after) && after == stamp) {
+    std::lock_guard<std::mutex> guard(known.lock);
+    known.run = run;
+    known.path = path;
+    known.stamp = stamp;
+    known.sig = sig;
+    known.kind = kind;
+  }
   return container;
 }
 

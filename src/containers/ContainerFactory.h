@@ -41,8 +41,10 @@ ContainerKind ContainerKindForCreate(std::string_view groupPath, std::string_vie
 
 // Constructs a container of that kind for the path (without asking IsValid). Null for None and
 // for a kind whose class is not part of this build.
+// `signature`: the file's, when the caller has read it (old-style containers then do not again).
 std::unique_ptr<GroupContainer> ConstructContainer(ContainerKind kind, const std::string& path,
-                                                   ContainerFactory* factory);
+                                                   ContainerFactory* factory,
+                                                   const std::string& signature = {});
 
 // Makes containers for group files. FileManager and QXPackageInfo derive from it; containers keep
 // a pointer to their factory to open groups stored inside them.

@@ -31,8 +31,10 @@ std::string FamilyName(std::string_view signature) {
 
 }  // namespace
 
-OldGroupContainer::OldGroupContainer(std::string path, ContainerFactory* factory)
-    : GroupContainer(std::move(path), factory), family_(DetectFileSignature(path_)) {}
+OldGroupContainer::OldGroupContainer(std::string path, ContainerFactory* factory,
+                                     std::string family)
+    : GroupContainer(std::move(path), factory),
+      family_(family.empty() ? DetectFileSignature(path_) : std::move(family)) {}
 
 int32_t OldGroupContainer::SetPath(const std::string& path) {
   path_ = path;
@@ -295,7 +297,8 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
     // refused with the question before its table is read: read with this group's layout its
     // header may name no variable, and the refusal must not depend on bytes that mean
     // something else there.
-    const std::string fileFamily = DetectFileSignature(file);
+    fs::File opened;  // read once: its family first, then what it holds
+    const std::string fileFamily = DetectFileSignature(file, opened);
     if (fileFamily != kSigUnknown && fileFamily != family_ &&
         !AreFamiliesCompatible(fileFamily, family_)) {
       RecordRefusal(file, fileFamily);
@@ -303,7 +306,7 @@ int32_t OldGroupContainer::AddLocked(const StringList& files, const std::string&
       result = 0;
       break;
     }
-    result = EditAddFile(file, destFolder, state, prompt, context);
+    result = EditAddFile(file, fileFamily, opened, destFolder, state, prompt, context);
     if (result == 0) break;
   }
   // What was added before a failure stays added: one write for the whole call.

@@ -2,10 +2,12 @@
 // member lookups built on a listing, creating a group, and the adding loop with its prompt
 // state and the checks made before a file goes in.
 //
-// A change (add, delete, create) holds the group's write lock for the whole call, reads the group
-// once into the class's in-memory model, applies every file or name of the call there and writes
-// the result once, through a temporary file beside the group that is renamed over it. A call that fails before anything changed leaves the group as
-// it was; files added before a refused one stay added, as they would after one write per file.
+// A change (add, delete, create) holds the group's write lock for the whole call, reads the
+// group's header and table once into the class's model (the members' bytes stay in the file),
+// applies every file or name of the call there and writes the result once, copying the members
+// across in chunks to a temporary file beside the group that is renamed over it. A call that
+// fails before anything changed leaves the group as it was; files added before a refused one
+// stay added, as they would after one write per file.
 #pragma once
 
 #include <cstdint>
@@ -30,7 +32,8 @@ using codepage::ToLower1252;
 
 class OldGroupContainer : public GroupContainer {
  public:
-  OldGroupContainer(std::string path, ContainerFactory* factory);
+  // `family`: the file's signature when the caller has read it already (else it is read here).
+  OldGroupContainer(std::string path, ContainerFactory* factory, std::string family = {});
 
   int32_t SetPath(const std::string& path) override;
   int32_t AddMembers(const StringList& files, const std::string& destFolder,
@@ -54,8 +57,10 @@ class OldGroupContainer : public GroupContainer {
   // The members as the cursor meets them: what one walk of the group's table gives, kept so
   // that every member of a call is reached by its place without walking again.
   struct Listing {
-    std::vector<unsigned char> file;  // the bytes the walk read (KC: the file; MA: unused)
     uint64_t fileSize = 0;            // the group file's size when it was read
+    // The group file the listing was read from, kept open: members are read from it at their
+    // offsets (File::ReadAt), by every call the listing serves.
+    std::shared_ptr<const fs::File> file;
     size_t count = 0;                 // members the cursor reaches
     StringList names;                 // names of the first members, in order
     std::vector<uint32_t> sizes;      // their sizes, as the contents listing reports them
@@ -72,8 +77,9 @@ class OldGroupContainer : public GroupContainer {
   std::shared_ptr<const Listing> ReadListing();
   // Reads what the listing needs and lists it; false when the file cannot be read.
   virtual bool LoadListing(Listing& out) = 0;
-  // Writes the index-th member as a single-variable file; false with a diagnostic when the
-  // member's bytes cannot be read, and then no file is left at `outPath`.
+  // Writes the index-th member as a single-variable file, reading its bytes from the listing's
+  // file; false with a diagnostic when they cannot be read, and then no file is left at
+  // `outPath`.
   virtual bool WriteMember(const Listing& listing, size_t index, const std::string& outPath) = 0;
   // The bytes of a new empty group of the family, with the comment given.
   virtual std::vector<unsigned char> NewGroupBytes(const std::string& comment) const = 0;
@@ -89,9 +95,11 @@ class OldGroupContainer : public GroupContainer {
   virtual bool EditDelete(const StringList& names) = 0;
   // Deletes the member `name` that an added file replaces; EditDelete({name}) by default.
   virtual bool EditReplace(const std::string& name) { return EditDelete({name}); }
-  // Runs the checks for one file and inserts what it holds; the per-file result.
-  virtual int32_t EditAddFile(const std::string& file, const std::string& destFolder,
-                              int32_t& state, AddPromptFn prompt, void* context) = 0;
+  // Runs the checks for one file of family `fileFamily` and inserts what it holds; the
+  // per-file result. `opened` is the file, open at its start (not open when it cannot be read).
+  virtual int32_t EditAddFile(const std::string& file, const std::string& fileFamily,
+                              fs::File& opened, const std::string& destFolder, int32_t& state,
+                              AddPromptFn prompt, void* context) = 0;
   // The model's bytes; false when they would not fit the layout's fields.
   virtual bool SerializeEdit(std::vector<unsigned char>& out) const = 0;
   // Writes the model in place of the group (SerializeEdit, then CommitBytes); false with a

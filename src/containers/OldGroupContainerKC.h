@@ -4,6 +4,8 @@
 
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "containers/OldGroupContainer.h"
 #include "formats/LayoutKC.h"
@@ -12,7 +14,7 @@ namespace qx {
 
 class OldGroupContainerKC final : public OldGroupContainer {
  public:
-  OldGroupContainerKC(std::string path, ContainerFactory* factory);
+  OldGroupContainerKC(std::string path, ContainerFactory* factory, std::string family = {});
 
   int32_t IsValid() override;
 
@@ -25,15 +27,30 @@ class OldGroupContainerKC final : public OldGroupContainer {
   int32_t EditMemberCount() const override;
   bool EditContains(const std::string& name) const override;
   bool EditDelete(const StringList& names) override;
-  int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
-                      AddPromptFn prompt, void* context) override;
+  int32_t EditAddFile(const std::string& file, const std::string& fileFamily, fs::File& opened,
+                      const std::string& destFolder, int32_t& state, AddPromptFn prompt,
+                      void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
 
-  void IndexModel();
+  bool EditReplace(const std::string& name) override;
+  bool CommitEdit() override;
+
+  // Indexes the model from its walk; false when a section its entries do not fill cannot be
+  // read into memory.
+  bool IndexModel(const KCWalk& walk);
+  // Marks every entry of one name of where_ as deleted.
+  void MarkName(std::unordered_map<std::string, std::vector<std::pair<size_t, size_t>>>::iterator at);
 
   KCGroup edit_;
+  fs::File source_;  // the group file the model's section is left in
   // Lower-case member names of the model, so that duplicate checks stay cheap.
   std::unordered_map<std::string, size_t> names_;
+  // While the section's entries fill it exactly (whole_), where each name's entries stand in it
+  // (offset, size) and how many entries are left: a replacement marks the old entries instead of
+  // rewriting the section and walking it again.
+  bool whole_ = false;
+  size_t live_ = 0;
+  std::unordered_map<std::string, std::vector<std::pair<size_t, size_t>>> where_;
 };
 
 }  // namespace qx

@@ -27,8 +27,9 @@ std::string_view FieldBytes(const NameField& field) {
 
 }  // namespace
 
-OldGroupContainerMA::OldGroupContainerMA(std::string path, ContainerFactory* factory)
-    : OldGroupContainer(std::move(path), factory), translator_(DeviceNameTranslator::Create()) {}
+OldGroupContainerMA::OldGroupContainerMA(std::string path, ContainerFactory* factory,
+                                         std::string family)
+    : OldGroupContainer(std::move(path), factory, std::move(family)) {}
 
 OldGroupContainerMA::~OldGroupContainerMA() = default;
 
@@ -45,6 +46,11 @@ int32_t OldGroupContainerMA::IsValid() {
 bool OldGroupContainerMA::MemberName(const NameField& folder, const MAEntryFields& fields,
                                      std::string_view family, std::string& out) const {
   std::string translated;
+  // Made when a name is first read: a call served by a kept listing reads none.
+  if (!translatorMade_) {
+    translator_ = DeviceNameTranslator::Create();
+    translatorMade_ = true;
+  }
   if (translator_ == nullptr || !translator_->Translate(FieldBytes(fields.name), translated))
     return false;
   out = MemberFileNameMA(NameFieldText(folder), translated, fields.type, family);
@@ -85,6 +91,7 @@ bool OldGroupContainerMA::LoadListing(Listing& out) {
     out.sizes.push_back(m.BlockLength());
   }
   out.ma = std::move(walk.members);
+  out.file = std::make_shared<const fs::File>(std::move(f));
   return true;
 }
 
@@ -97,8 +104,7 @@ bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
     RecordUnreadableMember(listing, index, std::string());
     return false;
   }
-  fs::File in = fs::File::OpenRead(path_);
-  if (!in.IsOpen()) {
+  if (!listing.file || !listing.file->IsOpen()) {
     diag::Record("cannot-read", path_, "cannot be read");
     return false;
   }
@@ -107,7 +113,7 @@ bool OldGroupContainerMA::WriteMember(const Listing& listing, size_t index,
   fs::File out = fs::File::CreateWrite(outPath);
   if (!out.IsOpen()) return false;
   const fs::CopyEnd end = out.Write(header.data(), header.size())
-                              ? fs::CopyRange(in, m.dataOffset, m.BlockLength(), out)
+                              ? fs::CopyRangeAt(*listing.file, m.dataOffset, m.BlockLength(), out)
                               : fs::CopyEnd::kWriteFailed;
   if (end == fs::CopyEnd::kDone && out.Close()) return true;
   DiscardPartial(out, outPath);
@@ -147,11 +153,7 @@ bool OldGroupContainerMA::BeginEdit() {
       diag::Record("cannot-read", path_, "cannot be read");
       return false;
     }
-    const MAGroup::ReadFn readAt = [this](uint64_t at, size_t n, std::vector<unsigned char>& into) {
-      into.resize(n);
-      return source_.Seek(at) && source_.Read(into.data(), n) == n;
-    };
-    parsed = MAGroup::ParseTable(head, size, readAt, edit_);
+    parsed = MAGroup::ParseTable(head, size, edit_);
   }
   if (!parsed) {
     RecordLayoutFailure(parsed, path_);
@@ -316,14 +318,14 @@ bool OldGroupContainerMA::EditDelete(const StringList& names) {
   return true;
 }
 
-int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::string& destFolder,
+int32_t OldGroupContainerMA::EditAddFile(const std::string& file, const std::string& fileFamily,
+                                         fs::File& opened, const std::string& destFolder,
                                          int32_t& state, AddPromptFn prompt, void* context) {
   std::vector<unsigned char> bytes;
-  if (!fs::ReadWholeFile(file, bytes)) {
+  if (!fs::ReadWholeFile(opened, bytes)) {
     diag::Record("cannot-read", file, "cannot be read");
     return 0;
   }
-  const std::string fileFamily = DetectFileSignature(file);
   const MAWalk walk = WalkMAGroup(bytes);
   if (walk.members.empty()) {
     if (fileFamily == kSigUnknown) RecordRefusal(file, fileFamily);

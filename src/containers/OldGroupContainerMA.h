@@ -15,7 +15,7 @@ namespace qx {
 class OldGroupContainerMA final : public OldGroupContainer {
  public:
   // Activates the device name translator; without one, nothing that needs a member name works.
-  OldGroupContainerMA(std::string path, ContainerFactory* factory);
+  OldGroupContainerMA(std::string path, ContainerFactory* factory, std::string family = {});
   ~OldGroupContainerMA() override;
 
   int32_t IsValid() override;
@@ -30,8 +30,9 @@ class OldGroupContainerMA final : public OldGroupContainer {
   bool EditContains(const std::string& name) const override;
   bool EditDelete(const StringList& names) override;
   bool EditReplace(const std::string& name) override;
-  int32_t EditAddFile(const std::string& file, const std::string& destFolder, int32_t& state,
-                      AddPromptFn prompt, void* context) override;
+  int32_t EditAddFile(const std::string& file, const std::string& fileFamily, fs::File& opened,
+                      const std::string& destFolder, int32_t& state, AddPromptFn prompt,
+                      void* context) override;
   bool SerializeEdit(std::vector<unsigned char>& out) const override;
   // Streams the members left in the group file from it to the new file.
   bool CommitEdit() override;
@@ -48,7 +49,8 @@ class OldGroupContainerMA final : public OldGroupContainer {
   // The first folder named `lowerName` that is not gone; the folder count when there is none.
   size_t FindFolder(const std::string& lowerName) const;
 
-  std::unique_ptr<DeviceNameTranslator> translator_;
+  mutable std::unique_ptr<DeviceNameTranslator> translator_;
+  mutable bool translatorMade_ = false;
   MAGroup edit_;
   fs::File source_;  // the group file the model's data is left in, while a change runs
   // Lower-case member names of the model, so that duplicate checks stay cheap as a call adds

@@ -18,6 +18,9 @@ namespace {
 constexpr char kSep = '\\';
 constexpr uint32_t kStoreBelow = 65536;  // smaller files are stored, larger ones deflated
 constexpr size_t kStoredNameMax = 259;
+// A walk over the entries costs about a twentieth of building the member index: a call that
+// looks up a few names (adding one file) walks, one that looks up many builds the index.
+constexpr int kWalksBeforeIndex = 4;
 
 // Upper case of a..z only, byte by byte, as the default locale's toupper does.
 std::string Upper(std::string text) {
@@ -78,8 +81,11 @@ std::string EntryName(VxZipEntry& entry) {
 }
 
 bool IsDirectoryEntry(VxZipEntry& entry) {
+  return entry.IsDirectory() || IsDirectoryEntry(entry, EntryName(entry));
+}
+
+bool IsDirectoryEntry(VxZipEntry& entry, const std::string& name) {
   if (entry.IsDirectory()) return true;
-  const std::string name = EntryName(entry);
   return !name.empty() && name.back() == kSep && entry.GetUncompressedSize() == 0;
 }
 
@@ -94,6 +100,8 @@ ZipGroupContainer::~ZipGroupContainer() = default;
 
 bool ZipGroupContainer::Open() {
   indexStale_ = true;
+  lookUpWalks_ = 0;
+  memo_.valid = false;
   copies_.clear();
   if (!fs::StampOf(path_, opened_)) opened_ = {};
   return zip_.OpenZip(path_.c_str());  // IsValid decides whether the container is used at all
@@ -123,16 +131,25 @@ void ZipGroupContainer::IndexEntry(uint64_t serial, const std::string& name, boo
     const auto bySerial = [](const auto& c, uint64_t s) { return c.first < s; };
     if (add) {
       IndexSlot& slot = memberIndex_[key];
+      std::vector<std::pair<uint64_t, IndexValue>>& entries = slot.entries;
       IndexValue value{n.substr(0, kStoredNameMax), folder};
-      if (slot.empty() || slot.back().first < serial)
-        slot.emplace_back(serial, std::move(value));
+      if (entries.empty() || entries.back().first < serial)
+        entries.emplace_back(serial, std::move(value));
       else
-        slot.emplace(std::lower_bound(slot.begin(), slot.end(), serial, bySerial), serial, std::move(value));
+        entries.emplace(std::lower_bound(entries.begin(), entries.end(), serial, bySerial), serial,
+                        std::move(value));
+      ++slot.live;
     } else if (auto it = memberIndex_.find(key); it != memberIndex_.end()) {
       IndexSlot& slot = it->second;
-      const auto at = std::lower_bound(slot.begin(), slot.end(), serial, bySerial);
-      if (at != slot.end() && at->first == serial) slot.erase(at);
-      if (slot.empty()) memberIndex_.erase(it);
+      const auto at = std::lower_bound(slot.entries.begin(), slot.entries.end(), serial, bySerial);
+      if (at != slot.entries.end() && at->first == serial && !at->second.removed) {
+        at->second.removed = true;
+        --slot.live;
+      }
+      if (slot.live == 0)
+        memberIndex_.erase(it);
+      else
+        while (slot.entries.back().second.removed) slot.entries.pop_back();
     }
     const size_t cut = n.find_last_of(kSep);
     if (cut == std::string::npos) break;
@@ -149,20 +166,53 @@ void ZipGroupContainer::RebuildMemberIndex() {
   indexStale_ = false;
 }
 
+const ZipGroupContainer::IndexValue* ZipGroupContainer::WalkFor(const std::string& key) {
+  const IndexValue* found = nullptr;
+  // The last entry whose name is the key or runs on past it after a "\" holds, as in the index.
+  zip_.VisitNamesFromLast([&](std::string_view entry) {
+    if (entry.size() < key.size() || (entry.size() > key.size() && entry[key.size()] != kSep))
+      return false;
+    for (size_t i = 0; i < key.size(); ++i) {
+      const char c = entry[i];
+      if ((c >= 'a' && c <= 'z' ? static_cast<char>(c - 'a' + 'A') : c) != key[i]) return false;
+    }
+    walked_.stored.assign(entry.substr(0, std::min(key.size(), kStoredNameMax)));
+    walked_.folder = entry.size() > key.size();
+    found = &walked_;
+    return true;
+  });
+  return found;
+}
+
 const ZipGroupContainer::IndexValue* ZipGroupContainer::LookUp(const std::string& name) {
-  if (indexStale_) RebuildMemberIndex();
-  const auto it = memberIndex_.find(Upper(name));
-  return it == memberIndex_.end() ? nullptr : &it->second.back().second;
+  std::string key = Upper(name);
+  if (memo_.valid && memo_.key == key) return memo_.found ? &memo_.value : nullptr;
+  const IndexValue* found = nullptr;
+  if (indexStale_ && lookUpWalks_ < kWalksBeforeIndex) {
+    ++lookUpWalks_;
+    found = WalkFor(key);
+  } else {
+    if (indexStale_) RebuildMemberIndex();
+    const auto it = memberIndex_.find(key);
+    if (it != memberIndex_.end()) found = &it->second.entries.back().second;
+  }
+  memo_.valid = true;
+  memo_.key = std::move(key);
+  memo_.found = found != nullptr;
+  if (found != nullptr) memo_.value = *found;
+  return found;
 }
 
 std::unique_ptr<VxZipEntry> ZipGroupContainer::Append(const std::string& name,
                                                       const VxByteData& data) {
+  memo_.valid = false;
   std::unique_ptr<VxZipEntry> e = zip_.AppendData(name.c_str(), data);
   if (e != nullptr && !indexStale_) IndexEntry(e->Serial(), EntryName(*e), true);
   return e;
 }
 
 bool ZipGroupContainer::Delete(VxZipEntry* entry) {
+  memo_.valid = false;
   if (entry != nullptr && !indexStale_) IndexEntry(entry->Serial(), EntryName(*entry), false);
   return zip_.DeleteEntry(entry);
 }
@@ -181,6 +231,11 @@ int32_t ZipGroupContainer::IsFolderName(const std::string& name) {
 
 void ZipGroupContainer::SplitMemberPath(const std::string& path, std::string& groupPart,
                                         std::string& innerPath) {
+  if (path.empty()) {  // the group's top level: nothing to look up
+    groupPart.clear();
+    innerPath.clear();
+    return;
+  }
   std::string p, q;
   size_t pos = std::string::npos;  // -1
   bool found = false;
@@ -336,12 +391,14 @@ bool ZipGroupContainer::StoreBackCopies() {
 
 bool ZipGroupContainer::Write() {
   if (!StoreBackCopies()) return false;
+  memo_.valid = false;
   if (!zip_.WriteZip()) {
     diag::Record("write-failed", path_, "the group cannot be rewritten (" + LastLog(zip_) + ")");
     indexStale_ = true;
     return false;
   }
   indexStale_ = true;  // the archive was reopened: entries have new identities
+  lookUpWalks_ = 0;
   return true;
 }
 
@@ -433,6 +490,7 @@ int32_t ZipGroupContainer::CreateWithMembers(const StringList& files,
     return 0;
   }
   indexStale_ = true;
+  memo_.valid = false;
   // The empty archive and the added files go to disk in one write, at the end of AddMembers.
   int32_t state = 0;
   return AddLocked(files, destFolder, &state, nullptr, nullptr);

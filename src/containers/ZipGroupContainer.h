@@ -68,10 +68,24 @@ class ZipGroupContainer : public GroupContainer {
   struct IndexValue {
     std::string stored;  // the name in its stored letter case (at most 259 bytes)
     bool folder = false;
+    bool removed = false;  // its entry is gone (kept until it is last in its slot)
   };
-  // Every entry's contribution to a key, sorted by entry serial (archive order): the last one
-  // holds, as if the index were rebuilt in archive order.
-  using IndexSlot = std::vector<std::pair<uint64_t, IndexValue>>;
+  // Every entry's contribution to a key, sorted by entry serial (archive order): the last live
+  // one holds, as if the index were rebuilt in archive order. A removal only marks its
+  // contribution and drops the marked ones once they are last, so emptying a folder of n
+  // members costs O(n), not O(n^2).
+  struct IndexSlot {
+    std::vector<std::pair<uint64_t, IndexValue>> entries;  // the last one is live
+    size_t live = 0;
+  };
+  // The last look-up's answer, kept while the entry list is unchanged: a name is often looked
+  // up as a member and then as a folder.
+  struct LookUpMemo {
+    bool valid = false;
+    std::string key;
+    bool found = false;
+    IndexValue value;
+  };
 
   bool Open();
   // Opens the archive again once the write lock is held; false, with a diagnostic, when what
@@ -83,6 +97,8 @@ class ZipGroupContainer : public GroupContainer {
   void RebuildMemberIndex();
   void IndexEntry(uint64_t serial, const std::string& name, bool add);
   const IndexValue* LookUp(const std::string& name);
+  // LookUp's answer for an upper-case key from a walk over the entries, without the index.
+  const IndexValue* WalkFor(const std::string& key);
   std::unique_ptr<VxZipEntry> Append(const std::string& name, const VxByteData& data);
   bool Delete(VxZipEntry* entry);
   // Removes a member or a folder in memory by the delete rules; false when an entry could not
@@ -101,6 +117,9 @@ class ZipGroupContainer : public GroupContainer {
   VxZip zip_;
   std::unordered_map<std::string, IndexSlot> memberIndex_;
   bool indexStale_ = true;
+  int lookUpWalks_ = 0;  // look-ups answered by walking the entries since the archive was read
+  IndexValue walked_;    // the last walk's answer
+  LookUpMemo memo_;
   fs::FileStamp opened_;  // the file Open read, while no change has been made since
   std::vector<std::unique_ptr<nested::MemberCopy>> copies_;  // changed nested groups of the call
   uint64_t touches_ = 0;
@@ -110,6 +129,8 @@ class ZipGroupContainer : public GroupContainer {
 // name ends in "\" and it holds no data, as bsdtar writes folders and every archive tool reads
 // them.
 bool IsDirectoryEntry(VxZipEntry& entry);
+// The same, for a caller that already holds the entry's name.
+bool IsDirectoryEntry(VxZipEntry& entry, const std::string& name);
 // The entry's name with "\" separators; empty for an empty handle.
 std::string EntryName(VxZipEntry& entry);
 

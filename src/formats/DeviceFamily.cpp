@@ -58,12 +58,32 @@ bool AreFamiliesCompatible(std::string_view sigA, std::string_view sigB) {
   return sigA == sigB || (InCompatibleSet(sigA) && InCompatibleSet(sigB));
 }
 
+namespace {
+
+std::string DetectOpened(const std::string& path, fs::File& opened) {
+  if (!opened.IsOpen()) return std::string(kSigUnknown);
+  unsigned char head[10];
+  const size_t n = opened.Read(head, sizeof head);
+  return DetectFileSignature(path, std::span<const unsigned char>(head, n));
+}
+
+}  // namespace
+
 std::string DetectFileSignature(const std::string& path) {
   fs::File f = fs::File::OpenRead(path);
-  if (!f.IsOpen()) return std::string(kSigUnknown);
+  return DetectOpened(path, f);
+}
+
+std::string DetectFileSignature(const std::string& path, fs::File& opened) {
+  opened = fs::File::OpenRead(path);
+  std::string signature = DetectOpened(path, opened);
+  opened.Seek(0);
+  return signature;
+}
+
+std::string DetectFileSignature(const std::string& path, std::span<const unsigned char> head) {
   char buf[11] = {};
-  f.Read(buf, 10);
-  f.Close();
+  std::memcpy(buf, head.data(), std::min<size_t>(head.size(), 10));
   std::string candidate(buf, std::strlen(buf));
 
   for (const auto& [from, to] : kTailFixes)

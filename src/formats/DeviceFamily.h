@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "platform/fs.h"
+
 namespace qx {
 
 // Signature strings, exactly as DetectFileSignature returns them.
@@ -47,5 +49,10 @@ bool AreFamiliesCompatible(std::string_view sigA, std::string_view sigB);
 // another "**QX"-prefixed text that matches no family. Never fails: "**QX_UNK**" for any
 // file that cannot be opened or read.
 std::string DetectFileSignature(const std::string& path);
+// The same from the file's first bytes (up to 10; fewer for a shorter file), read by a caller
+// that goes on reading the file.
+std::string DetectFileSignature(const std::string& path, std::span<const unsigned char> head);
+// Opens the file, names its family from its first bytes and leaves it open at its start.
+std::string DetectFileSignature(const std::string& path, fs::File& opened);
 
 }  // namespace qx

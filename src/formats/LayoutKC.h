@@ -5,14 +5,16 @@
 //   55 entries: h (2), header (h: 2 bytes, type, name (8), KDX: 2 more), d (2), data (d)
 //   55 + data length   checksum (2): sum of the section's bytes mod 65536
 //
-// As for the MA-style layout, two views of a file held in memory: WalkKCGroup for listing,
-// finding and extracting, and KCGroup for adding and deleting, written once.
+// As for the MA-style layout, two views: WalkKCGroup for listing, finding and extracting, and
+// KCGroup for adding and deleting, written once. A KCGroup read by its header leaves the section
+// in the file; deletes mark entries, and WriteTo copies what stays across in chunks.
 //
 //   KCGroup g;
-//   if (!KCGroup::Parse(groupBytes, g)) ...
+//   if (!KCGroup::ParseHead(first55, fileSize, g)) ...      // or Parse(groupBytes, g): in memory
+//   auto walk = g.WalkSource(groupFile, familySignature);
 //   if (auto entries = KCFileEntries(fileBytes)) g.AppendEntries(*entries);
-//   g.RemoveEntriesIf(familySignature, [&](const KCEntryView& e) { return ...; });
-//   std::vector<unsigned char> out = g.Serialize();
+//   g.MarkRemoved(familySignature, offsetInSection, size);
+//   g.WriteTo(tempFile, &groupFile);
 #pragma once
 
 #include <array>
@@ -20,10 +22,12 @@
 #include <optional>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "formats/LayoutResult.h"
 #include "formats/NameField.h"
+#include "platform/fs.h"
 
 namespace qx {
 
@@ -78,6 +82,12 @@ struct KCWalk {
 // past the end ends the walk with the entries before it. `familySignature` selects the KDX
 // header. Never reads outside `file`.
 KCWalk WalkKCGroup(std::span<const unsigned char> file, std::string_view familySignature);
+// The same walk over an open group file of `fileSize` bytes, reading each entry's fixed fields
+// where it stands (the data is skipped); nullopt when the file no longer holds what its size
+// promised (it shrank).
+std::optional<KCWalk> WalkKCFile(fs::File& file, uint64_t fileSize, std::string_view familySignature);
+// The walk of a data section by itself (its size is its data length); offsets as in a group.
+KCWalk WalkKCSection(std::span<const unsigned char> section, std::string_view familySignature);
 
 // The entry's h + d + 4 bytes; nullopt when they run past the end of the file.
 std::optional<std::span<const unsigned char>> KCEntryBytes(std::span<const unsigned char> file,
@@ -104,10 +114,23 @@ class KCGroup {
   static KCGroup NewEmpty(std::string_view signature, std::string_view comment);
   // Refuses a file shorter than 55 bytes or whose data section runs past its end.
   static LayoutResult Parse(std::span<const unsigned char> file, KCGroup& out);
+  // The same from the first 55 bytes (or fewer) of a file of `fileSize` bytes: the data section
+  // and the bytes after its checksum stay in the file, walked by WalkSource and copied across by
+  // WriteTo, so that memory does not grow with the group.
+  static LayoutResult ParseHead(std::span<const unsigned char> head, uint64_t fileSize, KCGroup& out);
+  // The walk of the section left in the group file `source`; nullopt when the file no longer
+  // holds it (it shrank).
+  std::optional<KCWalk> WalkSource(fs::File& source, std::string_view familySignature) const;
+  // Reads the section left in `source` into memory, for the changes that walk it as a whole
+  // (Entries, RemoveEntriesIf, DropMarked need it); false when it cannot be read.
+  bool Materialize(fs::File& source);
 
-  uint32_t DataLength() const { return static_cast<uint32_t>(section_.size()); }
+  // Marked entries included: where the next appended entry starts in the section.
+  uint32_t DataLength() const { return static_cast<uint32_t>(sourceLength_ + section_.size()); }
   // The entries of the data section; offsets are from the start of the file.
   std::vector<KCEntryView> Entries(std::string_view familySignature) const;
+  // The walk that gives them, with how it ended.
+  KCWalk Walk(std::string_view familySignature) const;
 
   // Appends entries (whole entries, as KCFileEntries gives them) to the data section.
   void AppendEntries(std::span<const unsigned char> entries);
@@ -118,21 +141,46 @@ class KCGroup {
   template <typename Pred>
   std::optional<size_t> RemoveEntriesIf(std::string_view familySignature, Pred&& drop);
 
+  // Deletes the entry of `size` bytes at `at` (its offset in the data section: Entries' offset
+  // less 55) in O(1): its bytes stay until Serialize leaves them out or DropMarked takes them
+  // away; the header changes as RemoveEntriesIf's do. Only for a section whose entries fill it
+  // exactly, where leaving an entry out is what RemoveEntriesIf writes.
+  void MarkRemoved(std::string_view familySignature, size_t at, size_t size);
+  // Takes the marked entries out of the section for good (Entries then no longer meets them).
+  void DropMarked();
+  // The header as a delete rewrites it: the family's signature, nothing after the checksum.
+  void RewriteHeader(std::string_view familySignature);
+
+  // The whole file, for a group held in memory (Parse, NewEmpty or Materialize).
   std::vector<unsigned char> Serialize() const;
+  // Writes what Serialize gives to `out`, copying what is left in `source` in chunks.
+  // kShortRead when the source no longer holds those bytes (it shrank).
+  enum class WriteEnd { kDone, kShortRead, kWriteFailed };
+  WriteEnd WriteTo(fs::File& out, fs::File* source) const;
 
  private:
   void Rewrite(std::string_view familySignature, std::vector<unsigned char> section);
+  // The section without the marked entries.
+  std::vector<unsigned char> KeptSection() const;
 
   std::array<unsigned char, kKCSignatureSize> signature_{};
   std::array<unsigned char, kKCCommentSize> comment_{};
+  // The section: its first sourceLength_ bytes left in the group file (from offset 55), then
+  // section_ in memory.
+  uint64_t sourceLength_ = 0;
   std::vector<unsigned char> section_;
-  // Bytes after the old checksum; the first `appended_` of them have been written over.
+  // Bytes after the old checksum, in memory or left in the file (afterSpan_: offset, length);
+  // the first `appended_` of them have been written over.
   std::vector<unsigned char> after_;
+  std::pair<uint64_t, uint64_t> afterSpan_{};
   size_t appended_ = 0;
+  std::vector<std::pair<size_t, size_t>> marked_;  // offset and size of each marked entry
+  size_t markedBytes_ = 0;
 };
 
 template <typename Pred>
 std::optional<size_t> KCGroup::RemoveEntriesIf(std::string_view familySignature, Pred&& drop) {
+  DropMarked();
   std::vector<unsigned char> kept;
   kept.reserve(section_.size());
   size_t dropped = 0;

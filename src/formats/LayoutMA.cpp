@@ -188,12 +188,12 @@ MAGroup MAGroup::NewEmpty(std::string_view signature, std::string_view comment) 
 }
 
 LayoutResult MAGroup::Parse(std::span<const unsigned char> file, MAGroup& out) {
-  return ParseFrom(file, file.size(), nullptr, out);
+  return ParseFrom(file, file.size(), true, out);
 }
 
 LayoutResult MAGroup::ParseTable(std::span<const unsigned char> head, uint64_t fileSize,
-                                 const ReadFn& read, MAGroup& out) {
-  return ParseFrom(head, fileSize, &read, out);
+                                 MAGroup& out) {
+  return ParseFrom(head, fileSize, false, out);
 }
 
 uint64_t MAGroup::TableExtent(std::span<const unsigned char> first60, uint64_t fileSize) {
@@ -205,7 +205,7 @@ uint64_t MAGroup::TableExtent(std::span<const unsigned char> first60, uint64_t f
 // Reads the table from `file` (all of it, or with `read`, the first TableExtent bytes): checks
 // are made against `fileSize`.
 LayoutResult MAGroup::ParseFrom(std::span<const unsigned char> file, uint64_t fileSize,
-                                const ReadFn* read, MAGroup& out) {
+                                bool whole, MAGroup& out) {
   using R = LayoutResult;
   const uint64_t size = fileSize;
   if (size < kMATableOffset) return R::Fail(R::kTruncated, size, "shorter than a group header");
@@ -266,21 +266,23 @@ LayoutResult MAGroup::ParseFrom(std::span<const unsigned char> file, uint64_t fi
   }
 
   if (dataStart > file.size()) return R::Fail(R::kTruncated, file.size(), "table not read");
-  bool readable = true;
   const auto bytes = [&](uint64_t from, uint64_t to) {
-    std::vector<unsigned char> v;
-    if (read == nullptr)
-      v.assign(file.begin() + static_cast<ptrdiff_t>(from), file.begin() + static_cast<ptrdiff_t>(to));
-    else if (to > from && !(*read)(from, static_cast<size_t>(to - from), v))
-      readable = false;
-    return v;
+    return std::vector<unsigned char>(file.begin() + static_cast<ptrdiff_t>(from),
+                                      file.begin() + static_cast<ptrdiff_t>(to));
   };
-  g.lead_ = bytes(dataStart, offsets.empty() ? fileSize32 : offsets.front());
+  const uint64_t leadEnd = offsets.empty() ? fileSize32 : offsets.front();
+  if (whole) {
+    g.lead_ = bytes(dataStart, leadEnd);
+    g.tail_ = bytes(fileSize32, size);
+  } else {
+    g.leadSpan_ = {dataStart, leadEnd - dataStart};
+    g.tailSpan_ = {fileSize32, size - fileSize32};
+  }
   size_t k = 0;
   for (MAFolder& f : g.folders_)
     for (MAVariable& m : f.members) {
       const uint32_t end = k + 1 < offsets.size() ? offsets[k + 1] : fileSize32;
-      if (read == nullptr) {
+      if (whole) {
         m.data = bytes(offsets[k], end);
       } else {
         m.sourceAt = offsets[k];
@@ -288,8 +290,6 @@ LayoutResult MAGroup::ParseFrom(std::span<const unsigned char> file, uint64_t fi
       }
       ++k;
     }
-  g.tail_ = bytes(fileSize32, size);
-  if (!readable) return R::Fail(R::kTruncated, size, "bytes outside the blocks cannot be read");
   out = std::move(g);
   return R::Ok();
 }
@@ -327,16 +327,23 @@ void MAGroup::MarkRemoved(size_t folder, MAVariable& member) {
   ++f.removed;
   if (f.Gone()) ++gone_;
   // What the delete does with bytes after the old size: they join the last block left.
-  if (tail_.empty()) return;
-  std::vector<unsigned char>* last = &lead_;
-  for (auto fi = folders_.rbegin(); fi != folders_.rend() && last == &lead_; ++fi)
+  if (tail_.empty() && tailSpan_.length == 0) return;
+  MAVariable* last = nullptr;
+  for (auto fi = folders_.rbegin(); fi != folders_.rend() && last == nullptr; ++fi)
     for (auto mi = fi->members.rbegin(); mi != fi->members.rend(); ++mi)
       if (!mi->removed) {
-        last = &mi->data;
+        last = &*mi;
         break;
       }
-  last->insert(last->end(), tail_.begin(), tail_.end());
+  if (last != nullptr) JoinTail(last->data, last->trail);
+  else JoinTail(lead_, leadTrail_);
+}
+
+void MAGroup::JoinTail(std::vector<unsigned char>& data, MASpan& trail) {
+  data.insert(data.end(), tail_.begin(), tail_.end());
   tail_.clear();
+  if (tailSpan_.length != 0) trail = tailSpan_;  // a block is joined by the tail once at most
+  tailSpan_ = {};
 }
 
 bool MAGroup::DropRemoved() {
@@ -351,19 +358,19 @@ bool MAGroup::DropRemoved() {
 void MAGroup::AfterRemoval(size_t dropped) {
   // A delete writes the real file length into the size field, so bytes that stood after the
   // old size become part of the last block.
-  if (dropped == 0 || tail_.empty()) return;
-  std::vector<unsigned char>* last = &lead_;
+  if (dropped == 0 || (tail_.empty() && tailSpan_.length == 0)) return;
+  MAVariable* last = nullptr;
   for (MAFolder& f : folders_)
-    if (!f.members.empty()) last = &f.members.back().data;
-  last->insert(last->end(), tail_.begin(), tail_.end());
-  tail_.clear();
+    if (!f.members.empty()) last = &f.members.back();
+  if (last != nullptr) JoinTail(last->data, last->trail);
+  else JoinTail(lead_, leadTrail_);
 }
 
 bool MAGroup::Head(std::vector<unsigned char>& out, uint64_t& fileSize) const {
   const size_t count = EntryCount();
   if (count > kMaxEntries) return false;
   const size_t dataStart = kMATableOffset + kMAEntrySize * count + 6;
-  fileSize = dataStart + lead_.size();
+  fileSize = dataStart + LeadSize();
   for (const MAFolder& f : folders_) {
     if (f.Live() > kMaxEntries) return false;
     for (const MAVariable& m : f.members)
@@ -379,7 +386,7 @@ bool MAGroup::Head(std::vector<unsigned char>& out, uint64_t& fileSize) const {
   w.Put16(static_cast<uint16_t>(count));
   // A folder entry points at the data that follows it: its first member's block, or for an
   // empty folder the next folder's data, or the file size when nothing follows.
-  uint32_t at = static_cast<uint32_t>(dataStart + lead_.size());
+  uint32_t at = static_cast<uint32_t>(dataStart + LeadSize());
   for (const MAFolder& f : folders_) {
     if (f.Gone()) continue;
     MAEntryFields entry;
@@ -415,22 +422,35 @@ MAGroup::WriteEnd MAGroup::WriteTo(fs::File& out, fs::File* source) const {
   std::vector<unsigned char> head;
   uint64_t fileSize = 0;
   if (!Head(head, fileSize)) return WriteEnd::kTooLarge;
-  const auto put = [&](const std::vector<unsigned char>& bytes) { return out.Write(bytes.data(), bytes.size()); };
-  if (!put(head) || !put(lead_)) return WriteEnd::kWriteFailed;
+  const auto put = [&](const std::vector<unsigned char>& bytes) {
+    return out.Write(bytes.data(), bytes.size()) ? WriteEnd::kDone : WriteEnd::kWriteFailed;
+  };
+  const auto copy = [&](MASpan span) {
+    if (span.length == 0) return WriteEnd::kDone;
+    if (source == nullptr) return WriteEnd::kShortRead;
+    switch (fs::CopyRange(*source, span.at, span.length, out)) {
+      case fs::CopyEnd::kDone: return WriteEnd::kDone;
+      case fs::CopyEnd::kShortRead: return WriteEnd::kShortRead;
+      case fs::CopyEnd::kWriteFailed: break;
+    }
+    return WriteEnd::kWriteFailed;
+  };
+  // The pieces in the order they are written; the first that fails ends the write.
+  WriteEnd end = put(head);
+  const auto then = [&end](WriteEnd next) {
+    if (end == WriteEnd::kDone) end = next;
+    return end == WriteEnd::kDone;
+  };
+  if (!then(copy(leadSpan_)) || !then(put(lead_)) || !then(copy(leadTrail_))) return end;
   for (const MAFolder& f : folders_)
     for (const MAVariable& m : f.members) {
       if (m.removed) continue;
-      if (m.sourceLength > 0) {
-        if (source == nullptr) return WriteEnd::kShortRead;
-        switch (fs::CopyRange(*source, m.sourceAt, m.sourceLength, out)) {
-          case fs::CopyEnd::kDone: break;
-          case fs::CopyEnd::kShortRead: return WriteEnd::kShortRead;
-          case fs::CopyEnd::kWriteFailed: return WriteEnd::kWriteFailed;
-        }
-      }
-      if (!put(m.data)) return WriteEnd::kWriteFailed;
+      if (!then(copy({m.sourceAt, m.sourceLength})) || !then(put(m.data)) || !then(copy(m.trail)))
+        return end;
     }
-  return put(tail_) ? WriteEnd::kDone : WriteEnd::kWriteFailed;
+  then(put(tail_));
+  then(copy(tailSpan_));
+  return end;
 }
 
 }  // namespace qx

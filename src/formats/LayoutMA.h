@@ -134,14 +134,21 @@ std::vector<unsigned char> BuildMASingleFile(std::string_view signature, const N
 
 // ---- Groups for adding and deleting ----------------------------------------------------------
 
+// A run of bytes left in the group file, copied across when the new file is written.
+struct MASpan {
+  uint64_t at = 0;
+  uint64_t length = 0;
+};
+
 struct MAVariable {
   MAEntryFields fields;
   std::vector<unsigned char> data;  // held in memory; follows the bytes left in the group file
   bool removed = false;             // marked by MarkRemoved: neither counted nor written
   uint64_t sourceAt = 0;            // where the bytes left in the group file start
   uint32_t sourceLength = 0;        // how many there are (0 for data held whole)
+  MASpan trail{};                   // bytes from after the old file size that joined the block
 
-  uint64_t Size() const { return sourceLength + data.size(); }
+  uint64_t Size() const { return sourceLength + data.size() + trail.length; }
 };
 
 struct MAFolder {
@@ -170,12 +177,10 @@ class MAGroup {
   // by their members, member data offsets that go backwards or leave [table end, file size],
   // and a file size field past the end of the file.
   static LayoutResult Parse(std::span<const unsigned char> file, MAGroup& out);
-  // The same, from the first MATableExtent bytes of a file of `fileSize` bytes: the members'
-  // data stay in the file (copied by WriteTo); the few bytes outside any block are read through
-  // `read(offset, length, into)`.
-  using ReadFn = std::function<bool(uint64_t, size_t, std::vector<unsigned char>&)>;
+  // The same, from the first TableExtent bytes of a file of `fileSize` bytes: the members' data
+  // and the bytes outside any block stay in the file, copied across by WriteTo.
   static LayoutResult ParseTable(std::span<const unsigned char> head, uint64_t fileSize,
-                                 const ReadFn& read, MAGroup& out);
+                                 MAGroup& out);
   // How many leading bytes ParseTable needs, from the first 60 (or all of a shorter file).
   static uint64_t TableExtent(std::span<const unsigned char> first60, uint64_t fileSize);
 
@@ -215,7 +220,7 @@ class MAGroup {
  private:
   void AfterRemoval(size_t dropped);
   static LayoutResult ParseFrom(std::span<const unsigned char> head, uint64_t fileSize,
-                                const ReadFn* read, MAGroup& out);
+                                bool whole, MAGroup& out);
   // The header, table, file size and marker; false when they would not fit the fields.
   bool Head(std::vector<unsigned char>& out, uint64_t& fileSize) const;
 
@@ -227,10 +232,18 @@ class MAGroup {
   MACommentField comment_{};
   MAMarker marker_{};
   std::vector<MAFolder> folders_;
+  // Makes the bytes after the old file size part of the block of `data` and `trail`.
+  void JoinTail(std::vector<unsigned char>& data, MASpan& trail);
+  uint64_t LeadSize() const { return leadSpan_.length + lead_.size() + leadTrail_.length; }
+
   // Bytes between the end of the table and the first block, and after the file size: kept
-  // where the step-by-step copy of the data area would keep them.
+  // where the step-by-step copy of the data area would keep them. Held in memory for a group
+  // parsed whole, left in the file (the spans) for one parsed by its table.
+  MASpan leadSpan_;
   std::vector<unsigned char> lead_;
+  MASpan leadTrail_;
   std::vector<unsigned char> tail_;
+  MASpan tailSpan_;
 };
 
 template <typename Pred>

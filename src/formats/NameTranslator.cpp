@@ -174,11 +174,10 @@ HRESULT NameTranslator::TranslateName(LONG code, VARIANT name, LONG, VARIANT* re
   }
 }
 
+// Entered on every use rather than once: module unload forgets the built-in classes, and a
+// host's static destructor may still come here afterwards.
 void RegisterBuiltinNameTranslator() {
-  static std::once_flag once;
-  std::call_once(once, [] {
-    RegisterBuiltinClass(CLSID_DeviceNameTranslator, &NameTranslator::CreateInstance);
-  });
+  RegisterBuiltinClass(CLSID_DeviceNameTranslator, &NameTranslator::CreateInstance);
 }
 
 // ---- DeviceNameTranslator --------------------------------------------------------------------------

@@ -87,8 +87,9 @@ HRESULT QXPackageInfo::Call(const std::function<HRESULT()>& body) {
   }
   --callDepth;
   if (outermost) {
-    if (hr == S_OK) diag::Clear();
+    if (hr == S_OK && !keepNote_) diag::Clear();
     else if (FAILED(hr)) diag::Record("failed", filename_, "the call failed");  // first record wins
+    keepNote_ = false;
     PublishDiagnostic(kErrorSource);
   }
   return hr;
@@ -120,6 +121,7 @@ HRESULT QXPackageInfo::put_Filename(BSTR newVal) {
     if (!copy.empty()) {
       // A manifest that does not load leaves the previous one in place.
       if (!manifest_.LoadXmlFile(copy.c_str())) {
+        keepNote_ = true;
         diag::Record("bad-manifest", filename_,
                      manifest_.Log().empty() ? "its manifest does not load"
                                              : "its manifest does not load: " + manifest_.Log().back());

@@ -53,7 +53,8 @@ class QXPackageInfo : public DispatchObject<IQXPackageInfo, IObjectSafety>,
  protected:
   ~QXPackageInfo() override;
   // One call through IDispatch: the outermost forgets the previous diagnostic and publishes this
-  // call's as the thread's error information (none after S_OK).
+  // call's as the thread's error information (none after S_OK, except when a package's manifest
+  // did not load: the put still succeeds, and a caller who asks can say why nothing is found).
   HRESULT RunCall(const std::function<HRESULT()>& body) override;
 
  private:
@@ -66,6 +67,7 @@ class QXPackageInfo : public DispatchObject<IQXPackageInfo, IObjectSafety>,
   VxXml manifest_;        // at the root of the parsed manifest
   LONG isPackage_ = 0;
   DWORD safety_ = 0;
+  bool keepNote_ = false;  // this call's diagnostic outlives its S_OK
 };
 
 }  // namespace qx

@@ -6,25 +6,29 @@
 #include "platform/Diagnostic.h"
 #include "platform/codepage.h"
 #include "platform/com.h"
+#include "qxgroupmgr/ErrorCode.h"
 
 namespace qx {
 
 namespace {
 
-class ErrorInfo final : public IErrorInfo {
+class ErrorInfo final : public IErrorInfo, public IQXErrorCode {
  public:
-  ErrorInfo(std::u16string source, std::u16string description)
-      : source_(std::move(source)), description_(std::move(description)) {
+  ErrorInfo(std::u16string source, std::u16string description, std::u16string code)
+      : source_(std::move(source)), description_(std::move(description)), code_(std::move(code)) {
     refs_.Increment();
   }
 
   HRESULT QueryInterface(REFIID riid, void** ppv) override {
     if (ppv == nullptr) return E_POINTER;
-    if (riid != IID_IUnknown && riid != IID_IErrorInfo) {
+    if (riid == IID_IUnknown || riid == IID_IErrorInfo) {
+      *ppv = static_cast<IErrorInfo*>(this);
+    } else if (riid == IID_IQXErrorCode) {
+      *ppv = static_cast<IQXErrorCode*>(this);
+    } else {
       *ppv = nullptr;
       return E_NOINTERFACE;
     }
-    *ppv = static_cast<IErrorInfo*>(this);
     AddRef();
     return S_OK;
   }
@@ -48,6 +52,7 @@ class ErrorInfo final : public IErrorInfo {
     *out = 0;
     return S_OK;
   }
+  HRESULT GetCode(BSTR* out) override { return Copy(code_, out); }
 
  private:
   ~ErrorInfo() = default;
@@ -60,14 +65,17 @@ class ErrorInfo final : public IErrorInfo {
 
   std::u16string source_;
   std::u16string description_;
+  std::u16string code_;
   ComRefCount refs_;
 };
 
 }  // namespace
 
-IErrorInfo* NewErrorInfo(std::string_view source, std::string_view description) {
+IErrorInfo* NewErrorInfo(std::string_view source, std::string_view description,
+                         std::string_view code) {
   try {
-    return new ErrorInfo(codepage::AnsiToWide(source), codepage::AnsiToWide(description));
+    return new ErrorInfo(codepage::AnsiToWide(source), codepage::AnsiToWide(description),
+                         codepage::AnsiToWide(code));
   } catch (const std::bad_alloc&) {
     return nullptr;
   }
@@ -75,7 +83,8 @@ IErrorInfo* NewErrorInfo(std::string_view source, std::string_view description) 
 
 void PublishDiagnostic(std::string_view source) {
   IErrorInfo* info = nullptr;
-  if (diag::Current() != nullptr) info = NewErrorInfo(source, diag::Describe());
+  if (const diag::Diagnostic* d = diag::Current())
+    info = NewErrorInfo(source, diag::Describe(), d->code);
   SetErrorInfo(0, info);
   if (info != nullptr) info->Release();
 }

@@ -20,4 +20,18 @@ CopyEnd CopyRange(File& in, uint64_t offset, uint64_t length, File& out) {
   return CopyEnd::kDone;
 }
 
+CopyEnd CopyRangeAt(const File& in, uint64_t offset, uint64_t length, File& out) {
+  if (length == 0) return CopyEnd::kDone;
+  const size_t size = static_cast<size_t>(std::min<uint64_t>(length, kCopyChunkSize));
+  const std::unique_ptr<unsigned char[]> buffer(new unsigned char[size]);
+  while (length > 0) {
+    const size_t want = static_cast<size_t>(std::min<uint64_t>(length, size));
+    if (!in.ReadAt(offset, buffer.get(), want)) return CopyEnd::kShortRead;
+    if (!out.Write(buffer.get(), want)) return CopyEnd::kWriteFailed;
+    offset += want;
+    length -= want;
+  }
+  return CopyEnd::kDone;
+}
+
 }  // namespace qx::fs

@@ -23,5 +23,7 @@ enum class CopyEnd {
 
 // Copies `length` bytes of `in` from `offset` to the current position of `out`.
 CopyEnd CopyRange(File& in, uint64_t offset, uint64_t length, File& out);
+// The same through File::ReadAt: `in`'s stream does not move, and may be shared.
+CopyEnd CopyRangeAt(const File& in, uint64_t offset, uint64_t length, File& out);
 
 }  // namespace qx::fs

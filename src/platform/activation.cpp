@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/ProcessState.h"
 #include "platform/codepage.h"
 #include "platform/com.h"
 #include "platform/registry.h"
@@ -24,18 +25,16 @@ struct BuiltinClass {
 
 using GetClassObjectFn = HRESULT (*)(REFCLSID, REFIID, void**);
 
-// Built-in classes and loaded modules. Never destroyed: objects may be made and released from
-// other static destructors.
+// Built-in classes and loaded modules.
 struct ActivationState {
   std::mutex mutex;
   std::vector<BuiltinClass> builtins;                // a handful; searched in order
   std::map<std::string, GetClassObjectFn> modules;  // native path -> its DllGetClassObject
 };
 
-ActivationState& State() {
-  static ActivationState* state = new ActivationState;
-  return *state;
-}
+ProcessState<ActivationState> gState;
+
+ActivationState& State() { return gState.Get(); }
 
 bool FindBuiltin(REFCLSID clsid, BuiltinCreateFn& create) {
   ActivationState& state = State();
@@ -85,6 +84,8 @@ HRESULT CreateFromModule(const std::string& modulePath, REFCLSID clsid, IUnknown
 }
 
 }  // namespace
+
+void ReleaseActivationState() { gState.Release(); }
 
 void RegisterBuiltinClass(REFCLSID clsid, BuiltinCreateFn create, const char* progId) {
   ActivationState& state = State();

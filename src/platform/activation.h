@@ -40,6 +40,9 @@ using BuiltinCreateFn = HRESULT (*)(IUnknown* outer, REFIID riid, void** ppv);
 // `progId`, when given, is answered by CLSIDFromProgID when the registry has no such ProgID.
 void RegisterBuiltinClass(REFCLSID clsid, BuiltinCreateFn create, const char* progId = nullptr);
 
+// Forgets the built-in classes and the loaded modules (which stay loaded); for module unload.
+void ReleaseActivationState();
+
 // Makes an instance of `clsid` and asks it for `riid`. Results:
 //   E_POINTER                  null `ppv` (otherwise *ppv is null on every failure)
 //   CLASS_E_NOAGGREGATION      `outer` given with an interface other than IUnknown

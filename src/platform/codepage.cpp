@@ -224,9 +224,8 @@ class Converter {
 }  // namespace
 
 std::u16string AnsiToWide(std::string_view ansi) {
-  std::u16string out;
-  out.reserve(ansi.size());
-  for (unsigned char c : ansi) out.push_back(AnsiCharToWide(c));
+  std::u16string out(ansi.size(), u'\0');
+  for (size_t i = 0; i < ansi.size(); ++i) out[i] = AnsiCharToWide(static_cast<unsigned char>(ansi[i]));
   return out;
 }
 
@@ -259,9 +258,13 @@ std::u16string Utf8ToWide(std::string_view utf8) {
 }
 
 std::string WideToUtf8(std::u16string_view wide) {
-  std::string out;
-  out.reserve(wide.size());
-  for (size_t i = 0; i < wide.size();) AppendUtf8(out, NextWide(wide, i));
+  // Mostly ASCII (whole XML listings pass through here): copied unit for unit until the first
+  // character that needs more than one byte.
+  std::string out(wide.size(), '\0');
+  size_t i = 0;
+  for (; i < wide.size() && wide[i] < 0x80; ++i) out[i] = static_cast<char>(wide[i]);
+  out.resize(i);
+  while (i < wide.size()) AppendUtf8(out, NextWide(wide, i));
   return out;
 }
 

@@ -4,6 +4,8 @@
 #include <cstring>
 #include <limits>
 
+#include "qxgroupmgr/ErrorCode.h"
+
 // ---- Standard interface ids ------------------------------------------------------------------
 
 extern "C" {
@@ -19,6 +21,8 @@ const IID IID_ISupportErrorInfo = {
     0xDF0B3D60, 0x548F, 0x101B, {0x8E, 0x65, 0x08, 0x00, 0x2B, 0x2B, 0xA3, 0xF6}};
 const IID IID_IObjectSafety = {
     0xCB5BDC81, 0x93C1, 0x11CF, {0x8F, 0x20, 0x00, 0x80, 0x5F, 0x2C, 0xD0, 0x64}};
+const IID IID_IQXErrorCode = {
+    0xBB84CF24, 0xF14A, 0x40B3, {0xB2, 0xF0, 0xCC, 0x1A, 0x74, 0x50, 0xCF, 0x75}};
 }
 
 // ---- Automation strings ------------------------------------------------------------------------

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 #include <utility>
 
@@ -39,13 +40,16 @@ bool Exists(const std::string& path) { return GetAttributes(path) != kInvalidAtt
 File::~File() { Close(); }
 
 File::File(File&& other) noexcept
-    : fp_(std::exchange(other.fp_, nullptr)), pos_(std::exchange(other.pos_, 0)) {}
+    : fp_(std::exchange(other.fp_, nullptr)),
+      pos_(std::exchange(other.pos_, 0)),
+      buffer_(std::move(other.buffer_)) {}
 
 File& File::operator=(File&& other) noexcept {
   if (this != &other) {
     Close();
     fp_ = std::exchange(other.fp_, nullptr);
     pos_ = std::exchange(other.pos_, 0);
+    buffer_ = std::move(other.buffer_);
   }
   return *this;
 }
@@ -57,16 +61,27 @@ File File::OpenRead(const std::string& path) {
   if (fd < 0) return File();
   struct stat st {};
   std::FILE* fp = nullptr;
-  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) &&
-      ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK) == 0)
+  // Of the status flags only O_NONBLOCK is set: clearing them all clears it.
+  if (::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && ::fcntl(fd, F_SETFL, 0) == 0)
     fp = ::fdopen(fd, "rb");
   if (fp == nullptr) ::close(fd);
-  return File(fp);
+  File f(fp);
+  f.OwnBuffer();
+  return f;
 }
 
 File File::CreateWrite(const std::string& path) {
   if (path.empty()) return File();
-  return File(std::fopen(ToNative(path).c_str(), "wb"));
+  File f(std::fopen(ToNative(path).c_str(), "wb"));
+  f.OwnBuffer();
+  return f;
+}
+
+void File::OwnBuffer() {
+  constexpr size_t kBufferSize = 8192;
+  if (fp_ == nullptr) return;
+  buffer_.reset(new char[kBufferSize]);
+  if (std::setvbuf(fp_, buffer_.get(), _IOFBF, kBufferSize) != 0) buffer_.reset();
 }
 
 size_t File::Read(void* buffer, size_t size) {
@@ -74,6 +89,20 @@ size_t File::Read(void* buffer, size_t size) {
   const size_t n = std::fread(buffer, 1, size, fp_);
   pos_ = n == size && pos_ >= 0 ? pos_ + static_cast<int64_t>(n) : -1;
   return n;
+}
+
+bool File::ReadAt(uint64_t offset, void* buffer, size_t size) const {
+  if (fp_ == nullptr || offset > static_cast<uint64_t>(INT64_MAX)) return false;
+  auto* at = static_cast<unsigned char*>(buffer);
+  while (size > 0) {
+    const ssize_t n = ::pread(::fileno(fp_), at, size, static_cast<off_t>(offset));
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    at += n;
+    offset += static_cast<uint64_t>(n);
+    size -= static_cast<size_t>(n);
+  }
+  return true;
 }
 
 bool File::Write(const void* data, size_t size) {
@@ -124,13 +153,18 @@ bool File::Close() {
   if (fp_ == nullptr) return true;
   const bool ok = std::fclose(fp_) == 0;
   fp_ = nullptr;
+  buffer_.reset();
   return ok;
 }
 
 bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out, uint64_t maxSize) {
-  out.clear();
   File f = File::OpenRead(path);
-  if (!f.IsOpen()) return false;
+  return ReadWholeFile(f, out, maxSize);
+}
+
+bool ReadWholeFile(File& f, std::vector<unsigned char>& out, uint64_t maxSize) {
+  out.clear();
+  if (!f.IsOpen() || !f.Seek(0)) return false;
   const uint64_t size = f.Size();
   if (size > maxSize || size > SIZE_MAX) return false;
   out.resize(static_cast<size_t>(size));

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -65,6 +66,9 @@ class File {
   bool IsOpen() const { return fp_ != nullptr; }
   // Bytes read; fewer at the end of the file or on an error.
   size_t Read(void* buffer, size_t size);
+  // Reads `size` bytes at `offset` without moving the stream (so callers on several threads may
+  // share one open file); false when fewer are there.
+  bool ReadAt(uint64_t offset, void* buffer, size_t size) const;
   // True when all bytes were written.
   bool Write(const void* data, size_t size);
   bool Seek(uint64_t offset);
@@ -79,13 +83,19 @@ class File {
  private:
   friend class TempFile;
   explicit File(std::FILE* fp) : fp_(fp) {}
+  // Gives the stream a buffer of our own: left to itself, the C library asks the system for the
+  // file's block size to size one, a system call per file opened.
+  void OwnBuffer();
   std::FILE* fp_ = nullptr;
   int64_t pos_ = 0;  // where the stream stands, as far as our own calls moved it; -1: unknown
+  std::unique_ptr<char[]> buffer_;  // the stream's buffer, freed after the stream is closed
 };
 
 // Reads a whole regular file. False when it cannot be opened or read, or is larger than maxSize.
 bool ReadWholeFile(const std::string& path, std::vector<unsigned char>& out,
                    uint64_t maxSize = UINT64_MAX);
+// The same for a file already open, read from its start.
+bool ReadWholeFile(File& f, std::vector<unsigned char>& out, uint64_t maxSize = UINT64_MAX);
 
 }  // namespace qx::fs
 

@@ -12,6 +12,7 @@
 #include <new>
 #include <utility>
 
+#include "platform/ProcessState.h"
 #include "platform/TempFile.h"
 #include "platform/codepage.h"
 
@@ -153,11 +154,9 @@ struct Cache {
   Tree tree;
 };
 
-Cache& TheCache() {
-  // Never destroyed: other static destructors may still release registered objects.
-  static Cache* cache = new Cache;
-  return *cache;
-}
+ProcessState<Cache> gCache;
+
+Cache& TheCache() { return gCache.Get(); }
 
 bool ReadAll(int fd, std::string& text) {
   text.clear();
@@ -256,6 +255,8 @@ LONG Read(const std::function<LONG(const Tree&)>& visit) {
 }
 
 }  // namespace
+
+void ReleaseProcessState() { gCache.Release(); }
 
 bool NoCaseLess::operator()(std::string_view a, std::string_view b) const {
   return codepage::LessNoCase1252(a, b);

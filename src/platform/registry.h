@@ -90,6 +90,9 @@ class Tree {
   std::unique_ptr<Key> root_;
 };
 
+// Frees what the store keeps for the process (the parsed file); for module unload.
+void ReleaseProcessState();
+
 // The file the store lives in (see top of file).
 std::string StorePath();
 

@@ -11,6 +11,8 @@ if ! command -v tmux >/dev/null 2>&1; then
   exit 0
 fi
 work=$(mktemp -d)
+export TMPDIR=$work/tmp  # what a killed command leaves in the private folder goes with $work
+mkdir "$TMPDIR"
 sock="qxdup$$"
 trap 'tmux -L "$sock" kill-server 2>/dev/null; rm -rf "$work"' EXIT INT TERM
 failures=0
@@ -82,27 +84,36 @@ run_case replace_all a 0 yes
 run_case skip s 3 no
 run_case escape Escape 3 no
 
-# get onto an existing file, on a terminal without -o or -n: asked, Skip the default.
+# get onto an existing file, on a terminal without -o or -n: asked, Skip the default. KEYS
+# "kill": extract instead, killed while it asks; the group and the folder stay as they were.
 # overwrite_case NAME KEYS REPLACED
 overwrite_case() {
   local name=$1 keys=$2 replaced=$3
   local dir="$work/$name" before=$failures
   mkdir -p "$dir"
   echo mine >"$dir/main.PROG1.map"; cp "$dir/main.PROG1.map" "$dir/mine"
+  cp "$src/samples/school.mag" "$dir/g.mag"
+  local cmd=get; [ "$keys" = kill ] && cmd=extract
   tmux -L "$sock" new-session -d -s "$name" -x 100 -y 30 \
-    "'$qx' get '$src/samples/school.mag' main.PROG1.map -C '$dir' 2>'$dir/err'; \
+    "'$qx' $cmd '$dir/g.mag' main.PROG1.map -C '$dir' 2>'$dir/err'; \
      echo \$? >'$dir/status'; sleep 60"
   if ! wait_until screen_shows "$name" "Cancel"; then
     echo "FAIL $name: no question appeared"; screen "$name" | sed 's/^/    | /'
     failures=$((failures + 1)); return
   fi
   screen "$name" >"$dir/screen"
-  # shellcheck disable=SC2086
-  tmux -L "$sock" send-keys -t "$name" $keys
+  if [ "$keys" = kill ]; then
+    pkill -KILL -P "$(tmux -L "$sock" display -p -t "$name" '#{pane_pid}')"
+  else
+    # shellcheck disable=SC2086
+    tmux -L "$sock" send-keys -t "$name" $keys
+  fi
   if ! wait_until [ -s "$dir/status" ]; then
     echo "FAIL $name: no answer after the keys"; failures=$((failures + 1)); return
   fi
-  [ "$(cat "$dir/status")" = 0 ] || { echo "FAIL $name: status $(cat "$dir/status")"; failures=$((failures + 1)); }
+  [ "$(cat "$dir/status")" = "$([ "$keys" = kill ] && echo 137 || echo 0)" ] ||
+    { echo "FAIL $name: status $(cat "$dir/status")"; failures=$((failures + 1)); }
+  cmp -s "$dir/g.mag" "$src/samples/school.mag" || { echo "FAIL $name: group changed"; failures=$((failures + 1)); }
   if cmp -s "$dir/main.PROG1.map" "$dir/mine"; then local now=no; else local now=yes; fi
   [ "$now" = "$replaced" ] || { echo "FAIL $name: replaced=$now (want $replaced)"; failures=$((failures + 1)); }
   grep -qF 'File Exists' "$dir/screen" && grep -qF \
@@ -118,6 +129,7 @@ overwrite_case overwrite o yes
 overwrite_case overwrite_all a yes
 overwrite_case keep_on_enter Enter no
 overwrite_case keep_on_escape Escape no
+overwrite_case kill_during_extract kill no
 
 if [ $failures -ne 0 ]; then
   echo "duplicate_prompt: $failures failed"

@@ -50,11 +50,19 @@ check "create mixing families" 1 '^qxgroup: prog1.map: cannot go into keep.mag: 
   "$qx" create keep.mag A.kcn prog1.map
 same keep.mag keep.orig "refused create"
 check "create with a flash file" 1 'Hello.kdk: cannot go into new.mag: .*flash' -- "$qx" create new.mag prog1.map Hello.kdk
+check "create in a missing folder" 1 '^qxgroup: no such folder: nodir$' -- "$qx" create nodir/x.mag prog1.map
 check "create from text" 1 '^qxgroup: notes.txt: not a calculator file' -- "$qx" create new.mag notes.txt
 check "extension of another family" 1 'x.mag: a group of KDX-family files is named .kdg' -- "$qx" create x.mag PROG.kdp
 check "not a group extension" 1 'is named .mag' -- "$qx" create out.txt prog1.map
 ls new.mag x.mag out.txt >/dev/null 2>&1 && fail "a refused create left a file"
 check "--force keeps the name" 0 '^$' -- "$qx" create --force x.mag PROG.kdp
+# A variable type an MA-style group has no file extension for (0x05): refused, whatever its place.
+python3 -c 'import sys; b = bytearray(open("prog1.map", "rb").read()); b[0x48] = 5; sys.stdout.buffer.write(b)' >odd.map
+check "create with a kind the group cannot hold" 1 'odd.map: cannot go into new.mag: .*type 0x05' -- \
+  "$qx" create new.mag prog1.map odd.map
+[ -e new.mag ] && fail "a refused create left new.mag"
+{ printf '**QXHWL*\0\0'; tail -c +11 prog1.map; } >v.hwl
+check "create of a group that could not be opened again" 1 'never opened again' -- "$qx" create h.grp v.hwl
 
 # extract checks every member first; get writes what exists and exits 11 for the rest.
 cp school.mag s2.mag
@@ -87,7 +95,10 @@ check "list --json" 0 '' -- "$qx" list --json school.mag
 grep -qx '{"group":"school.mag","members":\["main.PROG1.map","main.GREETING.mas","work.L1.mal"\]}' out.txt ||
   fail "list --json: $(cat out.txt)"
 check "--json failure" 1 '' -- "$qx" list --json gone.mag
-grep -qx '{"error":"gone.mag: not a group file (no such file)"}' out.txt || fail "json error: $(cat out.txt)"
+grep -qx '{"error":"gone.mag: not a group file (no such file)","code":"not-a-group"}' out.txt ||
+  fail "json error: $(cat out.txt)"
+check "--json failure of the command's own check" 1 '' -- "$qx" split-path --json nothere.mag/x
+grep -q '"code":"not-a-group"' out.txt || fail "json error code: $(cat out.txt)"
 
 echo "keeps_files: $failures failed"
 [ "$failures" = 0 ]

@@ -36,6 +36,8 @@ grep -q 'QXPackageInfo' "$QXGROUPMGR_REGISTRY" && { echo "FAIL ProgID left"; fai
 expect "not a module" 1 "" "cannot load .*notes.txt" -- "$qx" register --module "$samples/notes.txt"
 printf 'damaged\n' >"$QXGROUPMGR_REGISTRY"
 expect "damaged registry" 1 "" "registry.reg does not parse; it was left as it is" -- "$qx" register
+expect "ProgID in a damaged registry" 1 "" "cannot look up QXGroupMgr.FileManager: .*does not parse" -- \
+  "$qx" call --progid QXGroupMgr.FileManager IsGroup
 [ "$(cat "$QXGROUPMGR_REGISTRY")" = damaged ] || { echo "FAIL damaged registry rewritten"; failures=$((failures + 1)); }
 
 expect "old-style group" 1 "^$" "^qxgroup: not a package: .*imsmanifest.xml.*school.mag$" -- \
@@ -73,6 +75,7 @@ z("upper.qxp", [("IMSMANIFEST.XML", M)])
 z("folder.qxp", [("imsmanifest.xml/", b""), ("imsmanifest.xml/x.txt", b"x")])
 z("plain.qxg", [("a.txt", b"a")])
 z("ok.qxp", [("imsmanifest.xml", M)])
+z("malformed.qxp", [("imsmanifest.xml", b"<manifest><title>x</title")])
 b = bytearray(open("ok.qxp", "rb").read())
 b[b.find(M) + 5] ^= 0xFF  # stored bytes no longer match the CRC
 open("damaged.qxp", "wb").write(b)
@@ -82,6 +85,8 @@ for sig, off in ((b"PK\x03\x04", 22), (b"PK\x01\x02", 24)):
     struct.pack_into("<I", b, b.find(sig) + off, 100)  # states 100 bytes, inflates to 1 MB
 open("overinflate.qxp", "wb").write(b)
 PY
+expect "malformed manifest" 0 "^malformed.qxp$" "^qxgroup: warning: .*malformed.qxp: its manifest does not load" -- \
+  "$qx" package malformed.qxp
 corpus=$2/../shared/corpus/ims
 if [ -d "$corpus" ]; then
   for f in "$corpus"/*.zip; do cp "$f" "$(basename "$f" .zip).qxp"; done

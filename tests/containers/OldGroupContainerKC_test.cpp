@@ -115,6 +115,30 @@ TEST_F(KCGroupTest, AddingFamiliesAndDuplicates) {
   }
 }
 
+// A replacement only marks the old entries; the group written must be what deleting them writes:
+// the family's own signature, every entry of the name gone, bytes after the checksum or left
+// over at the end of the section dropped.
+TEST_F(KCGroupTest, ReplacingWritesWhatDeletingWould) {
+  const std::string a = KCEntry(5, "A", "aa"), b = KCEntry(5, "B", "bbb"), c = KCEntry(5, "C", "c");
+  const std::string bNew = KCEntry(5, "B", "new");
+  const struct {
+    const char* name;
+    std::string start;
+  } rows[] = {
+      {"signature and bytes after the checksum", kKC.substr(0, 10) + "Z" + KCFile(kKC, "c", a + b + c).substr(11) + "tail"},
+      {"two entries of the name", KCFile(kKC, "c", a + b + c + b)},
+      {"section not filled by its entries", KCFile(kKC, "c", a + b + c + "xyz")},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const std::string group = dir_.Write("g.kcg", row.start);
+    const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", bNew));
+    OldGroupContainerKC container(group, nullptr);
+    EXPECT_EQ(container.AddMembers({dup}, "", nullptr, nullptr, nullptr), 1);
+    EXPECT_EQ(Read(group), KCFile(kKC, "c", a + c + bNew));
+  }
+}
+
 TEST_F(KCGroupTest, Deleting) {
   const struct {
     const char* name;

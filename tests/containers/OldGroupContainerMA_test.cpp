@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "containers/ContainerFactory.h"
 #include "containers/OldGroupBytes.h"
 #include "containers/OldGroupContainerMA.h"
 #include "platform/Diagnostic.h"
@@ -179,6 +180,8 @@ TEST_F(MAGroupTest, ReplacingDuplicatesWritesWhatDeletingWould) {
       {"emptied folder", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}}, {{"main", {b}}, {"x", {a1}}}},
       {"emptied twice", {{"x", {a}}, {"main", {b}}}, "", {{"x", a1}, {"x", a2}}, {{"main", {b}}, {"x", {a2}}}},
       {"tail", {{"main", {a, b}}}, "TT", {{"main", b1}}, {{"main", {b1, {"A", 0x12, "aaaaTT"}}}}},
+      {"tail before a new folder", {{"x", {a}}, {"main", {b}}}, "TT", {{"x", a1}},
+       {{"main", {{"B", 0x12, "bbTT"}}}, {"x", {a1}}}},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
@@ -237,6 +240,44 @@ TEST_F(MAGroupTest, MembersPastTheEndFailCleanly) {
       EXPECT_FALSE(std::filesystem::exists(out + row.member));
     }
     EXPECT_EQ(Read(group), row.bytes);
+  }
+}
+
+// Another process cuts the group short while the duplicate question is open: the rewrite, which
+// copies members from the group, fails with a reason, leaves the group as the other process left
+// it and no temporary file beside it. Both old-style families, through the factory.
+TEST_F(MAGroupTest, GroupCutShortDuringAChangeStaysAsItIs) {
+  const std::string big(60000, 'x');  // larger than a read buffers, so the cut is met
+  std::string kc = KCFile(kKC, "", KCEntry(5, "A", big) + KCEntry(5, "B", big));
+  kc.replace(53, 2, Le16(0));  // a section past 64 KiB stores length 0
+  const struct {
+    const char* name;
+    std::string group, dup;
+  } rows[] = {
+      {"g.mag", MAGroupFile({{"main", {{"A", 0x12, big}, {"B", 0x12, big}}}}), MAVarFile("main", {"A", 0x12, "11"})},
+      {"g.kcg", kc, KCFile(kKC, "", KCEntry(5, "A", "11"))},
+  };
+  struct Cut {
+    std::string path;
+    static PromptResult Ask(const std::string&, PromptReason, GroupContainer*, void* ctx) {
+      std::filesystem::resize_file(static_cast<Cut*>(ctx)->path, 100);
+      return PromptReplace;
+    }
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    const size_t before = FilesInDir();
+    const std::string group = dir_.Write(row.name, row.group);
+    const std::string dup = dir_.Write(std::string("a") + (row.name + 1), row.dup);
+    Cut cut{group};
+    std::unique_ptr<GroupContainer> container = ContainerFactory().CreateContainer(group);
+    ASSERT_NE(container, nullptr);
+    diag::Clear();
+    EXPECT_EQ(container->AddMembers({dup}, "", nullptr, &Cut::Ask, &cut), 0);
+    ASSERT_NE(diag::Current(), nullptr);
+    EXPECT_EQ(diag::Current()->code, "damaged");
+    EXPECT_EQ(std::filesystem::file_size(group), 100u);
+    EXPECT_EQ(FilesInDir(), before + 2);  // the group and the file added
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include "containers/ContainerFactory.h"
 #include "frame/FileManager.h"
+#include "platform/codepage.h"
 #include "platform/shell.h"
 
 namespace qx::test {
@@ -21,17 +22,13 @@ struct Script {
   std::vector<PromptResult> answers;
   std::vector<std::string> calls;  // "Op(arg|arg)" in call order
   std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
-  std::vector<std::string> paths;           // the group path of every container made
   int live = 0;                             // containers not yet destroyed
 };
 
 class FakeContainer : public GroupContainer {
  public:
   FakeContainer(std::string path, ContainerFactory* factory, Script& script)
-      : GroupContainer(std::move(path), factory), s_(script) {
-    ++s_.live;
-    s_.paths.push_back(path_);
-  }
+      : GroupContainer(std::move(path), factory), s_(script) { ++s_.live; }
   ~FakeContainer() override { --s_.live; }
 
   int32_t AddMembers(const StringList& files, const std::string& dest, int32_t* state,
@@ -43,12 +40,8 @@ class FakeContainer : public GroupContainer {
     return s_.result;
   }
   int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers(" + Join(names) + ")"); }
-  int32_t ExtractMember(const std::string& name, const std::string& dest) override {
-    return Record("ExtractMember(" + name + "|" + dest + ")");
-  }
-  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override {
-    return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")");
-  }
+  int32_t ExtractMember(const std::string& name, const std::string& dest) override { return Record("ExtractMember(" + name + "|" + dest + ")"); }
+  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override { return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")"); }
   int32_t ExtractAllMembers(const std::string& dest) override { return Record("ExtractAllMembers(" + dest + ")"); }
   int32_t ContainsMember(const std::string& name) override { return Record("ContainsMember(" + name + ")"); }
   int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
@@ -73,8 +66,7 @@ class FakeContainer : public GroupContainer {
   int32_t Record(std::string call) {
     const bool fails = !s_.failOnly.empty() && call.starts_with(s_.failOnly);
     s_.calls.push_back(std::move(call));
-    if (!s_.failOnly.empty()) return fails ? 0 : 1;
-    return s_.result;
+    return s_.failOnly.empty() ? s_.result : !fails;
   }
   Script& s_;
 };
@@ -122,5 +114,41 @@ struct Held {
   Held& operator=(const Held&) = delete;
   T* operator->() const { return p; }
 };
+
+// Calls a member by name through IDispatch with string arguments, as a script does: kOut stands
+// for an [out] string, kNull for a null string. `out` receives the [out] or returned string.
+inline const std::string kOut = "<out>", kNull = "<null>";
+inline HRESULT CallByName(IUnknown* object, const char16_t* name, const std::vector<std::string>& args,
+                          std::string* out = nullptr) {
+  IDispatch* d = nullptr;
+  if (object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&d)) != S_OK) return E_NOINTERFACE;
+  d->Release();  // the caller's reference keeps the object alive
+  DISPID id = 0;
+  LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+  if (d->GetIDsOfNames(IID_NULL, names, 1, 0, &id) != S_OK) return E_UNEXPECTED;
+  std::vector<Bstr> strings(args.size());
+  std::vector<VARIANT> reversed(args.size());
+  for (size_t i = 0; i < args.size(); ++i) {
+    const std::string& arg = args[args.size() - 1 - i];
+    VariantInit(&reversed[i]);
+    reversed[i].vt = static_cast<VARTYPE>(arg == kOut ? VT_BYREF | VT_BSTR : VT_BSTR);
+    if (arg == kOut) reversed[i].pbstrVal = strings[i].address();
+    if (arg != kOut && arg != kNull) strings[i] = Bstr(codepage::Utf8ToWide(arg));
+    if (arg != kOut) reversed[i].bstrVal = strings[i].get();
+  }
+  DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
+  VARIANT result;
+  VariantInit(&result);
+  const HRESULT hr = d->Invoke(id, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET, &params,
+                               &result, nullptr, nullptr);
+  if (out != nullptr) {
+    *out = result.vt == VT_BSTR ? codepage::WideToUtf8(Bstr::Attach(result.bstrVal).view()) : "";
+    if (result.vt == VT_BSTR) result.vt = VT_EMPTY;
+    for (size_t i = 0; i < args.size(); ++i)
+      if (args[args.size() - 1 - i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
+  }
+  VariantClear(&result);
+  return hr;
+}
 
 }  // namespace qx::test

@@ -1,6 +1,8 @@
 /* A C11 caller of the component: class object, instance and calls through lpVtbl. */
 #include <stdio.h>
+#include <string.h>
 
+#include "qxgroupmgr/ErrorCode.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
 #define CHECK(expr, expected)                                                              \
@@ -27,6 +29,17 @@ int RunCCaller(char* message, size_t size) {
   LONG value = 3;
   CHECK(fm->lpVtbl->UseQXAscii(fm, 0), E_NOTIMPL);
   CHECK(fm->lpVtbl->ReadContents(fm, group, &list), E_FAIL);
+  /* The failure's code, through the error object's second interface. */
+  IErrorInfo* info = NULL;
+  IQXErrorCode* coded = NULL;
+  BSTR code = NULL;
+  CHECK(GetErrorInfo(0, &info), S_OK);
+  CHECK(info->lpVtbl->QueryInterface(info, &IID_IQXErrorCode, (void**)&coded), S_OK);
+  CHECK(coded->lpVtbl->GetCode(coded, &code), S_OK);
+  CHECK(SysStringLen(code) == 11 && memcmp(code, u"not-a-group", 22) == 0 ? S_OK : E_FAIL, S_OK);
+  SysFreeString(code);
+  coded->lpVtbl->Release(coded);
+  info->lpVtbl->Release(info);
   CHECK(fm->lpVtbl->ReadContents(fm, group, NULL), E_POINTER);
   CHECK(fm->lpVtbl->GetFile(fm, group, NULL, NULL), E_FAIL);
   CHECK(fm->lpVtbl->get_IsGroup(fm, group, &value), S_OK);

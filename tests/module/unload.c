@@ -1,10 +1,15 @@
 /* Loads the module with dlopen as a host program does, works both classes (the XML service
- * builds a listing, the package object opens a group), releases everything and unloads the
- * module once DllCanUnloadNow allows it. Under the sanitizers LeakSanitizer then checks that the
- * unload freed what the module kept for the process.
- *   unload MODULE SAMPLES_DIR */
+ * builds a listing, the package object opens a group) and the registry store (registers and
+ * unregisters the module), releases everything and unloads the module once DllCanUnloadNow
+ * allows it. The work runs on a thread of its own that ends first: a thread that used the module
+ * holds it loaded until it ends. Under the sanitizers LeakSanitizer then checks that the unload
+ * freed what the module kept for the process.
+ *   unload MODULE SAMPLES_DIR REGISTRY_FILE */
+#define _GNU_SOURCE /* RTLD_NOLOAD, setenv */
 #include <dlfcn.h>
+#include <pthread.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include "qxgroupmgr/QXGroupMgr.h"
@@ -27,24 +32,26 @@ static BSTR Wide(const char* text) {
   return allocString(buffer);
 }
 
-int main(int argc, char** argv) {
-  if (argc != 3) FAIL("usage: unload MODULE SAMPLES_DIR");
-  module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
-  if (module == NULL) FAIL("cannot load %s: %s", argv[1], dlerror());
+static const char* samples;
+
+static int Work(void) {
   HRESULT (*getClassObject)(REFCLSID, REFIID, void**);
-  HRESULT (*canUnloadNow)(void);
+  HRESULT (*registerServer)(void);
+  HRESULT (*unregisterServer)(void);
   void (*freeString)(BSTR);
   LOAD(getClassObject, "DllGetClassObject");
-  LOAD(canUnloadNow, "DllCanUnloadNow");
+  LOAD(registerServer, "DllRegisterServer");
+  LOAD(unregisterServer, "DllUnregisterServer");
   LOAD(freeString, "SysFreeString");
   LOAD(allocString, "SysAllocString");
   const IID* iidFactory = Symbol("IID_IClassFactory");
-  if (getClassObject == NULL || canUnloadNow == NULL || freeString == NULL ||
-      allocString == NULL || iidFactory == NULL)
+  if (getClassObject == NULL || registerServer == NULL || unregisterServer == NULL ||
+      freeString == NULL || allocString == NULL || iidFactory == NULL)
     FAIL("the module lacks its entry points");
+  if (registerServer() != S_OK || unregisterServer() != S_OK) FAIL("registration failed");
 
   char group[4096];
-  snprintf(group, sizeof group, "%s/school.mag", argv[2]);
+  snprintf(group, sizeof group, "%s/school.mag", samples);
   BSTR path = Wide(group);
 
   IClassFactory* cf = NULL;
@@ -71,9 +78,32 @@ int main(int argc, char** argv) {
   freeString(title);
   info->lpVtbl->Release(info);
   freeString(path);
+  return 0;
+}
+
+static void* Run(void* result) {
+  *(int*)result = Work();
+  return NULL;
+}
+
+int main(int argc, char** argv) {
+  if (argc != 4) FAIL("usage: unload MODULE SAMPLES_DIR REGISTRY_FILE");
+  samples = argv[2];
+  setenv("QXGROUPMGR_REGISTRY", argv[3], 1);
+  module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
+  if (module == NULL) FAIL("cannot load %s: %s", argv[1], dlerror());
+  HRESULT (*canUnloadNow)(void);
+  LOAD(canUnloadNow, "DllCanUnloadNow");
+  if (canUnloadNow == NULL) FAIL("the module lacks DllCanUnloadNow");
+  pthread_t worker;
+  int failed = 1;
+  if (pthread_create(&worker, NULL, Run, &failed) != 0 || pthread_join(worker, NULL) != 0)
+    FAIL("cannot run the worker thread");
+  if (failed) return 1;
 
   if (canUnloadNow() != S_OK) FAIL("DllCanUnloadNow refuses after every release");
   if (dlclose(module) != 0) FAIL("dlclose: %s", dlerror());
+  if (dlopen(argv[1], RTLD_NOW | RTLD_NOLOAD) != NULL) FAIL("the module stayed loaded");
   puts("unload: ok");
   return 0;
 }

@@ -149,7 +149,6 @@ class ScopedTmpDir {
       if (e.path() != Private()) ++n;
     return n;
   }
-  const TempDir& dir() const { return dir_; }
 
  private:
   TempDir dir_;

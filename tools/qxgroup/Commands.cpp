@@ -2,12 +2,15 @@
 #include "qxgroup/Commands.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <utility>
 
 #include "formats/DeviceFamily.h"
@@ -33,7 +36,7 @@ void RequireFiles(const std::vector<std::string>& files) {
   for (const std::string& f : files) {
     CheckListItem(f, "file name");
     const uint32_t attrs = fs::GetAttributes(Ansi(f));
-    if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f};
+    if (attrs == fs::kInvalidAttributes) throw Failure{"no such file: " + f, "no-such-file"};
   }
 }
 
@@ -41,8 +44,8 @@ void RequireFolder(const std::string& dir) {
   if (dir.empty()) return;
   CheckRepresentable(dir, "folder name");
   const uint32_t attrs = fs::GetAttributes(Ansi(dir));
-  if (attrs == fs::kInvalidAttributes) throw Failure{"no such folder: " + dir};
-  if (!(attrs & fs::kAttrDirectory)) throw Failure{"not a folder: " + dir};
+  if (attrs == fs::kInvalidAttributes) throw Failure{"no such folder: " + dir, "no-such-folder"};
+  if (!(attrs & fs::kAttrDirectory)) throw Failure{"not a folder: " + dir, "not-a-folder"};
 }
 
 // "main.NOPE.map: no such member in g.mag", or "a, b: no such members in g.mag".
@@ -56,6 +59,28 @@ void PrintList(const std::string& utf8List) {
   for (const std::string& item : SplitCommaList(utf8List)) std::printf("%s\n", item.c_str());
 }
 
+// The members the names stand for; names are checked before anything is asked of the group.
+MemberSelection Choose(const std::string& group, const std::vector<std::string>& names,
+                       std::vector<std::string>* all = nullptr) {
+  CheckRepresentable(group, "group file name");
+  for (const std::string& m : names) CheckListItem(m, "member name");
+  std::vector<std::string> members = ListMembers(group);
+  MemberSelection chosen = SelectMembers(
+      members, names, ReachesNested(names) ? NestedMembers(group) : std::vector<NestedMember>{});
+  FindNested(group, chosen);
+  if (all != nullptr) *all = std::move(members);
+  return chosen;
+}
+
+void RefuseEmptying(const std::string& group, const std::vector<std::string>& all,
+                    const std::vector<std::string>& chosen, const char* doing, const char* done) {
+  const std::string emptied = EmptiedGroup(group, all, chosen);
+  if (emptied.empty()) return;
+  throw Failure{(emptied == group ? group : group + ": " + emptied) + ": " + doing +
+                    " every member would leave the group empty; nothing " + done,
+                "keeps-one"};
+}
+
 }  // namespace
 
 Conventions& Settings() {
@@ -65,6 +90,8 @@ Conventions& Settings() {
 
 int CmdCreate(const std::string& group, const std::vector<std::string>& files, bool force) {
   CheckRepresentable(group, "group file name");
+  const size_t slash = group.find_last_of('/');
+  if (slash != std::string::npos && slash > 0) RequireFolder(group.substr(0, slash));
   RequireFiles(files);
   const std::string list = JoinList(files, "file name");
   CheckCreate(group, files, force);
@@ -133,9 +160,10 @@ int CmdAdd(const std::string& group, const std::vector<std::string>& files,
 int CmdDelete(const std::string& group, const std::vector<std::string>& members) {
   CheckRepresentable(group, "group file name");
   for (const std::string& m : members) CheckListItem(m, "member name");
-  MemberSelection chosen = SelectMembers(ListMembers(group), members);
-  FindNested(group, chosen);
-  if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group)};
+  std::vector<std::string> all;
+  const MemberSelection chosen = Choose(group, members, &all);
+  if (!chosen.missing.empty()) throw Failure{NoSuchMembers(chosen.missing, group), "no-member"};
+  RefuseEmptying(group, all, chosen.found, "deleting", "deleted");
   const std::string list = JoinList(chosen.found, "member name");
   const HRESULT hr = Session()->DeleteFiles(ToBstr(group).get(), ToBstr(list).get());
   if (FAILED(hr)) FailWithReason("cannot delete from " + group);
@@ -181,11 +209,6 @@ std::string Target(const std::string& dest, const std::string& name) {
   return dest.back() == '/' ? dest + name : dest + "/" + name;
 }
 
-std::string TempFolder() {
-  const char* tmp = std::getenv("TMPDIR");
-  return tmp != nullptr && *tmp != '\0' ? tmp : "/tmp";
-}
-
 // Copies one member into the staging folder, which is empty before.
 void StageMember(const std::string& group, const std::string& member, const Staging& staging) {
   const HRESULT hr = Session()->GetFile(ToBstr(group).get(), ToBstr(member).get(),
@@ -193,7 +216,13 @@ void StageMember(const std::string& group, const std::string& member, const Stag
   if (FAILED(hr)) FailWithReason("cannot get " + member + " from " + group);
 }
 
+// A staged file, or every file of a staged folder in name order, on standard output.
 void CopyToStdout(const std::string& path) {
+  struct stat st;
+  if (::stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    for (const std::string& name : FolderEntries(path)) CopyToStdout(path + "/" + name);
+    return;
+  }
   std::FILE* in = std::fopen(path.c_str(), "rb");
   if (in == nullptr) throw Failure{"cannot read " + path};
   char buf[1 << 16];
@@ -206,27 +235,50 @@ void CopyToStdout(const std::string& path) {
   std::fclose(in);
 }
 
+std::string LowerAscii(std::string s) {
+  for (char& c : s) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  return s;
+}
+
+// The folders of a group, from its list ("unit1\quiz.kdp" gives "unit1"), in lower case.
+std::set<std::string> FoldersOf(const std::vector<std::string>& members) {
+  std::set<std::string> folders;
+  for (const std::string& m : members)
+    for (size_t cut = m.find('\\'); cut != std::string::npos; cut = m.find('\\', cut + 1))
+      folders.insert(LowerAscii(m.substr(0, cut)));
+  return folders;
+}
+
+// Where a member goes under `dest`: into its folders inside the group, made as needed, as unzip
+// does ("unit1\quiz.kdp" => DEST/unit1/). A nested group's members go where the nested group
+// would go ("unit1\data.kdg\A.kdn" => DEST/unit1/), so no folder takes a group file's name.
+std::string MemberFolder(const std::string& dest, const std::string& member,
+                         const std::set<std::string>& folders) {
+  std::string path = dest.empty() ? std::string() : (dest.back() == '/' ? dest : dest + "/");
+  size_t start = 0;
+  for (size_t cut = member.find('\\'); cut != std::string::npos;
+       start = cut + 1, cut = member.find('\\', start)) {
+    if (folders.count(LowerAscii(member.substr(0, cut))) == 0) break;
+    const std::string part = member.substr(start, cut - start);
+    if (part.empty() || part == "." || part == "..")
+      throw Failure{member + ": a folder of this name cannot be made", "unsafe-name"};
+    path += part;
+    struct stat st;
+    if (::mkdir(path.c_str(), 0777) != 0 &&
+        (::stat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode)))
+      throw Failure{"cannot make the folder " + path + " for " + member, "cannot-create"};
+    path += "/";
+  }
+  return path.empty() ? dest : path;
+}
+
 // Moves what the staging folder holds into `dest`; true when every file got there.
 bool PlaceStaged(const Staging& staging, const std::string& dest, Placer& placer) {
   bool all = true;
   for (const std::string& f : staging.Files())
-    if (!placer.Place(staging.Path() + f, Target(dest, f))) {
-      all = false;
-      std::remove((staging.Path() + f).c_str());
-    }
+    if (!placer.Place(staging.Path() + f, Target(dest, f))) all = false;
+  staging.Clear();  // what was kept back, so the next member finds the folder empty
   return all;
-}
-
-// The members the names stand for; names are checked before anything is asked of the group.
-MemberSelection Choose(const std::string& group, const std::vector<std::string>& names,
-                       std::vector<std::string>* all = nullptr) {
-  CheckRepresentable(group, "group file name");
-  for (const std::string& m : names) CheckListItem(m, "member name");
-  std::vector<std::string> members = ListMembers(group);
-  MemberSelection chosen = SelectMembers(members, names);
-  FindNested(group, chosen);
-  if (all != nullptr) *all = std::move(members);
-  return chosen;
 }
 
 }  // namespace
@@ -234,24 +286,34 @@ MemberSelection Choose(const std::string& group, const std::vector<std::string>&
 int CmdGet(const std::string& group, const std::vector<std::string>& members,
            const std::string& dest, bool toStdout) {
   RequireFolder(dest);
-  const MemberSelection chosen = Choose(group, members);
+  std::vector<std::string> all;
+  const MemberSelection chosen = Choose(group, members, &all);
+  const std::set<std::string> folders = FoldersOf(all);
   int status = kExitOk;
   if (!chosen.found.empty()) {
     // One walk of an old-style group's table serves every member while the group is unchanged.
     const ReuseScope reuse;
-    Staging staging(toStdout ? TempFolder() : dest);
+    Staging staging(dest, !toStdout);
     Placer placer(Settings().overwrite, {group}, Settings().verbose);
     for (const std::string& m : chosen.found) {
       StageMember(group, m, staging);
       if (!toStdout) {
-        PlaceStaged(staging, dest, placer);
+        // A plain member's own file is moved without listing the folder; anything else the
+        // step wrote is swept up after the last member.
+        struct stat st;
+        const bool plain = m.find_first_of("\\/") == std::string::npos;
+        if (plain && ::lstat((staging.Path() + m).c_str(), &st) == 0) {
+          if (!placer.Place(staging.Path() + m, Target(dest, m)))
+            std::remove((staging.Path() + m).c_str());
+        } else {
+          PlaceStaged(staging, MemberFolder(dest, m, folders), placer);
+        }
         continue;
       }
-      for (const std::string& f : staging.Files()) {
-        CopyToStdout(staging.Path() + f);
-        std::remove((staging.Path() + f).c_str());
-      }
+      for (const std::string& f : staging.Files()) CopyToStdout(staging.Path() + f);
+      staging.Clear();
     }
+    if (!toStdout) PlaceStaged(staging, dest, placer);
     std::fflush(stdout);
     status = placer.Report(Settings().quiet);
   }
@@ -266,21 +328,16 @@ int CmdExtract(const std::string& group, const std::vector<std::string>& members
   std::vector<std::string> all;
   const MemberSelection chosen = Choose(group, members, &all);
   if (!chosen.missing.empty())
-    throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted"};
-  // Every member of the group's own list named (members inside nested groups do not count).
-  const auto topLevel = std::count_if(chosen.found.begin(), chosen.found.end(), [&](auto& m) {
-    return std::find(all.begin(), all.end(), m) != all.end();
-  });
-  if (static_cast<size_t>(topLevel) == all.size())
-    throw Failure{group + ": extracting every member would leave the group empty; nothing "
-                  "extracted (`expand` copies them all out)"};
+    throw Failure{NoSuchMembers(chosen.missing, group) + "; nothing extracted", "no-member"};
+  RefuseEmptying(group, all, chosen.found, "extracting", "extracted (`expand` copies them all out)");
+  const std::set<std::string> folders = FoldersOf(all);
   Staging staging(dest);
   Placer placer(Settings().overwrite, {group}, Settings().verbose);
   std::vector<std::string> placed;
   const ReuseScope reuse;  // the group is unchanged until the one delete at the end
   for (const std::string& m : chosen.found) {
     StageMember(group, m, staging);
-    if (PlaceStaged(staging, dest, placer)) placed.push_back(m);
+    if (PlaceStaged(staging, MemberFolder(dest, m, folders), placer)) placed.push_back(m);
   }
   // Only members whose file is in place leave the group, in one write.
   if (!placed.empty()) {
@@ -344,7 +401,7 @@ std::pair<std::string, std::string> GroupParts(const std::string& path) {
   Bstr group = ToBstr(path), inGroup;
   Session()->SplitPath(group.address(), inGroup.address());
   std::pair<std::string, std::string> parts{FromBstr(group.get()), FromBstr(inGroup.get())};
-  if (parts.first.empty()) throw Failure{path + ": no group file on this path"};
+  if (parts.first.empty()) throw Failure{path + ": no group file on this path", "not-a-group"};
   return parts;
 }
 

@@ -1,5 +1,6 @@
 // `qxgroup info FILE...`: what each file is, for people who wonder what they have.
 #include <cstdio>
+#include <utility>
 
 #include "formats/DeviceFamily.h"
 #include "formats/GroupKind.h"
@@ -52,20 +53,23 @@ std::string Describe(const std::string& path) {
 
 int CmdInfo(const std::vector<std::string>& files) {
   int status = kExitOk;
-  std::string json;  // with --json: the array of {"file":...,"info":...} or {"file":...,"error":...}
+  // With --json: the array of {"file":...,"info":...} or {"file":...,"error":...,"code":...}.
+  std::string json;
   for (const std::string& f : files) {
     JsonObject entry;
     entry.AddString("file", f);
     const std::string path = codepage::Utf8ToAnsi(f);
     const uint32_t attrs = fs::GetAttributes(path);
-    const char* problem = attrs == fs::kInvalidAttributes  ? "no such file"
-                          : (attrs & fs::kAttrDirectory)   ? "is a folder"
-                          : !fs::File::OpenRead(path).IsOpen() ? "cannot be read"
-                                                               : nullptr;
+    const auto [problem, code] =
+        attrs == fs::kInvalidAttributes      ? std::pair("no such file", "no-such-file")
+        : (attrs & fs::kAttrDirectory)       ? std::pair("is a folder", "is-a-folder")
+        : !fs::File::OpenRead(path).IsOpen() ? std::pair("cannot be read", "cannot-read")
+                                             : std::pair<const char*, const char*>(nullptr, "");
     if (problem != nullptr) {
       std::fprintf(stderr, "qxgroup: %s: %s\n", f.c_str(), problem);
       status = kExitFailed;
       entry.AddString("error", problem);
+      entry.AddString("code", code);
     } else if (Settings().json) {
       entry.AddString("info", Describe(path));
     } else {

@@ -1,4 +1,4 @@
-// --json: the answer of list, info and the path questions as one JSON document on stdout.
+// --json: the answer of list, info, package and the path questions as one JSON document on stdout.
 #pragma once
 
 #include <string>

@@ -2,14 +2,20 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <ctime>
 
+#include "platform/Diagnostic.h"
+#include "platform/TempFolder.h"
+#include "platform/codepage.h"
 #include "platform/ui.h"
 #include "qxgroup/Automation.h"
 
@@ -25,25 +31,105 @@ Overwrite ChooseOverwrite(bool overwrite, bool never) {
   return Overwrite::Ask;
 }
 
-Staging::Staging(const std::string& dest) {
+namespace {
+
+constexpr const char* kStagingPrefix = ".qxgroup-";
+constexpr time_t kStaleAfter = 3600;  // a staging folder this old belongs to no running command
+
+int RemoveEntry(const char* path, const struct stat*, int, struct FTW*) {
+  ::remove(path);
+  return 0;
+}
+
+// Removes a folder and what is below it; links are removed, never followed.
+void RemoveTree(const std::string& path) {
+  ::nftw(path.c_str(), &RemoveEntry, 16, FTW_DEPTH | FTW_PHYS);
+}
+
+// Staging folders left in `folder` by a command killed more than an hour ago.
+void RemoveStale(const std::string& folder) {
+  DIR* dir = ::opendir(folder.c_str());
+  if (dir == nullptr) return;
+  const time_t now = ::time(nullptr);
+  std::vector<std::string> stale;
+  while (const dirent* e = ::readdir(dir)) {
+    const std::string name = e->d_name;
+    struct stat st;
+    if (name.size() == std::strlen(kStagingPrefix) + 6 && name.starts_with(kStagingPrefix) &&
+        ::lstat((folder + name).c_str(), &st) == 0 && S_ISDIR(st.st_mode) &&
+        st.st_uid == ::geteuid() && now - st.st_mtime > kStaleAfter)
+      stale.push_back(folder + name);
+  }
+  ::closedir(dir);
+  for (const std::string& path : stale) RemoveTree(path);
+}
+
+bool SameFileSystem(const std::string& a, const std::string& b) {
+  struct stat sa, sb;
+  return ::stat(a.c_str(), &sa) == 0 && ::stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev;
+}
+
+// The component's private temporary folder (UTF-8, ending in "/"); empty when it cannot be had.
+std::string PrivateFolder() {
+  const diag::DiagnosticScope probe;  // a refusal here only means staging elsewhere
+  const std::string folder = fs::PrivateTempFolder();
+  return folder.empty() ? folder : codepage::AnsiToUtf8(folder);
+}
+
+// A fresh staging folder in `folder`; empty when it cannot be made (errno says why).
+std::string MakeIn(const std::string& folder) {
+  std::string pattern = folder + kStagingPrefix + "XXXXXX";
+  return ::mkdtemp(pattern.data()) == nullptr ? std::string() : pattern + "/";
+}
+
+}  // namespace
+
+Staging::Staging(const std::string& dest, bool placed) {
   std::string folder = dest.empty() ? std::string(".") : dest;
   if (folder.back() != '/') folder.push_back('/');
-  std::string pattern = folder + ".qxgroup-XXXXXX";
-  if (::mkdtemp(pattern.data()) == nullptr)
+  // Where a killed command leaves nothing in sight: the private temporary folder, when a
+  // rename from it reaches the destination. (It may vanish meanwhile: another process removes
+  // it once empty; then it is made again.)
+  for (int attempt = 0; attempt < 3 && path_.empty(); ++attempt) {
+    hidden_ = PrivateFolder();
+    if (hidden_.empty()) break;
+    if (placed && !SameFileSystem(hidden_, folder)) {
+      ::rmdir(hidden_.c_str());  // made for nothing: leave no empty folder behind
+      hidden_.clear();
+      break;
+    }
+    RemoveStale(hidden_);
+    path_ = MakeIn(hidden_);
+  }
+  if (!path_.empty()) return;
+  hidden_.clear();
+  if (!placed) {
+    const char* tmp = std::getenv("TMPDIR");
+    folder = std::string(tmp != nullptr && *tmp != '\0' ? tmp : "/tmp") + "/";
+  }
+  RemoveStale(folder);
+  path_ = MakeIn(folder);
+  if (path_.empty())
     throw Failure{folder == "./" ? std::string("cannot write into the current folder: ") +
                                        std::strerror(errno)
                                  : "cannot write into " + dest + ": " + std::strerror(errno)};
-  path_ = pattern + "/";
 }
 
 Staging::~Staging() {
-  for (const std::string& name : Files()) ::unlink((path_ + name).c_str());
-  ::rmdir(path_.c_str());
+  RemoveTree(path_);
+  // The private folder goes when nothing else is in it, as the component leaves it.
+  if (!hidden_.empty()) ::rmdir(hidden_.c_str());
 }
 
-std::vector<std::string> Staging::Files() const {
+std::vector<std::string> Staging::Files() const { return FolderEntries(path_); }
+
+void Staging::Clear() const {
+  for (const std::string& name : Files()) RemoveTree(path_ + name);
+}
+
+std::vector<std::string> FolderEntries(const std::string& folder) {
   std::vector<std::string> names;
-  DIR* dir = ::opendir(path_.c_str());
+  DIR* dir = ::opendir(folder.c_str());
   if (dir == nullptr) return names;
   while (const dirent* e = ::readdir(dir)) {
     const std::string name = e->d_name;
@@ -131,8 +217,15 @@ bool Placer::Place(const std::string& staged, const std::string& target) {
     inputsKept_.push_back(target);
     return false;
   }
-  struct stat st;
+  struct stat st, from;
   if (::stat(target.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+    // A folder onto a folder: merged, as unzip does, each file under the same rule.
+    if (::lstat(staged.c_str(), &from) == 0 && S_ISDIR(from.st_mode)) {
+      bool all = true;
+      for (const std::string& name : FolderEntries(staged))
+        all = Place(staged + "/" + name, target + "/" + name) && all;
+      return all;
+    }
     kept_.push_back(target);
     return false;
   }

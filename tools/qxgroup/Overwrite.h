@@ -1,6 +1,6 @@
 // Files the component writes out (get, extract, expand, flash) are made in a staging folder
-// beside their destination and then moved into place one at a time, so that an existing file
-// is never written over unasked and the file being read is never written over at all.
+// and then moved into place one at a time, so that an existing file is never written over
+// unasked and the file being read is never written over at all.
 #pragma once
 
 #include <string>
@@ -19,11 +19,15 @@ enum class Overwrite {
 // -o and -n win; else ask when standard input and the controlling terminal are a terminal.
 Overwrite ChooseOverwrite(bool overwrite, bool never);
 
-// A hidden folder made in `dest` ("" = the current folder), removed with what is left in it.
-// Throws Failure when the folder cannot be made there (naming `dest` and why).
+// A fresh folder ".qxgroup-XXXXXX", removed with what is left in it. It is made in the private
+// temporary folder when that is on the file system of `dest` ("" = the current folder), so a
+// killed command leaves nothing in sight; else in `dest` itself, where such folders older than
+// an hour (left by a killed command) are removed first. With `placed` false the files are not
+// moved anywhere and the temporary folder serves whatever its file system.
+// Throws Failure when the folder cannot be made (naming `dest` and why).
 class Staging {
  public:
-  explicit Staging(const std::string& dest);
+  explicit Staging(const std::string& dest, bool placed = true);
   ~Staging();
   Staging(const Staging&) = delete;
   Staging& operator=(const Staging&) = delete;
@@ -32,10 +36,16 @@ class Staging {
   const std::string& Path() const { return path_; }
   // Names of the files in it, sorted.
   std::vector<std::string> Files() const;
+  // Removes what it holds.
+  void Clear() const;
 
  private:
   std::string path_;
+  std::string hidden_;  // the private temporary folder, when the staging folder is in it
 };
+
+// Names in a folder but "." and "..", sorted.
+std::vector<std::string> FolderEntries(const std::string& folder);
 
 // Moves staged files into their destination under one overwrite rule.
 class Placer {
@@ -43,7 +53,8 @@ class Placer {
   // `inputs`: the files being read; they are never written over, whatever the rule.
   Placer(Overwrite rule, std::vector<std::string> inputs, bool verbose);
 
-  // Moves `staged` to `target` (both UTF-8). True when it is now there.
+  // Moves `staged` to `target` (both UTF-8). True when it is now there. A staged folder whose
+  // target is a folder already is merged into it.
   bool Place(const std::string& staged, const std::string& target);
 
   // Existing files kept that the user was not told about yet, and the status for them:

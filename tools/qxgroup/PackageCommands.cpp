@@ -11,6 +11,7 @@
 #include "platform/registry.h"
 #include "qxgroup/Automation.h"
 #include "qxgroup/Json.h"
+#include "qxgroup/JsonOutput.h"
 
 namespace qx::cli {
 
@@ -60,9 +61,11 @@ class PackageInfo {
   IQXPackageInfo* p_ = nullptr;
 };
 
-std::string Reason(const char* fallback) {
-  const std::string why = TakeErrorDescription();
-  return why.empty() ? fallback : why;
+ComponentError Reason(const char* fallback, const char* fallbackCode) {
+  ComponentError why = TakeError();
+  if (why.description.empty()) return {fallback, fallbackCode};
+  if (why.code.empty()) why.code = "failed";
+  return why;
 }
 
 // The module beside this program (the build folder), else where an install puts it.
@@ -82,12 +85,16 @@ std::string DefaultModule() {
 
 int CmdPackage(const std::vector<std::string>& files, bool json) {
   int status = kExitOk;
+  std::string documents;  // with --json: {"files":[...]}, one entry per file, as info gives
   for (const std::string& file : files) {
     CheckRepresentable(file, "file name");
     PackageInfo info;
     const Bstr path = ToBstr(file);
     const HRESULT opened = info->put_Filename(path.get());
-    const std::string why = Reason(opened == S_FALSE ? "holds no imsmanifest.xml" : "not a group");
+    // After S_OK a reason is a warning: the manifest is there but does not load.
+    const ComponentError why = opened == S_OK      ? TakeError()
+                               : opened == S_FALSE ? Reason("holds no imsmanifest.xml", "no-manifest")
+                                                   : Reason("not a group", "not-a-group");
     if (json) {
       JsonObject properties;
       JsonObject filename;
@@ -107,17 +114,21 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       properties.AddRaw("IsQXP", flag.Str());
       JsonObject top;
       top.AddString("file", file);
-      if (opened != S_OK) top.AddString("error", why);
+      if (!why.description.empty()) {
+        top.AddString(opened == S_OK ? "warning" : "error", why.description);
+        if (!why.code.empty()) top.AddString("code", why.code);
+      }
       top.AddRaw("properties", properties.Str());
-      std::printf("%s\n", top.Str().c_str());
+      documents += (documents.empty() ? "" : ",") + top.Str();
       if (opened != S_OK) status = kExitFailed;
       continue;
     }
     if (opened != S_OK) {
-      std::fprintf(stderr, "qxgroup: not a package: %s\n", why.c_str());
+      std::fprintf(stderr, "qxgroup: not a package: %s\n", why.description.c_str());
       status = kExitFailed;
       continue;
     }
+    if (!why.description.empty()) std::fprintf(stderr, "qxgroup: warning: %s\n", why.description.c_str());
     std::printf("%s\n", file.c_str());
     for (const auto& p : kProperties) {
       Bstr value;
@@ -126,6 +137,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json) {
       if (!text.empty()) std::printf("  %-20s %s\n", p.label, text.c_str());
     }
   }
+  if (json) PrintJson("{\"files\":[" + documents + "]}");
   return status;
 }
 

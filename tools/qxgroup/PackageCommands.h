@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "qxgroupmgr/com.h"
+
 namespace qx::cli {
 
 // The metadata of each package as a short table (empty properties left out), or with `json`
@@ -13,5 +15,7 @@ int CmdPackage(const std::vector<std::string>& files, bool json);
 // Writes (or with `unregister` removes) the registry entries of the module at `modulePath`,
 // default the module installed or built beside this program.
 int CmdRegister(bool unregister, const std::string& modulePath);
+// Why the registry store refused, from a registry status given as an HRESULT.
+std::string RegistryFailure(HRESULT hr);
 
 }  // namespace qx::cli

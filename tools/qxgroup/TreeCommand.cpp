@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "qxgroup/Automation.h"
+#include "qxgroup/Checks.h"
 #include "qxgroup/Commands.h"
 
 namespace qx::cli {
@@ -119,21 +120,45 @@ void Print(const Element& e, int depth, bool longForm, Totals& totals) {
   for (const Element& c : e.children) Print(c, depth + 1, longForm, totals);
 }
 
-}  // namespace
-
-int CmdTree(const std::string& group, bool longForm) {
-  CheckRepresentable(group, "group file name");
-  static FileManagerSession session;
-  if (session.get() == nullptr) throw Failure{session.Error()};
+// The component's XML listing of `group`, nested groups opened, as a tree.
+Element ReadTree(const std::string& group, bool longForm) {
   Bstr xml;
-  const HRESULT hr = session->ReadContentsXml(ToBstr(group).get(), longForm ? 1 : 0,
-                                              ToBstr("*").get(), xml.receive());
-  if (FAILED(hr)) throw Failure{"cannot list " + group};
+  const HRESULT hr = Session()->ReadContentsXml(ToBstr(group).get(), longForm ? 1 : 0,
+                                                ToBstr("*").get(), xml.receive());
+  if (FAILED(hr)) FailWithReason("cannot list " + group);
   const std::string text = FromBstr(xml.get());
   Element root;
   size_t at = text.find('<');
   if (at == std::string::npos || !ParseElement(text, at, root))
     throw Failure{"cannot read the listing of " + group};
+  return root;
+}
+
+// Collects the files below `e`; `group` is the path of the innermost nested group so far ("" at
+// the top), `inner` the path inside it.
+void CollectNested(const Element& e, const std::string& group, const std::string& inner,
+                   std::vector<NestedMember>& out) {
+  for (const Element& c : e.children) {
+    const std::string name = c.tag == "file" ? c.text : c.Attr("name");
+    const std::string path = inner.empty() ? name : inner + "\\" + name;
+    // A group inside a nested group is one of its members too.
+    if (c.tag != "dir" && !group.empty()) out.push_back({group, path});
+    if (c.tag == "dir") CollectNested(c, group, path, out);
+    if (c.tag == "group") CollectNested(c, group.empty() ? path : group + "\\" + path, "", out);
+  }
+}
+
+}  // namespace
+
+std::vector<NestedMember> NestedMembers(const std::string& group) {
+  std::vector<NestedMember> out;
+  CollectNested(ReadTree(group, false), "", "", out);
+  return out;
+}
+
+int CmdTree(const std::string& group, bool longForm) {
+  CheckRepresentable(group, "group file name");
+  const Element root = ReadTree(group, longForm);
   if (longForm) std::printf("%10s  %-16s  %s\n%10s  %-16s  %s\n", "Length", "Date     Time",
                             "Name", "----------", "----------------", "----");
   Totals totals;

@@ -97,7 +97,7 @@ int Help(CLI::App& app, const std::string& name) {
   std::vector<std::string> names;
   for (CLI::App* s : app.get_subcommands([](CLI::App*) { return true; })) {
     if (s->get_name() == name) {
-      std::fputs(s->help().c_str(), stdout);
+      std::fputs(s->help("qxgroup").c_str(), stdout);
       return kExitOk;
     }
     names.push_back(s->get_name());
@@ -135,7 +135,8 @@ int main(int argc, char** argv) {
       "Existing files are never written over unless -o is given (-n keeps them quietly; on a "
       "terminal you are asked), and the file being read never is.\n"
       "Member names are as `list` prints them, with wildcards * ? [...]; folders inside a group "
-      "use \"\\\" (\"/\" is accepted).\n"
+      "use \"\\\" (\"/\" is accepted); get and extract write members into their folders "
+      "under -C, as unzip does.\n"
       "More: qxgroup help SUBCOMMAND, man qxgroup, and the README.");
 
   // Subcommands run after the whole command line is parsed, so global flags apply to them.
@@ -174,9 +175,12 @@ int main(int argc, char** argv) {
   CLI::App* list = Sub(app, "list", "List the members of a group, one a line",
                        "qxgroup list school.mag");
   list->add_option("group", o.group, "Group file")->required();
-  list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
-  list->add_flag("--tree", o.tree, "Show an indented tree, folders and nested groups opened");
-  list->add_flag("--long", o.longForm, "With --tree: sizes and dates, as unzip -l shows them");
+  CLI::Option* listJson =
+      list->add_flag("--json", o.json, "Print {\"group\":...,\"members\":[...]}");
+  list->add_flag("--tree", o.tree, "Show an indented tree, folders and nested groups opened")
+      ->excludes(listJson);
+  list->add_flag("--long", o.longForm, "With --tree: sizes and dates, as unzip -l shows them")
+      ->excludes(listJson);
   list->footer("Examples:\n  qxgroup list school.mag\n  qxgroup list --tree --long lesson.qxg");
   commands.emplace_back(list, [&] {
     return o.tree || o.longForm ? CmdTree(o.group, o.longForm) : CmdList(o.group);
@@ -328,7 +332,9 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitUsage;
   } catch (const Failure& e) {
-    if (Settings().json) std::printf("{\"error\":%s}\n", qx::cli::JsonString(e.message).c_str());
+    if (Settings().json)
+      std::printf("{\"error\":%s,\"code\":%s}\n", qx::cli::JsonString(e.message).c_str(),
+                  qx::cli::JsonString(e.code).c_str());
     std::fprintf(stderr, "qxgroup: %s\n", e.message.c_str());
     return kExitFailed;
   }
