@@ -17,16 +17,9 @@ VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; r
 
 class DispatchTest : public ::testing::Test {
  protected:
-  // Calls by name with the arguments in their natural order (reversed here, as callers must).
-  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
-               WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
-    DISPID id = 0;
-    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-    const HRESULT hr = fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id);
-    if (FAILED(hr)) return hr;
-    std::vector<VARIANT> reversed(args.rbegin(), args.rend());
-    DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
-    return fm->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argErr);
+  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr, WORD flags = DISPATCH_METHOD,
+               UINT* argErr = nullptr) {
+    return InvokeByName(static_cast<IGroupManager2*>(fm.p), name, std::move(args), result, flags, argErr);
   }
 
   Script script;

@@ -64,7 +64,7 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names that do not exist", "comma-in-name"},
       {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file", "cannot-open"},
       {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},  // a success leaves nothing
-      {u"NoSuchMember", {}, E_UNEXPECTED, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
+      {u"NoSuchMember", {}, DISP_E_UNKNOWNNAME, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(codepage::WideToUtf8(r.member));
