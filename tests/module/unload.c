@@ -1,9 +1,6 @@
-/* Loads the module with dlopen as a host program does, works both classes (the XML service
- * builds a listing, the package object opens a group) and the registry store (registers and
- * unregisters the module), releases everything and unloads the module once DllCanUnloadNow
- * allows it. The work runs on a thread of its own that ends first: a thread that used the module
- * holds it loaded until it ends. Under the sanitizers LeakSanitizer then checks that the unload
- * freed what the module kept for the process.
+/* Loads the module with dlopen as a host does, works both classes and the registry store, and
+ * unloads it once DllCanUnloadNow allows; LeakSanitizer then checks the unload freed what the
+ * module kept. The work runs on a thread that ends first: until it ends it holds the module.
  *   unload MODULE SAMPLES_DIR REGISTRY_FILE */
 #define _GNU_SOURCE /* RTLD_NOLOAD, setenv */
 #include <dlfcn.h>

@@ -38,14 +38,13 @@ intptr_t Ask(HWND owner, const char* text = "x") {
 TEST(Dialogs, OwnerWithoutHostShowsNothing) {
   auto host = std::make_shared<FixedAnswerHost>(IDC_REPLACE);
   HWND released = BindOwnerWindow(host);
+  EXPECT_EQ(BindOwnerWindow(nullptr), nullptr);
   ReleaseOwnerWindow(released);
   for (HWND owner : {HWND{}, released, reinterpret_cast<HWND>(uintptr_t{0x8})}) {
     EXPECT_EQ(Ask(owner), 0);
     EXPECT_EQ(MessageBoxA(owner, "t", "c", MB_OK), 0);
   }
-  EXPECT_TRUE(host->Dialogs().empty());
-  EXPECT_TRUE(host->Messages().empty());
-  EXPECT_EQ(BindOwnerWindow(nullptr), nullptr);
+  EXPECT_TRUE(host->Dialogs().empty() && host->Messages().empty());
 }
 
 // The buttons' answers and texts: the frame's prompt tests. No procedure, no template or a command
