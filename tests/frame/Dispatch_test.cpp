@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <iterator>
 #include <regex>
-#include <sstream>
-#include <vector>
 
 #include "frame/FrameFixtures.h"
 #include "frame/TypeLibrary.h"
-#include "platform/codepage.h"
 
 namespace qx::test {
 namespace {
@@ -19,16 +17,9 @@ VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; r
 
 class DispatchTest : public ::testing::Test {
  protected:
-  // Calls by name with the arguments in their natural order (reversed here, as callers must).
-  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
-               WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
-    DISPID id = 0;
-    LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-    const HRESULT hr = fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id);
-    if (FAILED(hr)) return hr;
-    std::vector<VARIANT> reversed(args.rbegin(), args.rend());
-    DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
-    return fm->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argErr);
+  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr, WORD flags = DISPATCH_METHOD,
+               UINT* argErr = nullptr) {
+    return InvokeByName(static_cast<IGroupManager2*>(fm.p), name, std::move(args), result, flags, argErr);
   }
 
   Script script;
@@ -37,11 +28,7 @@ class DispatchTest : public ::testing::Test {
 };
 
 TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
-  struct Case {
-    std::vector<const char16_t*> names;
-    HRESULT expected;
-    std::vector<DISPID> ids;
-  };
+  struct Case { std::vector<const char16_t*> names; HRESULT expected; std::vector<DISPID> ids; };
   const std::vector<Case> cases = {
       {{u"readcontents"}, S_OK, {5}},
       {{u"doesPathExist"}, S_OK, {56}},
@@ -65,16 +52,8 @@ TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
   Bstr other(u"x");
   BSTR out = nullptr;
   const VARIANT dbl = Var(VT_R8);
-  struct Case {
-    const char* name;
-    const char16_t* member;
-    std::vector<VARIANT> args;
-    WORD flags;
-    HRESULT expected;
-    UINT argErr;  // checked when not ~0u
-  };
-  // More of each kind (too many, a string for an integer, a put of a read-only property) in
-  // python/tests/test_dispatch.py.
+  // argErr is checked when not ~0u. More of each kind in python/tests/test_dispatch.py.
+  struct Case { const char* name; const char16_t* member; std::vector<VARIANT> args; WORD flags; HRESULT expected; UINT argErr; };
   const VARIANT g = Str(group.get()), x = Str(other.get());
   const std::vector<Case> cases = {
       {"too few", u"GetFile", {g, x}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
@@ -92,9 +71,7 @@ TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
     script.calls.clear();
     UINT argErr = ~0u;
     EXPECT_EQ(Call(c.member, c.args, nullptr, c.flags, &argErr), c.expected);
-    if (c.argErr != ~0u) {
-      EXPECT_EQ(argErr, c.argErr);
-    }
+    if (c.argErr != ~0u) { EXPECT_EQ(argErr, c.argErr); }
     EXPECT_TRUE(script.calls.empty());
   }
 }
@@ -110,12 +87,9 @@ TEST_F(DispatchTest, NamedArgumentsOnlyForPropertyPut) {
   VARIANT args[] = {Str(nullptr), Str(group.get())};
   DISPID names[] = {0};
   DISPPARAMS method{args, names, 2, 1};
-  EXPECT_EQ(fm->Invoke(9, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
-            DISP_E_NONAMEDARGS);
-  EXPECT_EQ(fm->Invoke(9, IID_IDispatch, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
-            DISP_E_UNKNOWNINTERFACE);
-  EXPECT_EQ(fm->Invoke(999, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr),
-            DISP_E_MEMBERNOTFOUND);
+  EXPECT_EQ(fm->Invoke(9, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_NONAMEDARGS);
+  EXPECT_EQ(fm->Invoke(9, IID_IDispatch, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_UNKNOWNINTERFACE);
+  EXPECT_EQ(fm->Invoke(999, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_MEMBERNOTFOUND);
 }
 
 TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
@@ -129,22 +103,18 @@ TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
 
   ASSERT_EQ(Call(u"DeleteFiles", {Str(group.get()), refArg}), S_OK);
   ASSERT_EQ(Call(u"AddFiles", {Str(group.get()), Var(VT_EMPTY), Var(VT_NULL)}), S_OK);
-  VARIANT result = Var(VT_EMPTY);
-  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), shortInt, Str(nullptr)}, &result), S_OK);
-  VariantClear(&result);
-  ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), Str(number.get()), Str(nullptr)}, &result),
-            S_OK);
-  VariantClear(&result);
-  EXPECT_EQ(script.calls, (std::vector<std::string>{"DeleteMembers([a,b])", "AddMembers([]|)",
-                                                    "WriteContentsXml(-3|)",
-                                                    "WriteContentsXml(42|)"}));
+  for (const VARIANT& pattern : {shortInt, Str(number.get())}) {
+    VARIANT result = Var(VT_EMPTY);
+    ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), pattern, Str(nullptr)}, &result), S_OK);
+    VariantClear(&result);
+  }
+  EXPECT_EQ(script.calls, (std::vector<std::string>{"DeleteMembers([a,b])", "AddMembers([]|)", "WriteContentsXml(-3|)", "WriteContentsXml(42|)"}));
 }
 
 // Results as scripts take them (by-reference strings, retvals, S_FALSE) are checked in
 // python/tests/test_dispatch.py; here the cases a script does not make.
 TEST_F(DispatchTest, ResultsComeBack) {
-  // [out] string through a by-reference variant that holds nothing yet.
-  script.members = {"A", "B"};
+  script.members = {"A", "B"};  // [out] string through a by-reference variant holding nothing yet
   VARIANT holder = Var(VT_EMPTY);
   VARIANT refVar = Var(VT_BYREF | VT_VARIANT);
   refVar.pvarVal = &holder;
@@ -165,19 +135,14 @@ TEST_F(DispatchTest, ResultsComeBack) {
 TEST(TypeLibraryTest, PublicHeaderFollowsTheTable) {
   std::ifstream in(QX_TEST_DATA_DIR "/../../include/qxgroupmgr/QXGroupMgr.h");
   ASSERT_TRUE(in);
-  std::stringstream buffer;
-  buffer << in.rdbuf();
-  const std::string header = buffer.str();
+  const std::string header{std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()};
   const auto block = [&](const std::string& start, const std::string& end) {
     const size_t from = header.find(start);
-    return from == std::string::npos ? std::string()
-                                     : header.substr(from, header.find(end, from) - from);
+    return from == std::string::npos ? std::string() : header.substr(from, header.find(end, from) - from);
   };
   const auto cppName = [](const typelib::Member& m) {
-    const char* prefix = m.kind == typelib::MemberKind::PropertyGet   ? "get_"
-                         : m.kind == typelib::MemberKind::PropertyPut ? "put_"
-                                                                      : "";
-    return prefix + std::string(m.name);
+    using enum typelib::MemberKind;
+    return (m.kind == PropertyGet ? "get_" : m.kind == PropertyPut ? "put_" : "") + std::string(m.name);
   };
   for (const typelib::Interface* itf : typelib::TheLibrary().interfaces) {
     SCOPED_TRACE(std::string(itf->name));
@@ -198,9 +163,7 @@ TEST(TypeLibraryTest, PublicHeaderFollowsTheTable) {
     const std::regex entry(R"(\(\*(\w+)\))");
     for (std::sregex_iterator m(c.begin(), c.end(), entry), end; m != end; ++m)
       slots.push_back((*m)[1].str());
-    std::vector<std::string> expected = {"QueryInterface", "AddRef",      "Release",
-                                         "GetTypeInfoCount", "GetTypeInfo", "GetIDsOfNames",
-                                         "Invoke"};
+    std::vector<std::string> expected = {"QueryInterface", "AddRef", "Release", "GetTypeInfoCount", "GetTypeInfo", "GetIDsOfNames", "Invoke"};
     for (const typelib::Member* m : typelib::AllMembers(*itf)) {
       EXPECT_EQ(m->vtableSlot, expected.size()) << m->name;
       expected.push_back(cppName(*m));

@@ -3,13 +3,9 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <string>
-#include <vector>
 
-#include "frame/FileManager.h"
 #include "frame/FrameFixtures.h"
 #include "platform/ErrorInfo.h"
-#include "platform/codepage.h"
 #include "platform/ui.h"
 #include "qxgroupmgr/ErrorCode.h"
 #include "support/ScopedRegistry.h"
@@ -20,9 +16,7 @@ namespace {
 
 const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 
-struct Taken {
-  std::string source, description, code;
-};
+struct Taken { std::string source, description, code; };
 
 // Takes the thread's error information; all empty when there is none.
 Taken TakeErrorInfo() {
@@ -44,20 +38,15 @@ Taken TakeErrorInfo() {
 class ErrorInfoTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&fm)),
-              S_OK);
+    ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&fm)), S_OK);
     for (const char* name : {"prog1.map", "greeting.mas"})
       std::filesystem::copy_file(kSamples + name, dir / name);
     std::filesystem::create_directory(dir / "out");
     std::filesystem::copy_file(dir / "prog1.map", dir / "a,b.map");
-    ASSERT_EQ(Call(u"CreateGrpFile", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map"}),
-              S_OK);
+    ASSERT_EQ(Call(u"CreateGrpFile", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map"}), S_OK);
   }
   void TearDown() override { fm->Release(); }
-
-  HRESULT Call(const char16_t* name, const std::vector<std::string>& args) {
-    return CallByName(fm, name, args);
-  }
+  HRESULT Call(const char16_t* name, const std::vector<std::string>& args) { return CallByName(fm, name, args); }
 
   ScopedRegistry registry;
   const TempDir& dir = registry.dir();
@@ -67,29 +56,19 @@ class ErrorInfoTest : public ::testing::Test {
 // The texts of the reasons are checked through the command line (tests/cli/basics.sh); here
 // that they reach the caller, one call's reason at a time.
 TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
-  struct Row {
-    const char16_t* member;
-    std::vector<std::string> args;
-    HRESULT hr;
-    std::string description;  // "" for a call that leaves nothing
-    std::string code;
-  };
+  struct Row { const char16_t* member; std::vector<std::string> args; HRESULT hr; std::string description, code; };
   const std::string out = dir / "out";
   const std::vector<Row> rows = {
-      {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)",
-       "not-a-group"},
+      {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)", "not-a-group"},
       {u"AddFiles", {dir / "g.mag", dir / "a,b.map", ""}, E_FAIL,
-       dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names "
-             "that do not exist", "comma-in-name"},
-      {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file",
-       "cannot-open"},
-      {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},
-      {u"NoSuchMember", {}, E_UNEXPECTED, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
+       dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names that do not exist", "comma-in-name"},
+      {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file", "cannot-open"},
+      {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},  // a success leaves nothing
+      {u"NoSuchMember", {}, DISP_E_UNKNOWNNAME, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };
   for (const Row& r : rows) {
     SCOPED_TRACE(codepage::WideToUtf8(r.member));
-    // A reason left from before must never be read as this call's.
-    IErrorInfo* stale = NewErrorInfo("stale", "stale");
+    IErrorInfo* stale = NewErrorInfo("stale", "stale");  // never to be read as this call's
     SetErrorInfo(0, stale);
     stale->Release();
     EXPECT_EQ(Call(r.member, r.args), r.hr);
@@ -106,8 +85,7 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
   // A flash file that cannot be opened leaves the caller's list alone.
   Bstr list(u"mine");
   const BSTR before = list.get();
-  EXPECT_EQ(static_cast<IGroupManager2*>(fm)->ExpandFlashFile(Bstr(u"/none.kdk").get(), nullptr, list.address()),
-            QX_E_OPEN_FAILED);
+  EXPECT_EQ(static_cast<IGroupManager2*>(fm)->ExpandFlashFile(Bstr(u"/none.kdk").get(), nullptr, list.address()), QX_E_OPEN_FAILED);
   EXPECT_EQ(list.get(), before);
 }
 
@@ -116,8 +94,7 @@ TEST_F(ErrorInfoTest, SkippedFilesAreListedOnePerLine) {
   HWND owner = ui::BindOwnerWindow(host);
   static_cast<IGroupManager2*>(fm)->put_ShowUI(owner);
   EXPECT_EQ(Call(u"AddFiles", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map", ""}), 2);
-  EXPECT_EQ(TakeErrorInfo().description, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" +
-                                        dir / "prog1.map");
+  EXPECT_EQ(TakeErrorInfo().description, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" + dir / "prog1.map");
   static_cast<IGroupManager2*>(fm)->put_ShowUI(nullptr);
   ui::ReleaseOwnerWindow(owner);
 }

@@ -115,6 +115,17 @@ struct Held {
   T* operator->() const { return p; }
 };
 
+// Calls a member by name with the arguments in their natural order (reversed here, as callers must).
+inline HRESULT InvokeByName(IDispatch* d, const char16_t* name, std::vector<VARIANT> args, VARIANT* result,
+                            WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
+  DISPID id = 0;
+  LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
+  if (const HRESULT hr = d->GetIDsOfNames(IID_NULL, names, 1, 0, &id); FAILED(hr)) return hr;
+  std::vector<VARIANT> reversed(args.rbegin(), args.rend());
+  DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
+  return d->Invoke(id, IID_NULL, 0, flags, &params, result, nullptr, argErr);
+}
+
 // Calls a member by name through IDispatch with string arguments, as a script does: kOut stands
 // for an [out] string, kNull for a null string. `out` receives the [out] or returned string.
 inline const std::string kOut = "<out>", kNull = "<null>";
@@ -123,29 +134,23 @@ inline HRESULT CallByName(IUnknown* object, const char16_t* name, const std::vec
   IDispatch* d = nullptr;
   if (object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&d)) != S_OK) return E_NOINTERFACE;
   d->Release();  // the caller's reference keeps the object alive
-  DISPID id = 0;
-  LPOLESTR names[] = {const_cast<LPOLESTR>(name)};
-  if (d->GetIDsOfNames(IID_NULL, names, 1, 0, &id) != S_OK) return E_UNEXPECTED;
   std::vector<Bstr> strings(args.size());
-  std::vector<VARIANT> reversed(args.size());
+  std::vector<VARIANT> variants(args.size());
   for (size_t i = 0; i < args.size(); ++i) {
-    const std::string& arg = args[args.size() - 1 - i];
-    VariantInit(&reversed[i]);
-    reversed[i].vt = static_cast<VARTYPE>(arg == kOut ? VT_BYREF | VT_BSTR : VT_BSTR);
-    if (arg == kOut) reversed[i].pbstrVal = strings[i].address();
-    if (arg != kOut && arg != kNull) strings[i] = Bstr(codepage::Utf8ToWide(arg));
-    if (arg != kOut) reversed[i].bstrVal = strings[i].get();
+    VariantInit(&variants[i]);
+    variants[i].vt = static_cast<VARTYPE>(args[i] == kOut ? VT_BYREF | VT_BSTR : VT_BSTR);
+    if (args[i] == kOut) variants[i].pbstrVal = strings[i].address();
+    if (args[i] != kOut && args[i] != kNull) strings[i] = Bstr(codepage::Utf8ToWide(args[i]));
+    if (args[i] != kOut) variants[i].bstrVal = strings[i].get();
   }
-  DISPPARAMS params{reversed.data(), nullptr, static_cast<UINT>(reversed.size()), 0};
   VARIANT result;
   VariantInit(&result);
-  const HRESULT hr = d->Invoke(id, IID_NULL, 0, DISPATCH_METHOD | DISPATCH_PROPERTYGET, &params,
-                               &result, nullptr, nullptr);
+  const HRESULT hr = InvokeByName(d, name, variants, &result, DISPATCH_METHOD | DISPATCH_PROPERTYGET);
   if (out != nullptr) {
     *out = result.vt == VT_BSTR ? codepage::WideToUtf8(Bstr::Attach(result.bstrVal).view()) : "";
     if (result.vt == VT_BSTR) result.vt = VT_EMPTY;
     for (size_t i = 0; i < args.size(); ++i)
-      if (args[args.size() - 1 - i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
+      if (args[i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
   }
   VariantClear(&result);
   return hr;

@@ -10,10 +10,7 @@ namespace {
 // An outer object for aggregation: counts its references and hands out nothing but itself.
 struct Outer final : IUnknown {
   HRESULT QueryInterface(REFIID riid, void** ppv) override {
-    if (riid != IID_IUnknown) return E_NOINTERFACE;
-    *ppv = this;
-    AddRef();
-    return S_OK;
+    return riid == IID_IUnknown ? (*ppv = this, AddRef(), S_OK) : E_NOINTERFACE;
   }
   ULONG AddRef() override { return ++refs; }
   ULONG Release() override { return --refs; }
@@ -49,29 +46,20 @@ TEST(ModuleTest, LockCountFollowsObjectsAndLocks) {
 
 TEST(ModuleTest, CreateInstanceArguments) {
   Outer outer;
-  const struct {
-    const CLSID* clsid;
-    const IID* iid;
-    HRESULT plain;  // with an outer object only IUnknown may be asked for
-  } rows[] = {
-      {&CLSID_FileManager, &IID_IGroupManager2, S_OK},
-      {&CLSID_FileManager, &IID_IFileManager, S_OK},
-      {&CLSID_FileManager, &IID_IDispatch, S_OK},
-      {&CLSID_FileManager, &IID_IUnknown, S_OK},
-      {&CLSID_FileManager, &IID_ISupportErrorInfo, S_OK},
-      {&CLSID_FileManager, &IID_IClassFactory, E_NOINTERFACE},
-      {&CLSID_QXPackageInfo, &IID_IQXPackageInfo, S_OK},
-      {&CLSID_QXPackageInfo, &IID_IObjectSafety, S_OK},
-      {&CLSID_QXPackageInfo, &IID_ISupportErrorInfo, S_OK},
-      {&CLSID_QXPackageInfo, &IID_IUnknown, S_OK},
+  // plain: without an outer object; with one only IUnknown may be asked for.
+  const struct { const CLSID* clsid; const IID* iid; HRESULT plain; } rows[] = {
+      {&CLSID_FileManager, &IID_IGroupManager2, S_OK},      {&CLSID_FileManager, &IID_IFileManager, S_OK},
+      {&CLSID_FileManager, &IID_IDispatch, S_OK},           {&CLSID_FileManager, &IID_IUnknown, S_OK},
+      {&CLSID_FileManager, &IID_ISupportErrorInfo, S_OK},   {&CLSID_FileManager, &IID_IClassFactory, E_NOINTERFACE},
+      {&CLSID_QXPackageInfo, &IID_IQXPackageInfo, S_OK},    {&CLSID_QXPackageInfo, &IID_IObjectSafety, S_OK},
+      {&CLSID_QXPackageInfo, &IID_ISupportErrorInfo, S_OK}, {&CLSID_QXPackageInfo, &IID_IUnknown, S_OK},
       {&CLSID_QXPackageInfo, &IID_IGroupManager2, E_NOINTERFACE},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(GuidToString(*row.clsid) + " " + GuidToString(*row.iid));
     IClassFactory* cf = ClassObject(*row.clsid);
     for (IUnknown* with : {static_cast<IUnknown*>(nullptr), static_cast<IUnknown*>(&outer)}) {
-      const HRESULT expected =
-          with == nullptr || *row.iid == IID_IUnknown ? row.plain : CLASS_E_NOAGGREGATION;
+      const HRESULT expected = with == nullptr || *row.iid == IID_IUnknown ? row.plain : CLASS_E_NOAGGREGATION;
       void* p = reinterpret_cast<void*>(1);
       EXPECT_EQ(cf->CreateInstance(with, *row.iid, &p), expected);
       EXPECT_EQ(p != nullptr, expected == S_OK);
@@ -107,9 +95,7 @@ TEST(ModuleTest, ErrorInfoForTheDispatchInterfacesOnly) {
   ISupportErrorInfo* info = nullptr;
   ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_ISupportErrorInfo, reinterpret_cast<void**>(&info)), S_OK);
   const std::pair<const IID*, HRESULT> rows[] = {
-      {&IID_IGroupManager2, S_OK}, {&IID_IFileManager, S_OK}, {&IID_IDispatch, S_OK},
-      {&IID_IUnknown, S_FALSE},    {&IID_IQXPackageInfo, S_FALSE},
-  };
+      {&IID_IGroupManager2, S_OK}, {&IID_IFileManager, S_OK}, {&IID_IDispatch, S_OK}, {&IID_IUnknown, S_FALSE}, {&IID_IQXPackageInfo, S_FALSE}};
   for (const auto& [iid, expected] : rows) EXPECT_EQ(info->InterfaceSupportsErrorInfo(*iid), expected) << GuidToString(*iid);
   EXPECT_EQ(info->Release(), 0u);
 }

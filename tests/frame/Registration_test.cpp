@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "platform/registry.h"
 #include "support/ScopedRegistry.h"
 
@@ -27,9 +29,7 @@ TEST(RegistrationTest, RegisterReRegisterUnregister) {
   ASSERT_EQ(registry::RegSetValue(other, "", "other"), registry::kErrorSuccess);
   ASSERT_EQ(module::RegisterServer(kModule), S_OK);
   // What the module path fills in (quotes and all), and the keys both classes need to be made.
-  const struct {
-    std::string key, name, value;
-  } rows[] = {
+  const struct { std::string key, name, value; } rows[] = {
       {kFm + "\\InprocServer32", "", kModule},
       {kFm + "\\InprocServer32", "ThreadingModel", "Apartment"},
       {"CLSID\\{721D5BA1-17A0-418E-84CC-F7C8F403ACEF}\\InprocServer32", "", kModule},
@@ -69,14 +69,9 @@ TEST(RegistrationTest, RegisterReRegisterUnregister) {
 
 TEST(RegistrationTest, StoresThatCannotTakeTheChange) {
   const std::string header = "Windows Registry Editor Version 5.00\n";
-  const struct {
-    const char* what;
-    const char* leaf;       // the store, under a fresh folder
-    const char* blocker;    // made first: "file" (a file named "sub") or "folder" (the store)
-    std::string bytes;      // the store's bytes, when it is a file
-    mode_t fileMode, folderMode;
-    LONG error;
-  } rows[] = {
+  // leaf: the store, under a fresh folder; blocker, made first: "file" (a file named "sub") or
+  // "folder" (the store); bytes: the store's, when it is a file.
+  const struct { const char* what; const char* leaf; const char* blocker; std::string bytes; mode_t fileMode, folderMode; LONG error; } rows[] = {
       {"damaged", "registry.reg", "", "not a registry file\n", 0600, 0700, registry::kErrorBadDb},
       {"store is a folder", "registry.reg", "folder", "", 0600, 0700, registry::kErrorCantRead},
       {"store's folder is a file", "sub/registry.reg", "file", "", 0600, 0700, registry::kErrorCantWrite},
@@ -97,15 +92,10 @@ TEST(RegistrationTest, StoresThatCannotTakeTheChange) {
     EXPECT_EQ(module::UnregisterServer(), HRESULT_FROM_WIN32(row.error));
     ::chmod(store.dir().path().c_str(), 0700);
     ::chmod(store.file().c_str(), 0600);
-    if (blocker.empty()) {
-      EXPECT_EQ(ReadFileBytes(store.file()), row.bytes);
-    }
-    int entries = 0;
-    for (const auto& e : std::filesystem::directory_iterator(store.dir().path())) {
-      const std::string name = e.path().filename().string();
-      entries += name != "registry.reg" && name != "registry.reg.lock" && name != "sub";
-    }
-    EXPECT_EQ(entries, 0) << "a half-written file was left beside the store";
+    if (blocker.empty()) { EXPECT_EQ(ReadFileBytes(store.file()), row.bytes); }
+    const std::set<std::string> kept = {"registry.reg", "registry.reg.lock", "sub"};  // no half-written file
+    for (const auto& e : std::filesystem::directory_iterator(store.dir().path()))
+      EXPECT_TRUE(kept.contains(e.path().filename())) << e.path();
   }
 }
 

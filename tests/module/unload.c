@@ -1,9 +1,6 @@
-/* Loads the module with dlopen as a host program does, works both classes (the XML service
- * builds a listing, the package object opens a group) and the registry store (registers and
- * unregisters the module), releases everything and unloads the module once DllCanUnloadNow
- * allows it. The work runs on a thread of its own that ends first: a thread that used the module
- * holds it loaded until it ends. Under the sanitizers LeakSanitizer then checks that the unload
- * freed what the module kept for the process.
+/* Loads the module with dlopen as a host does, works both classes and the registry store, and
+ * unloads it once DllCanUnloadNow allows; LeakSanitizer then checks the unload freed what the
+ * module kept. The work runs on a thread that ends first: until it ends it holds the module.
  *   unload MODULE SAMPLES_DIR REGISTRY_FILE */
 #define _GNU_SOURCE /* RTLD_NOLOAD, setenv */
 #include <dlfcn.h>
@@ -25,9 +22,8 @@ static BSTR (*allocString)(const OLECHAR*);
 /* An ASCII path as an automation string. */
 static BSTR Wide(const char* text) {
   OLECHAR buffer[4096];
-  size_t n = strlen(text);
-  if (n >= sizeof buffer / sizeof buffer[0]) n = sizeof buffer / sizeof buffer[0] - 1;
-  for (size_t i = 0; i < n; ++i) buffer[i] = (OLECHAR)(unsigned char)text[i];
+  size_t n = 0;
+  for (; text[n] != 0 && n + 1 < sizeof buffer / sizeof buffer[0]; ++n) buffer[n] = (OLECHAR)(unsigned char)text[n];
   buffer[n] = 0;
   return allocString(buffer);
 }
@@ -35,9 +31,7 @@ static BSTR Wide(const char* text) {
 static const char* samples;
 
 static int Work(void) {
-  HRESULT (*getClassObject)(REFCLSID, REFIID, void**);
-  HRESULT (*registerServer)(void);
-  HRESULT (*unregisterServer)(void);
+  HRESULT (*getClassObject)(REFCLSID, REFIID, void**), (*registerServer)(void), (*unregisterServer)(void);
   void (*freeString)(BSTR);
   LOAD(getClassObject, "DllGetClassObject");
   LOAD(registerServer, "DllRegisterServer");
@@ -52,7 +46,7 @@ static int Work(void) {
 
   char group[4096];
   snprintf(group, sizeof group, "%s/school.mag", samples);
-  BSTR path = Wide(group);
+  BSTR path = Wide(group), xml = NULL, title = NULL;
 
   IClassFactory* cf = NULL;
   if (getClassObject(Symbol("CLSID_FileManager"), iidFactory, (void**)&cf) != S_OK)
@@ -61,7 +55,6 @@ static int Work(void) {
   if (cf->lpVtbl->CreateInstance(cf, NULL, Symbol("IID_IGroupManager2"), (void**)&fm) != S_OK)
     FAIL("no FileManager");
   cf->lpVtbl->Release(cf);
-  BSTR xml = NULL;
   if (fm->lpVtbl->ReadContentsXml(fm, path, 1, NULL, &xml) != S_OK) FAIL("no listing");
   freeString(xml);
   fm->lpVtbl->Release(fm);
@@ -73,7 +66,6 @@ static int Work(void) {
     FAIL("no QXPackageInfo");
   cf->lpVtbl->Release(cf);
   if (info->lpVtbl->put_Filename(info, path) != S_FALSE) FAIL("an old-style group is no package");
-  BSTR title = NULL;
   if (info->lpVtbl->get_Title(info, &title) != S_OK) FAIL("no title answer");
   freeString(title);
   info->lpVtbl->Release(info);
@@ -81,10 +73,7 @@ static int Work(void) {
   return 0;
 }
 
-static void* Run(void* result) {
-  *(int*)result = Work();
-  return NULL;
-}
+static void* Run(void* result) { *(int*)result = Work(); return NULL; }
 
 int main(int argc, char** argv) {
   if (argc != 4) FAIL("usage: unload MODULE SAMPLES_DIR REGISTRY_FILE");

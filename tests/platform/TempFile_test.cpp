@@ -5,7 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <functional>
 #include <optional>
 
@@ -45,12 +44,8 @@ bool AsNobody(const std::function<bool()>& step) {
 }
 
 TEST(TempFile, KeepReplacesTheTargetAndDiscardLeavesIt) {
-  const struct {
-    const char* name;
-    bool keep;        // Keep(), else Discard()
-    bool explicitly;  // else the destructor decides
-    const char* expected;
-  } rows[] = {
+  // keep: Keep(), else Discard(); explicitly: else the destructor decides.
+  const struct { const char* name; bool keep, explicitly; const char* expected; } rows[] = {
       {"g.grp", true, true, "new"},
       {"g.grp", false, true, "old"},
       {"g.grp", false, false, "old"},
@@ -67,12 +62,8 @@ TEST(TempFile, KeepReplacesTheTargetAndDiscardLeavesIt) {
       ASSERT_TRUE(tmp.file().Write("new", 3));
       EXPECT_EQ(Contents(target), "old");  // nothing visible before Keep
       EXPECT_EQ(EntryCount(dir.path()), 1u) << "the new file has no name while it is written";
-      if (r.explicitly) {
-        if (r.keep)
-          EXPECT_TRUE(tmp.Keep());
-        else
-          tmp.Discard();
-      }
+      if (r.explicitly && r.keep) { EXPECT_TRUE(tmp.Keep()); }
+      if (r.explicitly && !r.keep) tmp.Discard();
     }
     EXPECT_EQ(Contents(target), r.expected);
     EXPECT_EQ(EntryCount(dir.path()), 1u);  // no temporary file left behind
@@ -136,11 +127,7 @@ TEST(TempFile, RefusedTargetsAreLeftAsTheyWere) {
 TEST(TempFile, OldLeftoversOfAKilledWriterGo) {
   test::TempDir dir;
   const std::string target = dir.Write("g.grp", "old");
-  const struct {
-    const char* name;
-    long ageSeconds;
-    bool stays;
-  } rows[] = {
+  const struct { const char* name; long ageSeconds; bool stays; } rows[] = {
       {".g.grp.qxtmp~Ab12Cd", 7200, false},
       {".g.grp.qxtmp~Ef34Gh", 60, true},       // may be a writer at work
       {".g.grp.qxtmp~Ij56K", 7200, true},      // not our pattern

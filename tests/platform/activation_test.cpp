@@ -5,6 +5,7 @@
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <initializer_list>
 
 #include "platform/codepage.h"
 #include "platform/com.h"
@@ -32,11 +33,7 @@ struct Probe final : IUnknown {
     return *ppv != nullptr ? (AddRef(), S_OK) : E_NOINTERFACE;
   }
   ULONG AddRef() override { return ++refs; }
-  ULONG Release() override {
-    const ULONG n = --refs;
-    if (n == 0) delete this;
-    return n;
-  }
+  ULONG Release() override { return --refs == 0 ? (delete this, 0) : refs; }
   Probe() { ++live; }
   ~Probe() { --live; }
   ULONG refs = 1;
@@ -46,8 +43,7 @@ class Activation : public ::testing::Test {
  protected:
   void SetUp() override { RegisterBuiltinClass(kProbeClsid, &Probe::Create, "QX.Probe"); }
   static void Register(const CLSID& clsid, const std::string& module) {
-    ASSERT_EQ(registry::RegSetValue("CLSID\\" + GuidToString(clsid) + "\\InprocServer32", "", module),
-              registry::kErrorSuccess);
+    ASSERT_EQ(registry::RegSetValue("CLSID\\" + GuidToString(clsid) + "\\InprocServer32", "", module), registry::kErrorSuccess);
   }
   test::ScopedRegistry registry_;
   const std::string dir_ = registry_.dir().path();
@@ -59,23 +55,13 @@ class Activation : public ::testing::Test {
 TEST_F(Activation, BuiltinClassesAndTheFailuresAroundThem) {
   int notAnObject = 0;  // an outer object is never called on these paths
   IUnknown* outer = reinterpret_cast<IUnknown*>(&notAnObject);
-  const struct {
-    const char* what;
-    const CLSID* clsid;
-    IUnknown* outer;
-    DWORD context;
-    const IID* iid;
-    HRESULT expected;
-  } rows[] = {
+  const struct { const char* what; const CLSID* clsid; IUnknown* outer; DWORD context; const IID* iid; HRESULT expected; } rows[] = {
       {"built in", &kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, &IID_IUnknown, S_OK},
       {"unknown class", &kUnknownClsid, nullptr, CLSCTX_ALL, &IID_IUnknown, REGDB_E_CLASSNOTREG},
-      {"no in-process context", &kProbeClsid, nullptr, CLSCTX_LOCAL_SERVER, &IID_IUnknown,
-       REGDB_E_CLASSNOTREG},
+      {"no in-process context", &kProbeClsid, nullptr, CLSCTX_LOCAL_SERVER, &IID_IUnknown, REGDB_E_CLASSNOTREG},
       {"interface it lacks", &kProbeClsid, nullptr, CLSCTX_ALL, &IID_IDispatch, E_NOINTERFACE},
-      {"aggregation asking for more than IUnknown", &kProbeClsid, outer, CLSCTX_ALL,
-       &IID_IDispatch, CLASS_E_NOAGGREGATION},
-      {"class refusing aggregation", &kProbeClsid, outer, CLSCTX_ALL, &IID_IUnknown,
-       CLASS_E_NOAGGREGATION},
+      {"aggregation asking for more than IUnknown", &kProbeClsid, outer, CLSCTX_ALL, &IID_IDispatch, CLASS_E_NOAGGREGATION},
+      {"class refusing aggregation", &kProbeClsid, outer, CLSCTX_ALL, &IID_IUnknown, CLASS_E_NOAGGREGATION},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -92,19 +78,11 @@ TEST_F(Activation, RegisteredModuleReplacesTheBuiltinClass) {
   REQUIRE_MODULE();
   // A built-in stand-in that has no IDispatch; the real class in the module has.
   RegisterBuiltinClass(kFileManagerClsid, &Probe::Create);
-  IDispatch* viaBuiltin = nullptr;
-  EXPECT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
-                             reinterpret_cast<void**>(&viaBuiltin)),
-            E_NOINTERFACE);
-
-  Register(kFileManagerClsid, QX_MODULE_PATH);
   IDispatch* fm = nullptr;
-  ASSERT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch,
-                             reinterpret_cast<void**>(&fm)),
-            S_OK);
-  ASSERT_NE(fm, nullptr);
-  OLECHAR name[] = u"ReadContents";
-  LPOLESTR names[] = {name};
+  EXPECT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, reinterpret_cast<void**>(&fm)), E_NOINTERFACE);
+  Register(kFileManagerClsid, QX_MODULE_PATH);
+  ASSERT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, reinterpret_cast<void**>(&fm)), S_OK);
+  LPOLESTR names[] = {const_cast<LPOLESTR>(u"ReadContents")};
   DISPID id = 0;
   EXPECT_EQ(fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK);
   EXPECT_EQ(fm->Release(), 0u);
@@ -115,12 +93,7 @@ TEST_F(Activation, RegisteredModulesThatCannotServe) {
   REQUIRE_MODULE();
   const std::string notAModule = dir_ + "/not-a-module.so";
   std::ofstream(notAModule) << "text";
-  const struct {
-    const char* what;
-    std::string module;
-    const CLSID* clsid;
-    HRESULT expected;
-  } rows[] = {
+  const struct { const char* what; std::string module; const CLSID* clsid; HRESULT expected; } rows[] = {
       {"missing file", dir_ + "/absent.so", &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"not a shared object", notAModule, &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"library without DllGetClassObject", "libz.so.1", &kProbeClsid, CO_E_ERRORINDLL},
@@ -131,9 +104,7 @@ TEST_F(Activation, RegisteredModulesThatCannotServe) {
     SCOPED_TRACE(row.what);
     Register(*row.clsid, row.module);
     IUnknown* object = nullptr;
-    EXPECT_EQ(CoCreateInstance(*row.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
-                               reinterpret_cast<void**>(&object)),
-              row.expected);
+    EXPECT_EQ(CoCreateInstance(*row.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&object)), row.expected);
     EXPECT_EQ(object != nullptr, row.expected == S_OK);
     if (object != nullptr) object->Release();
     registry::RegDeleteTree("CLSID\\" + GuidToString(*row.clsid));
@@ -141,25 +112,17 @@ TEST_F(Activation, RegisteredModulesThatCannotServe) {
   // A damaged store holds no registration: built-in classes still work.
   std::ofstream(dir_ + "/registry.reg") << "not a registry file\n";
   IUnknown* object = nullptr;
-  ASSERT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown,
-                             reinterpret_cast<void**>(&object)),
-            S_OK);
+  ASSERT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&object)), S_OK);
   object->Release();
 }
 
 TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
-  ASSERT_EQ(registry::RegSetValue("QX.Named.1\\CLSID", "", "{41035c38-1441-4016-b34a-dbe6374accf2}"),
-            registry::kErrorSuccess);
-  ASSERT_EQ(registry::RegSetValue("QX.Broken\\CLSID", "", "41035C38-1441"), registry::kErrorSuccess);
   ASSERT_EQ(registry::RegCreateKey("QX.NoClsid"), registry::kErrorSuccess);
-  ASSERT_EQ(registry::RegSetValue("QX.Named\\CurVer", "", "QX.Named.1"), registry::kErrorSuccess);
-  ASSERT_EQ(registry::RegSetValue("QX.LoopA\\CurVer", "", "QX.LoopB"), registry::kErrorSuccess);
-  ASSERT_EQ(registry::RegSetValue("QX.LoopB\\CurVer", "", "QX.LoopA"), registry::kErrorSuccess);
-  const struct {
-    const char16_t* progId;
-    HRESULT expected;
-    const CLSID* clsid;
-  } rows[] = {
+  for (const auto& [key, value] : std::initializer_list<std::pair<const char*, const char*>>{
+           {"QX.Named.1\\CLSID", "{41035c38-1441-4016-b34a-dbe6374accf2}"}, {"QX.Broken\\CLSID", "41035C38-1441"},
+           {"QX.Named\\CurVer", "QX.Named.1"}, {"QX.LoopA\\CurVer", "QX.LoopB"}, {"QX.LoopB\\CurVer", "QX.LoopA"}})
+    ASSERT_EQ(registry::RegSetValue(key, "", value), registry::kErrorSuccess);
+  const struct { const char16_t* progId; HRESULT expected; const CLSID* clsid; } rows[] = {
       {u"QX.Named.1", S_OK, &kFileManagerClsid},
       {u"qx.named.1", S_OK, &kFileManagerClsid},
       {u"QX.Named", S_OK, &kFileManagerClsid},
@@ -174,15 +137,12 @@ TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
     SCOPED_TRACE(codepage::WideToAnsi(row.progId));
     CLSID clsid{};
     EXPECT_EQ(CLSIDFromProgID(row.progId, &clsid), row.expected);
-    if (row.clsid != nullptr) {
-      EXPECT_EQ(clsid, *row.clsid);
-    }
+    if (row.clsid != nullptr) { EXPECT_EQ(clsid, *row.clsid); }
   }
   CLSID clsid{};
   EXPECT_EQ(CLSIDFromProgID(nullptr, &clsid), E_INVALIDARG);
   EXPECT_EQ(CLSIDFromProgID(u"QX.Probe", nullptr), E_INVALIDARG);
 }
-
 
 }  // namespace
 }  // namespace qx

@@ -19,10 +19,7 @@ TEST(Codepage, AnsiRoundTripsThroughWideAndUtf8ForEveryByte) {
 }
 
 TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
-  const struct {
-    unsigned char ansi;
-    char16_t wide;
-  } rows[] = {
+  const struct { unsigned char ansi; char16_t wide; } rows[] = {
       {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'},
       // Bytes the code page leaves undefined keep their value as C1 code points.
       {0x81, u'\u0081'}, {0x9D, u'\u009D'},
@@ -36,10 +33,7 @@ TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
 }
 
 TEST(Codepage, WhatTheCodePageCannotHoldBecomesQuestionMark) {
-  const struct {
-    const char* utf8;
-    const char* ansi;
-  } rows[] = {
+  const struct { const char* utf8; const char* ansi; } rows[] = {
       {"\xCE\xB3.mag", "?.mag"},          // Greek gamma does not
       {"\xF0\x9F\x98\x80", "?"},          // one astral character, one '?'
       {"a\xFF" "b", "a?b"},               // invalid byte
@@ -97,9 +91,7 @@ TEST(Codepage, ConcurrentConversions) {
 }
 
 TEST(Codepage, CaseFoldsLettersOf1252Only) {
-  struct Row {
-    char upper, lower;
-  };
+  struct Row { char upper, lower; };
   const Row letters[] = {{'A', 'a'}, {'Z', 'z'}, {'\xC0', '\xE0'}, {'\xDE', '\xFE'}, {'\x8A', '\x9A'},
                          {'\x8C', '\x9C'}, {'\x8E', '\x9E'}, {'\x9F', '\xFF'}};
   for (const Row& r : letters) {

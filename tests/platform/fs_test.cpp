@@ -74,11 +74,7 @@ TEST(Fs, Attributes) {
 }
 
 TEST(Fs, WildcardMatching) {
-  const struct {
-    const char* name;
-    const char* mask;
-    bool match;
-  } rows[] = {
+  const struct { const char* name; const char* mask; bool match; } rows[] = {
       {"abc.kdp", "a?c.*", true}, {"abc", "ab", false},     {"ab", "a?c", false},
       {"", "*", true},            {"aaa", "*a*a*a*a", false}, {"x.QXG", "*.qxg", false},
       {"abcbc", "*bc", true},     {"noext", "*.*", true},    {"noext", "noext.*", true},

@@ -6,13 +6,7 @@ namespace qx::path {
 namespace {
 
 TEST(Path, SplitsAndJoins) {
-  const struct {
-    const char* in;
-    const char* parent;
-    const char* name;
-    const char* stem;
-    const char* ext;
-  } rows[] = {
+  const struct { const char* in; const char* parent; const char* name; const char* stem; const char* ext; } rows[] = {
       {"dir/a.b.c", "dir/", "a.b.c", "a.b", ".c"},
       {"a.", "", "a.", "a", "."},
       {"/a", "/", "a", "a", ""},

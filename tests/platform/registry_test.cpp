@@ -4,8 +4,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <filesystem>
 #include <fstream>
+#include <set>
 
 #include "support/ScopedRegistry.h"
 
@@ -13,17 +13,9 @@ namespace qx::registry {
 namespace {
 
 namespace stdfs = std::filesystem;
-
-// Points the store at a file of its own in a fresh folder (one level deeper than the folder, so
-// the first write also has to create a folder).
+// A store of its own one folder down, so the first write also has to create a folder.
 class RegistryStore : public ::testing::Test {
  protected:
-  std::string ReadFile() const { return test::ReadFileBytes(file_); }
-  void WriteFile(const std::string& text) const {
-    stdfs::create_directories(dir_ + "/conf");
-    std::ofstream(file_, std::ios::binary | std::ios::trunc) << text;
-  }
-
   test::ScopedRegistry registry_{"conf/registry.reg"};
   const std::string dir_ = registry_.dir().path(), file_ = registry_.file();
 };
@@ -60,41 +52,20 @@ TEST(RegistryTree, WritesRegFileTextAndReadsItBack) {
   tree.SetValue("CLSID\\{X}\\InprocServer32", "", "C:\\dir\\caf\xE9.so");
   tree.SetValue("CLSID\\{X}\\InprocServer32", "ThreadingModel", "Apartment");
   EXPECT_EQ(tree.Serialize(),
-            "Windows Registry Editor Version 5.00\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\CLSID]\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\CLSID\\{X}]\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\CLSID\\{X}\\InprocServer32]\n"
-            "@=\"C:\\\\dir\\\\caf\xC3\xA9.so\"\n"
-            "\"ThreadingModel\"=\"Apartment\"\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\CLSID\\{X}\\Programmable]\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\P.1]\n"
-            "@=\"Display \\\"D\\\"\\r\\n\"\n"
-            "\n"
-            "[HKEY_CLASSES_ROOT\\P.1\\CLSID]\n"
-            "@=\"{X}\"\n"
-            "\n");
+            "Windows Registry Editor Version 5.00\n\n[HKEY_CLASSES_ROOT\\CLSID]\n\n[HKEY_CLASSES_ROOT\\CLSID\\{X}]\n\n"
+            "[HKEY_CLASSES_ROOT\\CLSID\\{X}\\InprocServer32]\n@=\"C:\\\\dir\\\\caf\xC3\xA9.so\"\n"
+            "\"ThreadingModel\"=\"Apartment\"\n\n[HKEY_CLASSES_ROOT\\CLSID\\{X}\\Programmable]\n\n"
+            "[HKEY_CLASSES_ROOT\\P.1]\n@=\"Display \\\"D\\\"\\r\\n\"\n\n[HKEY_CLASSES_ROOT\\P.1\\CLSID]\n@=\"{X}\"\n\n");
   Tree back;
   ASSERT_EQ(back.Parse(tree.Serialize()), kErrorSuccess);
   EXPECT_EQ(back.Serialize(), tree.Serialize());
 }
 
 TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
-  const struct {
-    const char* what;
-    std::string text;
-    bool ok;
-  } rows[] = {
+  const struct { const char* what; std::string text; bool ok; } rows[] = {
       {"empty file", "", true},
       {"only blank lines and comments", "\n; written by hand\r\n\n", true},
-      {"bom, crlf, comment, spaces",
-       "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n"
-       "@ = \"x\"  \r\n",
-       true},
+      {"bom, crlf, comment, spaces", "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n@ = \"x\"  \r\n", true},
       {"root in another case", "REGEDIT4\n[hkey_classes_root\\A]\n", true},
       {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false},
       {"value before any key", "REGEDIT4\n@=\"x\"\n", false},
@@ -137,21 +108,16 @@ TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
   EXPECT_EQ(name, "{B}");
   EXPECT_EQ(RegEnumKey("CLSID", 1, name), kErrorNoMoreItems);
 
-  // Only the store and its lock file remain beside each other: no temporary files.
-  size_t entries = 0;
-  for (const auto& entry : stdfs::directory_iterator(dir_ + "/conf")) {
-    ++entries;
-    const std::string leaf = entry.path().filename().string();
-    EXPECT_TRUE(leaf == "registry.reg" || leaf == "registry.reg.lock") << leaf;
-  }
-  EXPECT_EQ(entries, 2u);
+  std::set<std::string> leaves;  // no temporary files beside the store and its lock
+  for (const auto& entry : stdfs::directory_iterator(dir_ + "/conf")) leaves.insert(entry.path().filename().string());
+  EXPECT_EQ(leaves, (std::set<std::string>{"registry.reg", "registry.reg.lock"}));
 }
 
 TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
   ASSERT_EQ(RegSetValue("K", "v", "mine"), kErrorSuccess);
   std::string data;
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
-  WriteFile("REGEDIT4\n\n[HKEY_CLASSES_ROOT\\K]\n\"v\"=\"theirs, longer\"\n");
+  std::ofstream(file_, std::ios::binary | std::ios::trunc) << "REGEDIT4\n\n[HKEY_CLASSES_ROOT\\K]\n\"v\"=\"theirs, longer\"\n";
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
   EXPECT_EQ(data, "theirs, longer");
   // A write starts from the file's contents, not from what this process saw before.
@@ -168,9 +134,7 @@ TEST_F(RegistryStore, ProcessesWritingAtOnceKeepEachOthersKeys) {
     ASSERT_GE(children[p], 0);
     if (children[p] == 0) {
       int failures = 0;
-      for (int k = 0; k < kKeysEach; ++k)
-        if (RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess)
-          ++failures;
+      for (int k = 0; k < kKeysEach; ++k) failures += RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess;
       ::_exit(failures == 0 ? 0 : 1);
     }
   }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 namespace qx::shell {
@@ -16,21 +17,11 @@ struct ScopedObserver {
 };
 
 TEST(ShellNotify, CopiesItemsByKind) {
-  struct Row {
-    const char* name;
-    LONG eventId;
-    UINT flags;
-    const char* item1;
-    const char* item2;
-    std::string want1;
-    bool present2;
-  };
+  // An id list is no path: the pointer is opaque, so nothing is read through it.
+  struct Row { const char* name; LONG eventId; UINT flags; const char *item1, *item2; std::string want1; bool present2; };
   const Row rows[] = {
-      {"group written", SHCNE_UPDATEDIR, SHCNF_PATHA | SHCNF_FLUSHNOWAIT, "/g/a.qxg", nullptr,
-       "/g/a.qxg", false},
-      {"1252 bytes kept", SHCNE_CREATE, SHCNF_PATHA, "/g/caf\xE9.qxg", "/g/x", "/g/caf\xE9.qxg",
-       true},
-      // Not a path: the pointer is opaque, so nothing is read through it.
+      {"group written", SHCNE_UPDATEDIR, SHCNF_PATHA | SHCNF_FLUSHNOWAIT, "/g/a.qxg", nullptr, "/g/a.qxg", false},
+      {"1252 bytes kept", SHCNE_CREATE, SHCNF_PATHA, "/g/caf\xE9.qxg", "/g/x", "/g/caf\xE9.qxg", true},
       {"id list", SHCNE_UPDATEDIR, 0, "opaque", nullptr, "", false},
   };
   std::vector<ChangeEvent> seen;
@@ -40,18 +31,15 @@ TEST(ShellNotify, CopiesItemsByKind) {
     seen.clear();
     SHChangeNotify(row.eventId, row.flags, row.item1, row.item2);
     ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].eventId, row.eventId);
-    EXPECT_EQ(seen[0].flags, row.flags);
-    EXPECT_EQ(seen[0].item1, row.want1);
-    EXPECT_TRUE(seen[0].item1Present);
-    EXPECT_EQ(seen[0].item2Present, row.present2);
+    const ChangeEvent& e = seen[0];
+    EXPECT_EQ(std::tuple(e.eventId, e.flags, e.item1, e.item1Present, e.item2Present),
+              std::tuple(row.eventId, row.flags, row.want1, true, row.present2));
   }
 }
 
 TEST(ShellNotify, ObserverMayRemoveObserversWhileCalled) {
   std::vector<int> calls;
-  ObserverToken self = 0;
-  ObserverToken later = 0;
+  ObserverToken self = 0, later = 0;
   self = AddObserver([&](const ChangeEvent&) {
     calls.push_back(1);
     RemoveObserver(self);

@@ -22,6 +22,7 @@ TEST(Time, DosDateTimeEdges) {
   EXPECT_EQ(zero.wMonth, 1);
   EXPECT_EQ(zero.wDay, 1);
   EXPECT_EQ(zero.wDayOfWeek, 2);  // 1 January 1980 was a Tuesday
+  EXPECT_EQ(FromDosDateTime(0x21, 0x1F).wSecond, 59);  // a stored 62 seconds is held to the minute
 }
 
 TEST(Time, LocalTimeAndFileTimes) {
