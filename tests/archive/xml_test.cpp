@@ -21,19 +21,13 @@ std::string Xml(const VxXml& x) { VxString s; EXPECT_TRUE(x.GetXml(s)); return S
 std::string Tag(const VxXml& x) { VxString s; EXPECT_TRUE(x.GetTag(s)); return Str(s); }
 std::string Content(const VxXml& x) { VxString s; EXPECT_TRUE(x.GetContent(s)); return Str(s); }
 
-struct RoundTrip {
-  const char* name;
-  const char* input;
-  const char* xml;
-};
+struct RoundTrip { const char* name; const char* input; const char* xml; };
 
 TEST(XmlText, ParsedDocumentsSerialiseExactly) {
   const RoundTrip rows[] = {
-      {"content and two children", "<a>t<b>x</b><c/></a>",
-       "\r\n<a>t\r\n<b>x</b>\r\n<c></c>\r\n</a>\r\n"},
+      {"content and two children", "<a>t<b>x</b><c/></a>", "\r\n<a>t\r\n<b>x</b>\r\n<c></c>\r\n</a>\r\n"},
       {"empty element never short", "<a/>", "\r\n<a></a>\r\n"},
-      {"nested closes", "<a><b><c/></b><d/></a>",
-       "\r\n<a>\r\n<b>\r\n<c></c>\r\n</b>\r\n<d></d>\r\n</a>\r\n"},
+      {"nested closes", "<a><b><c/></b><d/></a>", "\r\n<a>\r\n<b>\r\n<c></c>\r\n</b>\r\n<d></d>\r\n</a>\r\n"},
       {"declaration", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a/>",
        "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\r\n\r\n<a></a>\r\n"},
       {"declaration quotes", "<?xml version='1.0' standalone=no ?><a/>",
@@ -50,10 +44,8 @@ TEST(XmlText, ParsedDocumentsSerialiseExactly) {
       {"unknown entity escaped", "<a>&nbsp;</a>", "\r\n<a>&amp;nbsp;</a>\r\n"},
       {"attribute entities", "<a k='say \"hi\" &amp; &#38; &apos;'/>",
        "\r\n<a k=\"say &quot;hi&quot; &amp; &#38; &amp;apos;\"></a>\r\n"},
-      {"attribute lt gt", "<a k=\"&lt;b&gt;\" j=\"x&#y\"/>",
-       "\r\n<a k=\"&lt;b&gt;\" j=\"x&#y\"></a>\r\n"},
-      {"unquoted attributes", "<a x=1 y='2'\tz = \"3\"/>",
-       "\r\n<a x=\"1\" y=\"2\" z=\"3\"></a>\r\n"},
+      {"attribute lt gt", "<a k=\"&lt;b&gt;\" j=\"x&#y\"/>", "\r\n<a k=\"&lt;b&gt;\" j=\"x&#y\"></a>\r\n"},
+      {"unquoted attributes", "<a x=1 y='2'\tz = \"3\"/>", "\r\n<a x=\"1\" y=\"2\" z=\"3\"></a>\r\n"},
       {"text pieces joined", "<a> one <b/> two <!-- c --> three\r\n</a>",
        "\r\n<a>one two three\r\n<b></b>\r\n</a>\r\n"},
       {"cdata raw", "<a><![CDATA[<x> & y]]></a>", "\r\n<a><![CDATA[<x> & y]]></a>\r\n"},
@@ -76,17 +68,12 @@ TEST(XmlText, ParsedDocumentsSerialiseExactly) {
 TEST(XmlText, ContentFoldsAfterEightyCharacters) {
   const std::string x79(79, 'x');
   const std::string x80(80, 'x');
-  struct Row {
-    const char* name;
-    std::string content;
-    std::string written;
-  } rows[] = {
+  struct Row { const char* name; std::string content; std::string written; } rows[] = {
       {"79 then blank stays", x79 + " y", x79 + " y"},
       {"80 then blank folds", x80 + " y", x80 + " \r\ny"},
       {"following blanks and line feeds dropped", x80 + "  \n  y", x80 + " \r\ny"},
       {"line feed folds without CR LF", x80 + "\ny", x80 + "\ny"},
-      {"counter restarts", x80 + " " + x80 + " " + x79 + " z",
-       x80 + " \r\n" + x80 + " \r\n" + x79 + " z"},
+      {"counter restarts", x80 + " " + x80 + " " + x79 + " z", x80 + " \r\n" + x80 + " \r\n" + x79 + " z"},
       {"escapes count once", std::string(40, '<') + std::string(40, 'x') + " y",
        [] {
          std::string s;
@@ -171,11 +158,9 @@ TEST(XmlEncoding, FilesAreReadInTheirCharacterSet) {
   } rows[] = {
       {"utf16le_bom.xml", "<?xml version=\"1.0\" encoding=\"utf-8\" ?>", "caf\xC3\xA9 \xCE\xA9"},
       {"utf16be_bom.xml", "<?xml version=\"1.0\" encoding=\"utf-8\" ?>", "caf\xC3\xA9 \xCE\xA9"},
-      {"utf8_bom_windows1252.xml", "<?xml version=\"1.0\" encoding=\"windows-1252\" ?>",
-       "\x80?"},
+      {"utf8_bom_windows1252.xml", "<?xml version=\"1.0\" encoding=\"windows-1252\" ?>", "\x80?"},
       {"windows1252.xml", "<?xml version=\"1.0\" encoding=\"windows-1252\" ?>", "caf\xE9"},
-      {"iso88591.xml", "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\" ?>",
-       "caf\xE9"},
+      {"iso88591.xml", "<?xml version=\"1.0\" encoding=\"ISO-8859-1\" standalone=\"yes\" ?>", "caf\xE9"},
       {"utf8_plain.xml", "", "caf\xC3\xA9"},
       {"nul_inside.xml", "", "a"},
   };
@@ -414,11 +399,7 @@ TEST(XmlSearch, BreadthFirstOrder) {
 }
 
 TEST(XmlSearch, WildcardPatterns) {
-  struct Row {
-    const char* pattern;
-    const char* text;
-    bool match;
-  } rows[] = {
+  struct Row { const char* pattern; const char* text; bool match; } rows[] = {
       {"Learning Tool*", "Learning Tool", true}, {"Learning Tool*", "Learning Tools", true},
       {"Learning Tool*", "A Learning Tool", false}, {"", "", true}, {"", "x", false}, {"*", "", true},
       {"**", "anything", true}, {"a*c", "abbbc", true}, {"a*c", "abcx", false},

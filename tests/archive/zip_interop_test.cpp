@@ -60,11 +60,7 @@ struct Listed {
   int dateTime[6] = {};      // year, month, day, hour, minute, second as stored (local time)
 };
 
-struct Listing {
-  bool crcsOk = false;
-  std::string comment;
-  std::vector<Listed> members;
-};
+struct Listing { bool crcsOk = false; std::string comment; std::vector<Listed> members; };
 
 std::string FromHex(const std::string& hex) {  // after a one-letter prefix
   std::string out;

@@ -57,8 +57,7 @@ std::vector<OpenRow> OpenRows() {
       {"only the end record", BuildZip({}), 0, ""},
       {"end record and comment", BuildZip({}, {.comment = "c"}), 0, ""},
       {"four bytes before the first header", BuildZip({a, b}, {.prefix = "abcd"}), 2, ""},
-      {"eight bytes before the first header", BuildZip({a, b}, {.prefix = "abcdefgh"}), -1,
-       "Not a Zip archive"},
+      {"eight bytes before the first header", BuildZip({a, b}, {.prefix = "abcdefgh"}), -1, "Not a Zip archive"},
       {"(DWF header of 12 bytes", BuildZip({a}, {.prefix = "(DWF V06.00)"}), 1, ""},
       {"(DWF header and four more", BuildZip({a}, {.prefix = "(DWF V06.00)xxxx"}), 1, ""},
       {"stored members", BuildZip({{"s1", "stored one", 0}, {"s2", "stored two", 0}}), 2, ""},
@@ -86,10 +85,8 @@ std::vector<OpenRow> OpenRows() {
       {"ZIP64 size marker", BuildZip({a, wide}), -1, "Zip64 archives are not supported",
        "zip-unsupported: Zip64 archives are not supported (entry 1 (w.kdp) at offset " +
            std::to_string(30 + 5 + Payload(a).size()) + ")"},
-      {"ZIP64 marker in the directory only", BuildZip({wideCentral}), -1,
-       "Zip64 archives are not supported"},
-      {"ZIP64 marker in a data descriptor", BuildZip({wideDescribed}), -1,
-       "Zip64 archives are not supported"},
+      {"ZIP64 marker in the directory only", BuildZip({wideCentral}), -1, "Zip64 archives are not supported"},
+      {"ZIP64 marker in a data descriptor", BuildZip({wideDescribed}), -1, "Zip64 archives are not supported"},
       {"descriptor never followed by a header", Cut(BuildZip({Described(a)}), 60), -1, ""},
   };
 }

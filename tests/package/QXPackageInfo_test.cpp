@@ -81,10 +81,7 @@ DISPID IdOf(IDispatch* disp, const std::string& name) {
 
 // A property read through IDispatch by name: the status and the value (a string as UTF-8, an
 // integer in decimal).
-struct DispatchResult {
-  HRESULT hr;
-  std::string value;
-};
+struct DispatchResult { HRESULT hr; std::string value; };
 
 DispatchResult GetProperty(IDispatch* disp, const std::string& name) {
   DISPPARAMS none{nullptr, nullptr, 0, 0};
@@ -212,10 +209,8 @@ TEST_F(PackageInfoTest, PropertiesOfManifests) {
        "</imsmd:requirement></imsmd:technical>"), "Connectivity", S_FALSE, ""},
       {"label too shallow for three parents", "<imsmd:technical><imsmd:langstring>Connectivity"
        "</imsmd:langstring></imsmd:technical>", "Connectivity", S_FALSE, ""},
-      {"no technical section", Manifest(Requirement("Connectivity", "USB")), "Connectivity",
-       S_FALSE, ""},
-      {"UTF-8 bytes read as 1252", Manifest(title + "\xC3\x84rea" + end), "Title", S_OK,
-       "\xC3\x83\xE2\x80\x9E" "rea"},
+      {"no technical section", Manifest(Requirement("Connectivity", "USB")), "Connectivity", S_FALSE, ""},
+      {"UTF-8 bytes read as 1252", Manifest(title + "\xC3\x84rea" + end), "Title", S_OK, "\xC3\x83\xE2\x80\x9E" "rea"},
       {"declared windows-1252", Manifest(title + "\xC4rea" + end,
        "<?xml version=\"1.0\" encoding=\"windows-1252\"?>"), "Title", S_OK, "\xC3\x84rea"},
   };
@@ -241,12 +236,7 @@ TEST_F(PackageInfoTest, FilenameOutcomesAndWhatStays) {
   std::ofstream(planted) << titled("Planted");
 
   // Each step on one object, in order: the put's status, then IsQXP and Title after it.
-  const struct {
-    const char* path;
-    HRESULT hr;
-    const char* isQxp;
-    const char* title;
-  } steps[] = {
+  const struct { const char* path; HRESULT hr; const char* isQxp; const char* title; } steps[] = {
       {"/nonexistent/x.qxp", E_FAIL, "0", ""},   {"plain.qxg", S_FALSE, "0", ""},
       {"upper.qxp", S_OK, "1", "Upper"},         {"a.qxp", S_OK, "1", "Area <r> <"},
       {"plain.qxg", S_FALSE, "1", "Area <r> <"}, {"broken.qxp", S_OK, "1", "Area <r> <"},
@@ -312,12 +302,7 @@ TEST_F(PackageInfoTest, ObjectSafety) {
   EXPECT_EQ(safety->GetInterfaceSafetyOptions(IID_IClassFactory, &supported, &enabled), E_NOINTERFACE);
   EXPECT_EQ(supported + enabled, 0u);
   // In order on one object: what a set answers, and the options enabled after it.
-  const struct {
-    const IID* iid;
-    DWORD mask, options;
-    HRESULT hr;
-    DWORD enabledAfter;
-  } rows[] = {
+  const struct { const IID* iid; DWORD mask, options; HRESULT hr; DWORD enabledAfter; } rows[] = {
       {&IID_IDispatch, 1, 1, S_OK, 1}, {&IID_IQXPackageInfo, 2, 2, E_FAIL, 1}, {&IID_IClassFactory, 1, 0, E_NOINTERFACE, 1},
       {&IID_IObjectSafety, 1, 0, S_OK, 0}, {&IID_IUnknown, 1, 3, S_OK, 1}, {&IID_IDispatch, 0, 1, S_OK, 1},
   };
