@@ -69,6 +69,7 @@ TEST(ZipWrite, AppendedMembersFollowTheLayoutByteForByte) {
       {"big0.bin", big, 0, 0}, {"big8.bin", big, -1, 0},
       {"any non-zero method deflates", std::string(300, 'x'), 3, 1},
       {"caf\xE9.kdp", "abc", -1, 1, "caf\x82.kdp"},  // code page 850
+      {"\x80 costs.kdp", "abc", -1, 1, "? costs.kdp"},  // 1252's euro sign has no place in 850
       {"a quarter exactly is text", std::string(80, 'a') + std::string(20, '\0'), -1, 1},
       {"one more is binary", std::string(79, 'a') + std::string(21, '\0'), -1, 0},
       {"7 is text, 6 is not", std::string(40, '\x07') + std::string(10, '\x06'), -1, 1},
