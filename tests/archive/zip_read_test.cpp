@@ -163,24 +163,5 @@ TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
   }
 }
 
-TEST(ZipRead, EntryFieldsComeFromTheDirectory) {
-  TempDir dir;
-  Member folder{"sub/", "", 0};
-  folder.externalAttributes = 0x10;
-  const std::string path = dir.Write("f.zip", BuildZip({folder, {"sub/b.kdp", std::string(100, 'b')}}));
-  VxZip zip;
-  ASSERT_TRUE(zip.OpenZip(path.c_str()));
-  auto d = zip.GetEntryByIndex(0);
-  auto f = zip.GetEntryByIndex(1);
-  ASSERT_TRUE(d && f);
-  EXPECT_TRUE(d->IsDirectory());
-  EXPECT_FALSE(f->IsDirectory());
-  EXPECT_EQ(f->GetUncompressedSize(), 100u);
-  SYSTEMTIME t{};
-  f->GetFileTime(t);  // Member's default stamp, 2026-11-22 20:41:30
-  EXPECT_EQ(std::vector<int>({t.wYear, t.wMonth, t.wDay, t.wHour, t.wMinute, t.wSecond}),
-            std::vector<int>({2026, 11, 22, 20, 41, 30}));
-}
-
 }  // namespace
 }  // namespace qx

@@ -39,9 +39,7 @@ void Stamp(std::vector<Member>& members, const std::string& written, size_t from
 }
 
 size_t FilesIn(const std::string& folder) {
-  size_t n = 0;
-  for ([[maybe_unused]] const auto& f : std::filesystem::directory_iterator(folder)) ++n;
-  return n;
+  return static_cast<size_t>(std::distance(std::filesystem::directory_iterator(folder), {}));
 }
 
 TEST(ZipWrite, NewArchiveWithoutEntriesIsOnlyTheEndRecord) {
