@@ -23,18 +23,20 @@ std::string NameOf(VxZipEntry& e) {
 }
 
 // Names are shown in the ANSI code page with backslashes (0x82 is e-acute in code page 850; a
-// name without bytes 128-159 is taken as 1252 already); lookups take either separator.
+// name without bytes 128-159 is taken as 1252 already); lookups take either separator and read
+// at most 259 bytes of the name asked for.
 TEST(ZipEntries, NamesAndLookups) {
   TempDir dir;
+  const std::string kLong(259, 'n');
   const std::string path = dir.Write(
-      "n.zip", BuildZip({{"sub/b.kdp", "b"}, {"win\\c.kdp", "c"}, {"dir/caf\x82.kdp", "x"}, {"na\xEFve.kdp", "y"}}));
+      "n.zip", BuildZip({{"sub/b.kdp", "b"}, {"win\\c.kdp", "c"}, {"dir/caf\x82.kdp", "x"}, {"na\xEFve.kdp", "y"}, {kLong, "z"}}));
   VxZip zip;
   ASSERT_TRUE(zip.OpenZip(path.c_str()));
-  const char* shown[] = {"sub\\b.kdp", "win\\c.kdp", "dir\\caf\xE9.kdp", "na\xEFve.kdp"};
-  for (int i = 0; i < 4; ++i) EXPECT_EQ(NameOf(*zip.GetEntryByIndex(i)), shown[i]);
+  const std::string shown[] = {"sub\\b.kdp", "win\\c.kdp", "dir\\caf\xE9.kdp", "na\xEFve.kdp", kLong};
+  for (int i = 0; i < 5; ++i) EXPECT_EQ(NameOf(*zip.GetEntryByIndex(i)), shown[i]);
   const std::vector<std::pair<std::string, int>> rows = {
       {"sub\\b.kdp", 0}, {"sub/b.kdp", 0},  {"SUB/B.KDP", -1}, {"sub/b.kd", -1},          {"b.kdp", -1},
-      {"win\\c.kdp", 1}, {"win/c.kdp", 1},  {"", -1},          {"dir/caf\xE9.kdp", 2},
+      {"win\\c.kdp", 1}, {"win/c.kdp", 1},  {"", -1},          {"dir/caf\xE9.kdp", 2}, {kLong + "more", 4}, {kLong.substr(1), -1},
   };
   for (const auto& [name, index] : rows) {
     SCOPED_TRACE(name);
