@@ -79,8 +79,8 @@ std::vector<ExtractRow> ExtractRows() {
   };
 }
 
-// ExtractInto fails the same members but drops the folders, so for parent references and
-// absolute folders only the last part decides.
+// ExtractInto, into a missing folder, fails the same members but drops the folders, so for parent
+// references and absolute folders only the last part decides.
 TEST(ZipExtract, EachMemberLandsInsideTheFolderOrFailsAlone) {
   for (const ExtractRow& row : ExtractRows()) {
     SCOPED_TRACE(row.label);
@@ -101,21 +101,9 @@ TEST(ZipExtract, EachMemberLandsInsideTheFolderOrFailsAlone) {
     const bool lastPartSafe = label.rfind("parent reference", 0) == 0 || label == "absolute name";
     const bool ok = zip.FirstEntry()->ExtractInto(into.c_str());
     EXPECT_EQ(ok, row.extracted || lastPartSafe);
-    for (const std::string& f : Tree(into)) EXPECT_EQ(f.find('/'), std::string::npos) << f;
-    EXPECT_EQ(Tree(into).empty(), !ok || row.member.name.ends_with('/'));
+    const std::string last = row.member.name.substr(row.member.name.find_last_of("/\\") + 1);
+    EXPECT_EQ(Tree(into), ok && !last.empty() ? std::set<std::string>{last} : std::set<std::string>{});
   }
-}
-
-TEST(ZipExtract, ExtractIntoWritesTheLastPartOfTheNameIntoAMissingFolder) {
-  TempDir dir;
-  const std::string path = dir.Write("t.zip", BuildZip({{"a.kdp", "A"}, {"sub/b.kdp", "BBBB"}}));
-  VxZip zip;
-  ASSERT_TRUE(zip.OpenZip(path.c_str()));
-  auto e = zip.GetEntryByName("sub\\b.kdp");
-  ASSERT_NE(e, nullptr);
-  ASSERT_TRUE(e->ExtractInto((dir / "out/x").c_str()));
-  EXPECT_EQ(ReadFileBytes(dir / "out/x/b.kdp"), "BBBB");
-  EXPECT_EQ(Tree(dir / "out"), (std::set<std::string>{"x", "x/b.kdp"}));
 }
 
 TEST(ZipExtract, MembersOfTheArchiveGetTheirTimeAndReadOnlyAttribute) {
