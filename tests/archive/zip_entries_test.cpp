@@ -2,6 +2,7 @@
 // empty, the refusals of AppendData and the folder listing as XML.
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -155,8 +156,12 @@ TEST(ZipEntries, HandlesGoEmptyWhenTheListIsRebuiltOrGone) {
   EXPECT_TRUE(Logged(zip, "Object not initialized"));
   EXPECT_EQ(zip.GetEntryByName("b.kdp")->GetUncompressedSize(), 2u);  // new handles see the records
 
+  // A failed open drops the list, and without one nothing is written.
   auto reopened = zip.FirstEntry();
   ASSERT_FALSE(zip.OpenZip((dir / "missing.zip").c_str()));
+  EXPECT_TRUE(Logged(zip, "Failed to open Zip file"));
+  EXPECT_FALSE(zip.WriteZip());
+  EXPECT_FALSE(std::filesystem::exists(dir / "missing.zip"));
   EXPECT_EQ(reopened->GetUncompressedSize(), 0u);
   EXPECT_EQ(zip.EntryCount(), 0);
   EXPECT_EQ(zip.GetEntryByIndex(0), nullptr);

@@ -135,17 +135,6 @@ TEST(ZipWrite, MembersOfTheOpenedArchiveAreCopiedNotRecompressed) {
   EXPECT_EQ(ReadFileBytes(dir / "x/fast.txt"), fast.data);
 }
 
-TEST(ZipWrite, WithoutAnOpenArchiveNothingIsWritten) {
-  TempDir dir;
-  const std::string path = dir / "missing.zip";
-  VxZip zip;
-  EXPECT_FALSE(zip.OpenZip(path.c_str()));
-  EXPECT_TRUE(Logged(zip, "Failed to open Zip file"));
-  EXPECT_FALSE(zip.WriteZip());
-  EXPECT_TRUE(Logged(zip, "No zip file has been opened."));
-  EXPECT_FALSE(std::filesystem::exists(path));
-}
-
 // The end record counts entries in 16 bits: 65535 fit, one more is refused.
 TEST(ZipWrite, AtMost65535Entries) {
   for (const int n : {65535, 65536}) {
