@@ -31,12 +31,8 @@ std::set<std::string> Tree(const std::string& root) {
   return out;
 }
 
-struct ExtractRow {
-  const char* label;
-  Member member;
-  bool extracted;
-  std::set<std::string> written;  // below the destination, besides ok.txt
-};
+// `written`: what lands below the destination besides ok.txt.
+struct ExtractRow { const char* label; Member member; bool extracted; std::set<std::string> written; };
 
 std::vector<ExtractRow> ExtractRows() {
   Member bomb{"bomb.bin", std::string(1 << 20, '\0')};

@@ -25,13 +25,9 @@ Member Described(Member m, bool signature = true) {
 
 std::string Cut(std::string s, size_t keep) { return s.substr(0, keep); }
 
-struct OpenRow {
-  const char* label;
-  std::string bytes;
-  int entries;          // -1: refused
-  std::string message;  // logged by a refusal ("" when any message will do)
-  std::string diagnostic = "";  // the refusal's "code: text", naming the entry and offset
-};
+// Entries -1: refused, with `message` logged ("": any) and the call's diagnostic as "code: text"
+// naming the entry and offset (when given).
+struct OpenRow { const char* label; std::string bytes; int entries; std::string message, diagnostic = ""; };
 
 std::vector<OpenRow> OpenRows() {
   const Member a{"a.kdp", "first member"}, b{"sub/b.kdp", std::string(3000, 'b')};
@@ -48,9 +44,7 @@ std::vector<OpenRow> OpenRows() {
   differs.centralCompressedSize = 1;
   const std::string mismatched = BuildZip({a, differs});
   const size_t directory = good.find("PK\x01\x02");
-  std::string hugeName = good;
-  hugeName[good.find("PK\x01\x02") + 28] = '\xFF';  // name length 0xFF.. past the end
-  hugeName[good.find("PK\x01\x02") + 29] = '\xFF';
+  const std::string hugeName = std::string(good).replace(directory + 28, 2, "\xFF\xFF");  // name length past the end
   const std::string longExtra = std::string(good).replace(28, 2, Le16(0xFFFF));  // a's extra field
   return {
       {"two members", good, 2, ""},
@@ -148,9 +142,7 @@ TEST(ZipRead, DataDescriptorsGiveTheSizesAndTheData) {
                  std::to_string(signature) + ", reads of " + std::to_string(readSize));
     const ReadSize reads(readSize);
     TempDir dir;
-    const Member streamed = Described(member, signature);
-    const std::string path = dir.Write(
-        "d.zip", BuildZip({streamed, Described({"after.txt", "after", 0}, signature)}));
+    const std::string path = dir.Write("d.zip", BuildZip({Described(member, signature), Described({"after.txt", "after", 0}, signature)}));
     VxZip zip;
     ASSERT_TRUE(zip.OpenZip(path.c_str()));
     ASSERT_EQ(zip.EntryCount(), 2);

@@ -55,12 +55,7 @@ TEST(ZipWrite, NewArchiveWithoutEntriesIsOnlyTheEndRecord) {
 // Internal attribute 1 marks text: among the first 800 bytes, no more bytes of 0-6 and 128-255
 // than a quarter of those of 7-127. `method` < 0 leaves what AppendData set.
 TEST(ZipWrite, AppendedMembersFollowTheLayoutByteForByte) {
-  struct Row {
-    std::string name, data;
-    int method;
-    uint16_t text;
-    std::string stored = "";  // when it differs from `name`
-  };
+  struct Row { std::string name, data; int method; uint16_t text; std::string stored = ""; };  // stored: if not `name`
   const std::string big = Binary(65535);
   const std::vector<Row> rows = {
       {"a.kdp", std::string(300, 'x') + "\r\n", -1, 1}, {"sub\\b.kdp", Binary(40), -1, 0, "sub/b.kdp"},
@@ -169,13 +164,8 @@ TEST(ZipWrite, CreatesTheArchiveFolderAndReplacesAnExistingFile) {
 TEST(ZipWrite, GradedResultSaysWhatHappenedToTheFile) {
   using Outcome = ZipWriteResult::Outcome;
   const size_t kKept = std::string::npos;
-  const struct {
-    const char* file;
-    size_t cutTo;  // the opened archive is cut to this many bytes before writing (npos: kept)
-    Outcome outcome;
-    std::string message;
-    std::vector<std::string> leftOut = {};
-  } rows[] = {
+  // cutTo: the opened archive is cut to this many bytes before writing (npos: kept).
+  const struct { const char* file; size_t cutTo; Outcome outcome; std::string message; std::vector<std::string> leftOut = {}; } rows[] = {
       {"a.zip", kKept, Outcome::Written, ""},
       {"a<.zip", kKept, Outcome::Untouched, "Filename cannot contain a '<'"},
       {"a>.zip", kKept, Outcome::Untouched, "Filename cannot contain a '>'"},

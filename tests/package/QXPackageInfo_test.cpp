@@ -109,17 +109,12 @@ constexpr const char* kProperties[] = {"Type", "Title", "GradeLevel", "TeachingT
                                        "LearningTool", "Connectivity", "SupportingHardware", "HandHeldApps",
                                        "ComputerApps"};
 
-// The five requirement properties answer S_FALSE when nothing is found; the others S_OK.
-bool IsRequirement(const std::string& name) {
-  return name.find("App") != std::string::npos || name == "LearningTool" ||
-         name == "Connectivity" || name == "SupportingHardware";
-}
+// The last five, the requirements, answer S_FALSE when nothing is found; the others S_OK.
+bool IsRequirement(std::string_view name) { return std::find(kProperties + 6, std::end(kProperties), name) != std::end(kProperties); }
 
 std::string Requirement(const std::string& label, const std::string& name) {
-  return "<imsmd:requirement><imsmd:type><imsmd:value><imsmd:langstring>" + label +
-         "</imsmd:langstring></imsmd:value></imsmd:type><imsmd:name><imsmd:value>"
-         "<imsmd:langstring>" + name + "</imsmd:langstring></imsmd:value></imsmd:name>"
-         "</imsmd:requirement>";
+  return "<imsmd:requirement><imsmd:type><imsmd:value><imsmd:langstring>" + label + "</imsmd:langstring></imsmd:value>"
+         "</imsmd:type><imsmd:name><imsmd:value><imsmd:langstring>" + name + "</imsmd:langstring></imsmd:value></imsmd:name></imsmd:requirement>";
 }
 
 // A manifest whose metadata is `lom` (inside imsmd:lom).
