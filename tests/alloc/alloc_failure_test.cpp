@@ -72,12 +72,8 @@ Bstr B(const std::string& utf8) { return Bstr(codepage::Utf8ToWide(utf8)); }
 
 // A call with its arguments made before memory starts to fail: the group and a second string
 // (a file to add, a member to delete; empty for a listing).
-struct Operation {
-  const char* name;
-  const char* group;  // a sample, copied fresh for every run
-  const char* kind;   // "list", "xml", "add" or "delete"
-  std::string argument;
-};
+// group: a sample, copied fresh for every run; kind: "list", "xml", "add" or "delete"
+struct Operation { const char* name; const char* group; const char* kind; std::string argument; };
 
 HRESULT Call(IGroupManager2* fm, const Operation& op, const Bstr& group, const Bstr& argument,
              Bstr& names) {
@@ -88,12 +84,7 @@ HRESULT Call(IGroupManager2* fm, const Operation& op, const Bstr& group, const B
   return fm->DeleteFiles(group.get(), argument.get());
 }
 
-struct Outcome {
-  HRESULT hr = E_FAIL;
-  std::string out, group, why;
-  long live = 0;
-  bool fired = false;
-};
+struct Outcome { HRESULT hr = E_FAIL; std::string out, group, why; long live = 0; bool fired = false; };
 
 Outcome RunOnce(const Operation& op, const std::string& dir, long failAt) {
   stdfs::remove_all(dir);

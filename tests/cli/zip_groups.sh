@@ -107,16 +107,17 @@ if command -v python3 >/dev/null; then
   cmp -s quine.qxg before.qxg || { failures=$((failures + 1)); echo "FAIL quine changed"; }
 fi
 
-# A private temporary folder that is a link, or another user's (only root can make one), or
-# open to others is refused with its reason by every command that needs it; nothing is written
-# where a link points.
+# A private temporary folder that is a link, another user's (only root can make one), open to
+# others or a file is refused with its reason by every command that needs it; nothing is
+# written where a link points.
 mkdir elsewhere
 private="$TMPDIR/QXGrpMgr-$(id -u)"
-for kind in link foreign open; do
+for kind in link foreign open file; do
   case $kind in
     link) ln -s "$work/elsewhere" "$private" ;;
     foreign) [ "$(id -u)" = 0 ] || continue; mkdir -m 700 "$private"; chown nobody "$private" ;;
     open) mkdir -m 755 "$private" ;;
+    file) echo x >"$private" ;;
   esac
   for cmd in "get g.qxg unit1\\school.mag\\main.PROG1.map -C out" "list --tree g.qxg" \
              "xml --subgroups g.qxg" "add g.qxg prog1.map --to unit1\\school.mag"; do

@@ -8,10 +8,7 @@ namespace {
 
 TEST(ContainerSelectionTest, KindForSignature) {
   using namespace std::string_view_literals;
-  struct Case {
-    std::string_view signature;
-    ContainerKind expected;
-  };
+  struct Case { std::string_view signature; ContainerKind expected; };
   const Case cases[] = {
       {kSigZip, ContainerKind::Zip},       {kSigKA, ContainerKind::OldKC},
       {kSigKDX, ContainerKind::OldKC},     {kSigNBX, ContainerKind::OldMA},

@@ -77,15 +77,9 @@ TEST_F(KCGroupTest, AddingFamiliesAndDuplicates) {
   const std::string kdx = KCFile(kKDX, "", KCEntry(5, "Q", "q")), p = KCFile(kKC, "", KCEntry(5, "P", "pp"));
   const PromptReason refused = PromptRefused, duplicate = PromptDuplicate;
   const auto kNoPrompt = static_cast<PromptResult>(0);
-  const struct {
-    const char* name;
-    std::vector<std::string> files;
-    PromptResult answer;  // kNoPrompt: no prompt
-    int32_t result;
-    std::vector<PromptReason> asked;
-    std::string section;
-    int32_t state = 0;
-  } rows[] = {
+  // answer: kNoPrompt: no prompt
+  const struct { const char* name; std::vector<std::string> files; PromptResult answer; int32_t result;
+      std::vector<PromptReason> asked; std::string section; int32_t state = 0; } rows[] = {
       {"kdx into kc", {kdx, ok}, PromptReplace, 0, {refused}, a + b + c},
       {"kb into kc", {KCFile("**QXKB**\x1A\x0A", "", k), ok}, PromptReplace, 0, {refused}, a + b + c},
       {"ma into kc", {KCFile(kMA, "", k), ok}, PromptReplace, 0, {refused}, a + b + c},
@@ -121,10 +115,7 @@ TEST_F(KCGroupTest, AddingFamiliesAndDuplicates) {
 TEST_F(KCGroupTest, ReplacingWritesWhatDeletingWould) {
   const std::string a = KCEntry(5, "A", "aa"), b = KCEntry(5, "B", "bbb"), c = KCEntry(5, "C", "c");
   const std::string bNew = KCEntry(5, "B", "new");
-  const struct {
-    const char* name;
-    std::string start;
-  } rows[] = {
+  const struct { const char* name; std::string start; } rows[] = {
       {"signature and bytes after the checksum", kKC.substr(0, 10) + "Z" + KCFile(kKC, "c", a + b + c).substr(11) + "tail"},
       {"two entries of the name", KCFile(kKC, "c", a + b + c + b)},
       {"section not filled by its entries", KCFile(kKC, "c", a + b + c + "xyz")},
@@ -140,12 +131,8 @@ TEST_F(KCGroupTest, ReplacingWritesWhatDeletingWould) {
 }
 
 TEST_F(KCGroupTest, Deleting) {
-  const struct {
-    const char* name;
-    StringList names;
-    int32_t result;
-    std::string section;  // empty: unchanged
-  } rows[] = {
+  // section: empty: unchanged
+  const struct { const char* name; StringList names; int32_t result; std::string section; } rows[] = {
       {"unknown name ignored", {"nothere.kcp", "b.KCP"}, 1, KCEntry(5, "A", "aa") + KCEntry(5, "C", "c")},
       {"two at once", {"A.kcp", "C.kcp"}, 1, KCEntry(5, "B", "bbb")},
       {"all refused", {"A.kcp", "B.kcp", "C.kcp"}, 0, ""},
@@ -176,11 +163,7 @@ TEST_F(KCGroupTest, LargeSectionStoresZeroLengthAndReadsBack) {
 // A valid group is one the factory gives a container for.
 TEST_F(KCGroupTest, ValidityByContentsOrExtension) {
   const std::string one = KCFile(kKC, "", KCEntry(5, "A", "aa"));
-  const struct {
-    const char* file;
-    std::string bytes;
-    int32_t valid;
-  } rows[] = {
+  const struct { const char* file; std::string bytes; int32_t valid; } rows[] = {
       {"one.kcg", one, 1},
       {"one.KCG", one, 1},
       {"one.kcp", one, 0},

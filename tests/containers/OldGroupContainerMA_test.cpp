@@ -56,10 +56,7 @@ TEST_F(MAGroupTest, NewEmptyGroupHasNoMembers) {
 // Each later file goes first in its folder.
 TEST_F(MAGroupTest, CreateFromFiles) {
   const Var v{"V", 0x12, "123456"}, a{"a", 0x12, "A"}, b{"b", 0x12, "BB"};
-  const struct {
-    std::vector<Var> files, expected;
-    StringList names;
-  } rows[] = {
+  const struct { std::vector<Var> files, expected; StringList names; } rows[] = {
       {{v}, {v}, {"main.V.map"}},
       {{a, b}, {b, a}, {"main.b.map", "main.a.map"}},
   };
@@ -79,12 +76,8 @@ TEST_F(MAGroupTest, CreateFromFiles) {
 
 // Bytes after the file size field stay where they are on an add.
 TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
-  const struct {
-    const char* name;
-    std::string file;
-    std::string tail;
-    std::vector<Folder> expected;
-  } rows[] = {
+  const struct { const char* name; std::string file; std::string tail;
+      std::vector<Folder> expected; } rows[] = {
       {"first in an existing folder", MAVarFile("MAIN", kC), "", {{"main", {kC, kA}}, {"x", {kB}}}},
       {"the file's folder names the target", MAVarFile("x", kC), "TT", {{"main", {kA}}, {"x", {kC, kB}}}},
       {"new folder goes last", MAVarFile("new", kC), "", {{"main", {kA}}, {"x", {kB}}, {"new", {kC}}}},
@@ -103,12 +96,9 @@ TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
 
 TEST_F(MAGroupTest, Deleting) {
   const std::vector<Folder> start = {{"main", {kA, kB}}, {"x", {kC}}, {"empty", {}}};
-  const struct {
-    const char* name;
-    StringList names;
-    int32_t result;
-    std::vector<Folder> expected;  // empty: unchanged
-  } rows[] = {
+  // expected: empty: unchanged
+  const struct { const char* name; StringList names; int32_t result;
+      std::vector<Folder> expected; } rows[] = {
       {"one of two", {"main.b.map"}, 1, {{"main", {kA}}, {"x", {kC}}, {"empty", {}}}},
       {"a folder's last member takes the folder", {"x.c.mas"}, 1, {{"main", {kA, kB}}, {"empty", {}}}},
       {"names in any case", {"MAIN.A.MAP"}, 1, {{"main", {kB}}, {"x", {kC}}, {"empty", {}}}},
@@ -129,15 +119,9 @@ TEST_F(MAGroupTest, Deleting) {
 }
 
 TEST_F(MAGroupTest, FamiliesAndDuplicates) {
-  const struct {
-    const char* name;
-    std::string fileSig;
-    Var var;
-    PromptResult answer;
-    int32_t result;
-    std::vector<PromptReason> asked;
-    std::vector<Folder> expected;  // empty: unchanged
-  } rows[] = {
+  // expected: empty: unchanged
+  const struct { const char* name; std::string fileSig; Var var; PromptResult answer; int32_t result;
+      std::vector<PromptReason> asked; std::vector<Folder> expected; } rows[] = {
       {"nbx renamed to ma, duplicate", kNBX, {"A", 0x12, "new"}, PromptReplace, 1, {PromptDuplicate},
        {{"main", {{"A", 0x12, "new"}, kB}}}},
       {"nbx renamed, new name", kNBX, {"Q", 0x12, "q"}, PromptReplace, 1, {}, {{"main", {{"Q", 0x12, "q"}, kA, kB}}}},
@@ -167,13 +151,9 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
 TEST_F(MAGroupTest, ReplacingDuplicatesWritesWhatDeletingWould) {
   const Var a{"A", 0x12, "aaaa"}, b{"B", 0x12, "bb"}, c{"C", 0x12, "ccc"};
   const Var a1{"A", 0x12, "11"}, a2{"A", 0x12, "222"}, b1{"B", 0x12, "1"}, c1{"C", 0x12, "1111"};
-  const struct {
-    const char* name;
-    std::vector<Folder> start;
-    std::string tail;
-    std::vector<std::pair<std::string, Var>> adds;  // folder, variable
-    std::vector<Folder> expected;
-  } rows[] = {
+  // adds: folder, variable
+  const struct { const char* name; std::vector<Folder> start; std::string tail;
+      std::vector<std::pair<std::string, Var>> adds; std::vector<Folder> expected; } rows[] = {
       {"one", {{"main", {a, b, c}}}, "", {{"main", b1}}, {{"main", {b1, a, c}}}},
       {"two", {{"main", {a, b, c}}}, "", {{"main", a1}, {"main", c1}}, {{"main", {c1, a1, b}}}},
       {"twice", {{"main", {a, b}}}, "", {{"main", a1}, {"main", a2}}, {{"main", {a2, b}}}},
@@ -218,11 +198,7 @@ TEST_F(MAGroupTest, ContentsListingAndExtraction) {
 // points past the end, or the file ends early) is refused with a reason and leaves no file.
 TEST_F(MAGroupTest, MembersPastTheEndFailCleanly) {
   const std::string good = MAGroupFile({{"main", {kA, kB}}}, "c");
-  const struct {
-    const char* name;
-    std::string bytes;
-    const char* member;
-  } rows[] = {
+  const struct { const char* name; std::string bytes; const char* member; } rows[] = {
       {"ends early", good.substr(0, good.size() - 1), "main.B.map"},
       {"points past", std::string(good).replace(60 + 32, 4, Le32(0x10000)), "main.A.map"},
   };
@@ -250,10 +226,7 @@ TEST_F(MAGroupTest, GroupCutShortDuringAChangeStaysAsItIs) {
   const std::string big(60000, 'x');  // larger than a read buffers, so the cut is met
   std::string kc = KCFile(kKC, "", KCEntry(5, "A", big) + KCEntry(5, "B", big));
   kc.replace(53, 2, Le16(0));  // a section past 64 KiB stores length 0
-  const struct {
-    const char* name;
-    std::string group, dup;
-  } rows[] = {
+  const struct { const char* name; std::string group, dup; } rows[] = {
       {"g.mag", MAGroupFile({{"main", {{"A", 0x12, big}, {"B", 0x12, big}}}}), MAVarFile("main", {"A", 0x12, "11"})},
       {"g.kcg", kc, KCFile(kKC, "", KCEntry(5, "A", "11"))},
   };
@@ -307,11 +280,7 @@ TEST_F(MAGroupTest, TypeWithoutLetterListsBareAndRefusesChanges) {
 }
 
 TEST_F(MAGroupTest, Validity) {
-  const struct {
-    const char* name;
-    std::string bytes;
-    int32_t valid;
-  } rows[] = {
+  const struct { const char* name; std::string bytes; int32_t valid; } rows[] = {
       {"group", MAGroupFile({{"main", {kA}}}), 1},
       {"nbx group", MAGroupFile({{"main", {kA}}}, "", kNBX), 1},
       {"single file", MAVarFile("main", kA), 0},

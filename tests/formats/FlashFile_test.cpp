@@ -10,14 +10,9 @@
 namespace qx {
 namespace {
 
-struct Record {
-  std::string name;
-  uint8_t device;
-  uint8_t kind;
-  uint8_t variant = 0;
-  std::string data = "DATA";
-  uint8_t nameLength = 0xFF;  // 0xFF: the name's own length
-};
+// A nameLength of 0xFF stands for the name's own length.
+struct Record { std::string name; uint8_t device, kind, variant = 0; std::string data = "DATA";
+                uint8_t nameLength = 0xFF; };
 
 std::string Build(const Record& r) {
   std::string h(kFlashHeaderSize, '\0');
@@ -37,10 +32,8 @@ std::string Slurp(const std::string& path) {
 }
 
 TEST(FlashFile, OutputNamesFromNameKindAndDevice) {
-  const struct {
-    Record record;
-    const char* file;  // "" when nothing is written
-  } rows[] = {
+  // file: "" when nothing is written
+  const struct { Record record; const char* file; } rows[] = {
       {{"MyApp", 0x73, kFlashKindApp}, "MyApp.kdk"}, {{"os", 0x74, kFlashKindBase}, "os.kau"},
       {{"c", 0x98, kFlashKindCert}, "c.maq"}, {{"r", 0x88, kFlashKindCert, 8}, "r.raq"},
       {{"r", 0x88, kFlashKindBase, 8}, "r.rau"}, {{"n", 0x88, kFlashKindApp, 7}, "n.nbk"},
@@ -70,12 +63,8 @@ TEST(FlashFile, WalksRecordsAndStopsAtDamage) {
   std::string longName = Build({"N", 0x73, kFlashKindApp, 0, "x", 0xF0});  // length past header
   std::string huge = Build({"big", 0x73, kFlashKindApp});
   huge.replace(kFlashDataLengthAt, 4, "\xFF\xFF\xFF\xFF");  // refused before any allocation
-  const struct {
-    const char* what;
-    std::string bytes;
-    HRESULT status;
-    std::vector<std::string> written;
-  } rows[] = {
+  const struct { const char* what; std::string bytes; HRESULT status;
+      std::vector<std::string> written; } rows[] = {
       {"two records", Build(app) + Build(base), S_OK, {"A.kdk", "BASE0.mau"}},
       {"skipped kind", Build(skip) + Build(app), S_OK, {"A.kdk"}},
       {"same path twice", Build(base) + Build(base), S_OK, {"BASE0.mau", "BASE0.mau"}},

@@ -23,12 +23,7 @@ std::string Parsed(const std::string& bytes, KCGroup& g) {
 }
 
 TEST(LayoutKC, WalkReadsTypeNameAndLength) {
-  const struct {
-    const char* what;
-    std::string_view sig;
-    unsigned typeByte, type;
-    bool kdx;
-  } rows[] = {
+  const struct { const char* what; std::string_view sig; unsigned typeByte, type; bool kdx; } rows[] = {
       {"plain", kSigKC, 0x05, 0x05, false}, {"high bits dropped", kSigKC, 0x45, 0x05, false},
       {"0x24 kept", kSigKA, 0x24, 0x24, false}, {"0x3F", kSigKC, 0x3F, 0x1F, false},
       {"KDX header", kSigKDX, 0x15, 0x15, true},
@@ -121,13 +116,8 @@ TEST(LayoutKC, DamagedFiles) {
     KCGroup g;
     EXPECT_EQ(static_cast<bool>(KCGroup::Parse(cut, g)), n >= 55 + 51);
   }
-  const struct {
-    const char* what;
-    size_t at;
-    unsigned with;
-    size_t entries;
-    bool truncated;  // the walk wanted bytes past the end
-  } rows[] = {
+  // truncated: the walk wanted bytes past the end
+  const struct { const char* what; size_t at; unsigned with; size_t entries; bool truncated; } rows[] = {
       {"huge h ends the walk after the entry", 55, 0xFFFF, 1, true},
       {"huge d steps past the section", 55 + 13, 0x7FFF, 1, false},
       {"data length beyond the file", 53, 0xFFFF, 3, true},

@@ -83,12 +83,7 @@ TEST(LayoutMA, BytesAfterTheFileSizeStayOnAddAndJoinTheLastBlockOnDelete) {
 
 TEST(LayoutMA, DamagedGroupsAreRefusedForChanges) {
   const auto patched = [](size_t at, const std::string& with) { return SampleGroup().replace(at, with.size(), with); };
-  const struct {
-    const char* what;
-    std::string bytes;
-    LayoutResult::Code code;
-    size_t offset;
-  } rows[] = {
+  const struct { const char* what; std::string bytes; LayoutResult::Code code; size_t offset; } rows[] = {
       {"header cut", SampleGroup().substr(0, 59), LayoutResult::kTruncated, 59},
       {"table cut", SampleGroup().substr(0, 150), LayoutResult::kTruncated, 156},
       {"single-variable file", patched(10, "main"), LayoutResult::kNotAGroup, 10},
@@ -115,11 +110,8 @@ TEST(LayoutMA, DamagedGroupsAreRefusedForChanges) {
 
 TEST(LayoutMA, WalkOfDamagedFilesStopsCleanly) {
   const std::string whole = SampleGroup();
-  const struct {
-    size_t keep;  // bytes of the file that remain
-    size_t members;
-    MAWalk::End end;
-  } rows[] = {
+  // keep: bytes of the file that remain
+  const struct { size_t keep; size_t members; MAWalk::End end; } rows[] = {
       {0, 0, MAWalk::kStepFailed},        {63, 0, MAWalk::kStepFailed},
       {92, 0, MAWalk::kTableEnd},         // first data offset 162 lies beyond the file
       {162, 3, MAWalk::kTableEnd},        // table whole, data gone: listed, blocks unreadable

@@ -12,12 +12,8 @@ using namespace std::string_literals;
 NameField Field(const std::string& bytes) { return MakeNameField(bytes); }
 
 TEST(MemberNames, KCStyle) {
-  const struct {
-    std::string_view family;
-    unsigned type;
-    std::string name;  // name field bytes
-    std::string want;
-  } rows[] = {
+  // name: name field bytes
+  const struct { std::string_view family; unsigned type; std::string name; std::string want; } rows[] = {
       // Single variable letters.
       {kSigKDX, 0x00, "\x5B", "theta.kdn"}, {kSigKC, 0x00, "\x5B", "[.kcn"},
       {kSigKA, 0x00, "\xC1", "\xC1.kan"}, {kSigKC, 0x00, "\xC1", "theta.kcn"}, {kSigKC, 0x01, "A", "A.kcc"},
@@ -66,11 +62,8 @@ TEST(MemberNames, KCStyle) {
 }
 
 TEST(MemberNames, MAStyle) {
-  const struct {
-    unsigned type;
-    std::string_view family;
-    const char* ext;  // null: no letter
-  } rows[] = {
+  // ext: null: no letter
+  const struct { unsigned type; std::string_view family; const char* ext; } rows[] = {
       {0x12, kSigMA, ".map"}, {0x24, kSigRa, ".rak"}, {0x0C, kSigNBX, ".nbs"},
       {0x00, kSigNA, ".nae"}, {0x1F, kSigMA, ".mag"}, {0x8B, kSigMA, ".mat"},
       {0x26, kSigMA, ".mab"}, {0x27, kSigMA, ".mab"}, {0x1D, kSigMA, ".mab"},
@@ -94,11 +87,7 @@ TEST(MemberNames, MAStyle) {
 }
 
 TEST(MemberNames, CompatibleFamilyRenaming) {
-  const struct {
-    const char* name;
-    std::string_view group;
-    const char* want;
-  } rows[] = {
+  const struct { const char* name; std::string_view group; const char* want; } rows[] = {
       {"main.prog1.nbp", kSigMA, "main.prog1.map"}, {"main.prog1.map", kSigRa, "main.prog1.rap"},
       {"a.b.rak", kSigNBX, "a.b.nbk"}, {"prog", kSigMA, "prog"},
       {"x.y", kSigMA, "x.ma"},  // fewer than 3 characters from the dot: all of them
@@ -110,10 +99,7 @@ TEST(MemberNames, CompatibleFamilyRenaming) {
 }
 
 TEST(GroupComment, TwoDigitDateAnd24HourTime) {
-  const struct {
-    SYSTEMTIME st;
-    const char* want;
-  } rows[] = {
+  const struct { SYSTEMTIME st; const char* want; } rows[] = {
       {{2026, 11, 2, 17, 10, 31, 0, 0}, "11/17/26, 10:31:00"},
       {{2005, 1, 0, 2, 3, 4, 5, 999}, "01/02/05, 03:04:05"},
       {{1999, 12, 5, 31, 23, 59, 59, 0}, "12/31/99, 23:59:59"},

@@ -12,11 +12,7 @@ namespace {
 using namespace std::string_literals;
 
 TEST(DetectFileSignature, FirstBytesAndExtension) {
-  const struct {
-    const char* name;
-    std::string bytes;
-    std::string_view want;
-  } rows[] = {
+  const struct { const char* name; std::string bytes; std::string_view want; } rows[] = {
       {"x.kac", "**QXKA**\x1A\x0A\0more"s, kSigKA}, {"x.kbc", "**QXKB**\x1A\x0A\0"s, kSigKB},
       {"x.kcp", "**QXKC**\x1A\x0A\0"s, kSigKC}, {"x.kdp", "**QXKDX*\x1A\x0A\0"s, kSigKDX},
       {"x.kfg", "**QXKF**\x1A\x0A\0"s, kSigKF}, {"x.map", "**QXMA**\x01\0"s, kSigMA},

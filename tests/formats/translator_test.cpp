@@ -34,11 +34,7 @@ std::string Decode(const std::string& text) {
 }
 
 TEST_F(Translator, NameFieldsBecomeFileNameText) {
-  const struct {
-    const char* what;
-    unsigned char field[8];
-    const char* expected;
-  } rows[] = {
+  const struct { const char* what; unsigned char field[8]; const char* expected; } rows[] = {
       {"plain", {'P', 'R', 'O', 'G', '1'}, "PROG1"}, {"space", {'A', ' ', 'B'}, "A%20B"},
       {"high byte", {0xC1}, "%C1"},
       {"8 bytes without terminator", {'A', 'B', 'C', 'D', 'E', 'F', 'G', 'H'}, "ABCDEFGH"},
@@ -87,12 +83,7 @@ TEST_F(Translator, OnlyCode19WithAStringGivesAResult) {
   number.vt = VT_I4;
   number.lVal = 65;
   VariantInit(&empty);
-  const struct {
-    const char* what;
-    LONG code;
-    const VARIANT* name;
-    HRESULT expected;
-  } rows[] = {
+  const struct { const char* what; LONG code; const VARIANT* name; HRESULT expected; } rows[] = {
       {"code 19", 19, &str, S_OK}, {"code 0", 0, &str, E_INVALIDARG}, {"code 20", 20, &str, E_INVALIDARG},
       {"number as name", 19, &number, DISP_E_TYPEMISMATCH},
       {"empty variant as name", 19, &empty, DISP_E_TYPEMISMATCH},

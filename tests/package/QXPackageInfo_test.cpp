@@ -22,11 +22,8 @@ namespace {
 
 // What the fake package at a path holds: the manifest member's bytes under the name extraction
 // writes (empty name: the member is missing), what ExtractMember answers, whether it is a folder.
-struct FakePackage {
-  std::string storedName = "imsmanifest.xml", bytes;
-  int32_t result = 1;
-  bool asFolder = false;
-};
+struct FakePackage { std::string storedName = "imsmanifest.xml", bytes; int32_t result = 1;
+    bool asFolder = false; };
 std::map<std::string, FakePackage> fakes;
 std::vector<std::string> extractFolders;
 
@@ -173,13 +170,8 @@ class PackageInfoTest : public ::testing::Test {
 // Each row reads one property from a fresh object; the full manifest's rows come first.
 TEST_F(PackageInfoTest, PropertiesOfManifests) {
   const std::string title = "<imsmd:title><imsmd:langstring>", end = "</imsmd:langstring></imsmd:title>";
-  const struct {
-    const char* what;
-    std::string manifest;
-    const char* property;
-    HRESULT hr;
-    std::string value;
-  } rows[] = {
+  const struct { const char* what; std::string manifest; const char* property; HRESULT hr;
+      std::string value; } rows[] = {
       {"full", kFull, "Filename", S_OK, "pkg.qxp"}, {"full", kFull, "Type", S_OK, "Lesson"},
       {"full", kFull, "Title", S_OK, "Area <r> <"}, {"full", kFull, "GradeLevel", S_OK, "Grade 7"},
       {"full", kFull, "TeachingTime", S_OK, "PT45M"}, {"full", kFull, "Abstract", S_OK, "Circles and their areas."},

@@ -33,16 +33,8 @@ inline std::string S(std::span<const unsigned char> b) { return {b.begin(), b.en
 // the file size field and a marker, then the members' data in table order.
 inline const std::string kMA = "**QXMA**\x01";
 
-struct Var {
-  std::string name;
-  unsigned type = 0x12;
-  std::string data;
-  unsigned attr = 0, extra = 0;
-};
-struct Folder {
-  std::string name;
-  std::vector<Var> members;
-};
+struct Var { std::string name; unsigned type = 0x12; std::string data; unsigned attr = 0, extra = 0; };
+struct Folder { std::string name; std::vector<Var> members; };
 
 inline std::string MAEntry(uint32_t offset, std::string_view name, unsigned type, unsigned attr,
                            unsigned extra) {
