@@ -1,35 +1,7 @@
 #!/usr/bin/env bash
 # qxgroup as a person or a script runs it: exit statuses, JSON of `call`, messages on stderr.
 #   basics.sh QXGROUP SOURCE_DIR
-set -u
-source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
-qx=$1
-src=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
-passed=0
-
-# expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
-expect() {
-  local name=$1 want=$2 out_re=$3 err_re=$4
-  shift 5
-  "$@" >out.txt 2>err.txt
-  local got=$?
-  local ok=1
-  [ "$got" = "$want" ] || ok=0
-  matches "$out_re" out.txt || ok=0
-  matches "$err_re" err.txt || ok=0
-  if [ $ok = 1 ]; then
-    passed=$((passed + 1))
-  else
-    failures=$((failures + 1))
-    echo "FAIL $name: status $got (want $want)"
-    echo "  stdout: $(head -c 400 out.txt)"
-    echo "  stderr: $(head -c 400 err.txt)"
-  fi
-}
+source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
 
 cp "$src"/samples/* .
 touch empty.bin
@@ -64,7 +36,7 @@ expect "info on a folder" 1 '' 'folder: is a folder' -- "$qx" info folder
 # Friendly subcommands refuse what cannot travel, before anything is touched.
 cp prog1.map 'a,b.map'
 expect "comma in a file name" 2 '' 'holds a comma' -- "$qx" create new.mag 'a,b.map' prog1.map
-[ -e new.mag ] && { echo "FAIL comma refusal wrote new.mag"; failures=$((failures + 1)); }
+[ -e new.mag ] && fail "comma refusal wrote new.mag"
 expect "missing input file" 1 '' 'no such file: nothere.map' -- "$qx" add school.mag nothere.map
 expect "list of a text file" 1 '' 'notes.txt: not a group file \(unknown signature\)' -- \
   "$qx" list notes.txt
@@ -96,7 +68,7 @@ expect "delete names the unknown member" 1 '' '^qxgroup: main.NOPE.map: no such 
   "$qx" delete class.mag main.PROG1.map main.NOPE.map
 expect "extract moves out" 0 '' '^$' -- "$qx" extract class.mag main.GREETING.mas -C folder
 expect "what is left" 0 '^main\.PROG1\.map$' '' -- "$qx" list class.mag
-[ -s folder/main.GREETING.mas ] || { echo "FAIL extract wrote nothing"; failures=$((failures + 1)); }
+[ -s folder/main.GREETING.mas ] || fail "extract wrote nothing"
 
 # Help and version.
 expect "help lists subcommands" 0 'create' '' -- "$qx" --help
@@ -104,5 +76,4 @@ expect "call help lists members" 0 'ReadContentsXml' '' -- "$qx" call --help
 expect "version" 0 '^qxgroup [0-9]' '' -- "$qx" --version
 expect "no subcommand" 2 '' '' -- "$qx"
 
-echo "$passed passed, $failures failed"
-[ "$failures" = 0 ]
+finish basics

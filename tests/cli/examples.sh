@@ -2,16 +2,11 @@
 # Every example of `qxgroup --help`, of each subcommand's --help and of the README's command-line
 # block runs as written, next to copies of the sample files, with status 0.
 #   examples.sh QXGROUP SOURCE_DIR
-set -u
+source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
 shopt -s lastpipe  # the counters live on after `... | run_block`
-qx=$1
-src=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 mkdir "$work/bin"
 ln -s "$qx" "$work/bin/qxgroup"
 export PATH="$work/bin:$PATH"
-failures=0
 ran=0
 
 # A scratch folder as a new user has it: the sample files, a samples/ folder and out/.
@@ -27,8 +22,7 @@ run_block() {
     [ -n "$line" ] || continue
     ran=$((ran + 1))
     if ! (cd "$work/s" && bash -c "set -e; $line") >"$work/out" 2>&1; then
-      echo "FAIL $name: $line"; sed 's/^/    | /' "$work/out" | head -5
-      failures=$((failures + 1))
+      fail "$name: $line"; sed 's/^/    | /' "$work/out" | head -5
     fi
   done
 }
@@ -47,6 +41,6 @@ scratch
 sed -n '/^## The command line/,/^```$/p' "$src/README.md" | sed -n '/^```sh$/,/^```$/p' |
   sed '1d;$d' | run_block README
 
-[ "$ran" -gt 10 ] || { echo "FAIL only $ran examples found"; failures=$((failures + 1)); }
-echo "examples: $ran run, $failures failed"
-[ "$failures" = 0 ]
+[ "$ran" -gt 10 ] || fail "only $ran examples found"
+passed=$((ran - failures))
+finish examples

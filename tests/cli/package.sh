@@ -1,44 +1,24 @@
 #!/usr/bin/env bash
 # qxgroup package, register and call --set, as a person or a script runs them.
 #   package.sh QXGROUP SOURCE_DIR
-set -u
-source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
-qx=$1
-samples=$2/samples
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
+source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+samples=$src/samples
 export QXGROUPMGR_REGISTRY=$work/reg/registry.reg
-failures=0
-
-# expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
-expect() {
-  local name=$1 want=$2 out_re=$3 err_re=$4
-  shift 5
-  "$@" >out.txt 2>err.txt
-  local got=$?
-  if [ "$got" != "$want" ] || ! matches "$out_re" out.txt || ! matches "$err_re" err.txt; then
-    failures=$((failures + 1))
-    echo "FAIL $name: status $got (want $want)"
-    echo "  stdout: $(head -c 400 out.txt)"
-    echo "  stderr: $(head -c 400 err.txt)"
-  fi
-}
 
 expect "register" 0 "^registered /.*libqxgroupmgr.* in $work/reg/registry.reg$" "" -- "$qx" register
-grep -q 'QXGroupMgr.QXPackageInfo.1' "$QXGROUPMGR_REGISTRY" || { echo "FAIL no ProgID written"; failures=$((failures + 1)); }
+grep -q 'QXGroupMgr.QXPackageInfo.1' "$QXGROUPMGR_REGISTRY" || fail "no ProgID written"
 expect "by ProgID" 0 '^\{"hr":"0x00000000","out":\{"pVal":0\}\}$' "" -- \
   "$qx" call --progid QXGroupMgr.QXPackageInfo.1 IsQXP
 expect "unregister" 0 "^unregistered " "" -- "$qx" register --unregister
 expect "unregistered ProgID" 1 "" "no class registered as QXGroupMgr.QXPackageInfo in .*0x800401F3" -- \
   "$qx" call --progid QXGroupMgr.QXPackageInfo IsQXP
-grep -q 'QXPackageInfo' "$QXGROUPMGR_REGISTRY" && { echo "FAIL ProgID left"; failures=$((failures + 1)); }
+grep -q 'QXPackageInfo' "$QXGROUPMGR_REGISTRY" && fail "ProgID left"
 expect "not a module" 1 "" "cannot load .*notes.txt" -- "$qx" register --module "$samples/notes.txt"
 printf 'damaged\n' >"$QXGROUPMGR_REGISTRY"
 expect "damaged registry" 1 "" "registry.reg does not parse; it was left as it is" -- "$qx" register
 expect "ProgID in a damaged registry" 1 "" "cannot look up QXGroupMgr.FileManager: .*does not parse" -- \
   "$qx" call --progid QXGroupMgr.FileManager IsGroup
-[ "$(cat "$QXGROUPMGR_REGISTRY")" = damaged ] || { echo "FAIL damaged registry rewritten"; failures=$((failures + 1)); }
+[ "$(cat "$QXGROUPMGR_REGISTRY")" = damaged ] || fail "damaged registry rewritten"
 
 expect "old-style group" 1 "^$" "^qxgroup: not a package: .*imsmanifest.xml.*school.mag$" -- \
   "$qx" package "$samples/school.mag"
@@ -87,7 +67,7 @@ open("overinflate.qxp", "wb").write(b)
 PY
 expect "malformed manifest" 0 "^malformed.qxp$" "^qxgroup: warning: .*malformed.qxp: its manifest does not load" -- \
   "$qx" package malformed.qxp
-corpus=$2/../shared/corpus/ims
+corpus=$src/../shared/corpus/ims
 if [ -d "$corpus" ]; then
   for f in "$corpus"/*.zip; do cp "$f" "$(basename "$f" .zip).qxp"; done
 fi
@@ -114,6 +94,5 @@ qtiworks_WebDeveloperTest1.qxp 0 1 -
 qtiworks_ZipSlip.qxp 1 0 -
 ROWS
 left=$(find "$TMPDIR" -mindepth 1 | head -3)
-[ -z "$left" ] || { echo "FAIL left in the temporary folder: $left"; failures=$((failures + 1)); }
-[ "$failures" = 0 ] && echo "package: ok"
-exit $((failures > 0))
+[ -z "$left" ] || fail "left in the temporary folder: $left"
+finish package

@@ -3,20 +3,10 @@
 # killed at any moment leaves the old group or the new one and no stray file, and a group the
 # user may not write is refused untouched.
 #   writers.sh QXGROUP SOURCE_DIR [KILLS]
-set -u
+source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
 shopt -s nullglob
-qx=$(realpath "$1")
-src=$(realpath "$2")
 kills=${3:-50}  # per layout
-work=$(mktemp -d)
 exec {pause}<> <(:)  # read -t on it sleeps without starting a process
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
-failures=0
-fail() {
-  echo "FAIL $*"
-  failures=$((failures + 1))
-}
 
 # layout: group, variable file, offset of the variable's 8-byte name field, a member to delete
 # (a zip-based group takes the file's own name, so there the name field is left as it is)
@@ -122,5 +112,4 @@ for layout in "${layouts[@]}"; do
   rm -f "g.$ext" "v.$vext"
 done
 
-echo "writers: $failures failures"
-[ "$failures" = 0 ]
+finish writers

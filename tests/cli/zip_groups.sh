@@ -2,37 +2,10 @@
 # qxgroup on zip-based groups: folders, trees, groups nested in groups, the path questions,
 # and nothing left in the temporary folder.
 #   zip_groups.sh QXGROUP SOURCE_DIR
-set -u
-source "$(dirname "${BASH_SOURCE[0]}")/matches.bash"
-qx=$1
-src=$2
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work" || exit 1
+source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
 export TMPDIR=$work/tmp
 mkdir "$TMPDIR"
-failures=0
-passed=0
-
-# expect NAME STATUS STDOUT-PATTERN STDERR-PATTERN -- COMMAND...
-expect() {
-  local name=$1 want=$2 out_re=$3 err_re=$4
-  shift 5
-  "$@" >out.txt 2>err.txt
-  local got=$? ok=1
-  [ "$got" = "$want" ] || ok=0
-  matches "$out_re" out.txt || ok=0
-  matches "$err_re" err.txt || ok=0
-  [ -z "$(ls -A "$TMPDIR")" ] || { ok=0; echo "  left in TMPDIR: $(ls -A "$TMPDIR")"; }
-  if [ $ok = 1 ]; then
-    passed=$((passed + 1))
-  else
-    failures=$((failures + 1))
-    echo "FAIL $name: status $got (want $want)"
-    echo "  stdout: $(head -c 400 out.txt)"
-    echo "  stderr: $(head -c 400 err.txt)"
-  fi
-}
+empty_tmp=1
 
 cp "$src"/samples/* .
 mkdir -p set/sub out
@@ -51,21 +24,21 @@ expect "xml meta attributes" 0 '<file Size="[0-9]+" CompSize="[0-9]+" Date="[0-9
   "$qx" xml --meta g.qxg
 expect "get a nested member" 0 '^$' '^$' -- "$qx" get g.qxg 'unit1\school.mag\main.AREA.map' -C out
 # In the member's folders, as unzip does; a nested group's members where the group would go.
-[ -s out/unit1/main.AREA.map ] || { failures=$((failures + 1)); echo "FAIL nested get wrote nothing"; }
+[ -s out/unit1/main.AREA.map ] || fail "nested get wrote nothing"
 expect "get a folder" 0 '^$' '^$' -- "$qx" get g.qxg set -C out
-[ -s out/set/sub/two.txt ] || { failures=$((failures + 1)); echo "FAIL folder get wrote nothing"; }
+[ -s out/set/sub/two.txt ] || fail "folder get wrote nothing"
 expect "wildcards reach nested groups" 0 '^$' 'wrote out/w/unit1/main.GREETING.mas' -- \
   "$qx" -v get g.qxg 'unit1\school.mag\*.g*' 'UNIT1/*.mag/work.*' -C "$(mkdir out/w && echo out/w)"
 [ "$(ls out/w/unit1 | tr '\n' ' ')" = "main.GREETING.mas work.L1.mal " ] ||
-  { failures=$((failures + 1)); echo "FAIL nested wildcards wrote: $(ls -R out/w)"; }
+  fail "nested wildcards wrote: $(ls -R out/w)"
 # Staging folders of a command killed long ago are cleared from the private folder.
 mkdir -m 700 "$TMPDIR/QXGrpMgr-$(id -u)" && mkdir "$_/.qxgroup-Ab12Cd" && touch -d '2 hours ago' "$_"
 expect "a folder named as listed, stale staging cleared" 0 '^$' '^$' -- "$qx" get g.qxg 'set\' -C out/w
-[ -s out/w/set/one.txt ] || { failures=$((failures + 1)); echo "FAIL 'set\\' wrote nothing"; }
+[ -s out/w/set/one.txt ] || fail "'set\\' wrote nothing"
 # A wildcard hitting a folder's own entry moves the folder: its members are written, then deleted.
 cp lesson.qxg e.qxg && mkdir out/e
 expect "extract of a folder entry by wildcard" 0 '^$' '^$' -- "$qx" extract e.qxg '*1\' -C out/e
-[ -s out/e/unit1/quiz.kdp ] || { failures=$((failures + 1)); echo "FAIL the folder's members were lost"; }
+[ -s out/e/unit1/quiz.kdp ] || fail "the folder's members were lost"
 expect "extract that would empty the group" 1 '^$' 'leave the group empty' -- \
   "$qx" extract g.qxg set unit1 prog1.map -C out
 expect "is-group through the group" 0 '^yes$' '^$' -- "$qx" is-group g.qxg/unit1/school.mag
@@ -80,14 +53,14 @@ expect "folder gone" 0 '^prog1\.map$' '^$' -- "$qx" list g.qxg
 expect "0-byte file fails in one line" 1 '^$' '^qxgroup: .{1,300}$' -- "$qx" add g.qxg empty.kdp
 expect "missing group part fails" 1 '' '^qxgroup: ' -- "$qx" delete g.qxg 'nothere\x'
 expect "expand" 0 '^$' '^$' -- "$qx" expand g.qxg -C out
-[ -s out/unit1/school.mag ] || { failures=$((failures + 1)); echo "FAIL expand wrote nothing"; }
+[ -s out/unit1/school.mag ] || fail "expand wrote nothing"
 if command -v unzip >/dev/null; then
-  unzip -tqq g.qxg >/dev/null || { failures=$((failures + 1)); echo "FAIL unzip -t"; }
+  unzip -tqq g.qxg >/dev/null || fail "unzip -t"
   # get with a wildcard writes what unzip writes.
   mkdir out/q out/u && "$qx" get lesson.qxg '*' -C out/q && unzip -q lesson.qxg -d out/u &&
-    diff -r out/q out/u >/dev/null || { failures=$((failures + 1)); echo "FAIL get '*' differs from unzip"; }
+    diff -r out/q out/u >/dev/null || fail "get '*' differs from unzip"
   [ "$("$qx" get -p lesson.qxg unit1 | wc -c)" = "$(unzip -p lesson.qxg 'unit1/*' | wc -c)" ] ||
-    { failures=$((failures + 1)); echo "FAIL get -p of a folder"; }
+    fail "get -p of a folder"
 fi
 
 # An archive that holds itself: every walk stops 16 groups down, cleanly, leaving nothing.
@@ -97,14 +70,14 @@ if command -v python3 >/dev/null; then
   deep=$q; for _ in $(seq 16); do deep="$deep\\$q"; done  # a member of the 16th nested group
   expect "quine: tree ends 16 groups down" 0 "^ {34}$q\$" '^$' -- "$qx" list --tree quine.qxg
   expect "quine: xml ends with the member" 0 "^<file>$q</file>" '^$' -- "$qx" xml --subgroups quine.qxg
-  [ "$(grep -c '^<group' out.txt)" = 17 ] || { failures=$((failures + 1)); echo "FAIL quine xml depth"; }
+  [ "$(grep -c '^<group' out.txt)" = 17 ] || fail "quine xml depth"
   expect "quine: get the deepest member" 0 '^$' '^$' -- "$qx" get quine.qxg "$deep" -C out
-  cmp -s "out/$q" quine.qxg || { failures=$((failures + 1)); echo "FAIL quine member differs"; }
+  cmp -s "out/$q" quine.qxg || fail "quine member differs"
   expect "quine: one deeper is not there" 1 '^no$' '' -- "$qx" exists "quine.qxg/${deep//\\//}/$q"
   cp quine.qxg before.qxg
   expect "quine: adding past the bound fails" 1 '^$' 'nested more than 16 deep' -- \
     "$qx" add quine.qxg set/one.txt --to "$deep\\"
-  cmp -s quine.qxg before.qxg || { failures=$((failures + 1)); echo "FAIL quine changed"; }
+  cmp -s quine.qxg before.qxg || fail "quine changed"
 fi
 
 # A private temporary folder that is a link, another user's (only root can make one), open to
@@ -125,11 +98,10 @@ for kind in link foreign open file; do
     "$qx" $cmd >out.txt 2>err.txt
     status=$?
     if [ $status = 0 ] || ! grep -q 'temporary folder' err.txt || [ -n "$(ls -A elsewhere)" ]; then
-      failures=$((failures + 1)); echo "FAIL $kind temporary folder: $cmd: $status $(cat err.txt)"
+      fail "$kind temporary folder: $cmd: $status $(cat err.txt)"
     fi
   done
   rm -rf "$private"
 done
 
-echo "$passed passed, $failures failed"
-[ "$failures" = 0 ]
+finish zip_groups
