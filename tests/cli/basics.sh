@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # qxgroup as a person or a script runs it: exit statuses, JSON of `call`, messages on stderr.
 #   basics.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 
 cp "$src"/samples/* .
 touch empty.bin

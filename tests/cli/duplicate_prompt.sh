@@ -3,7 +3,7 @@
 # each case runs in a detached tmux session, reads the question off the screen, presses keys and
 # checks the status, the group, the file on disk and the terminal mode.
 #   duplicate_prompt.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 command -v tmux >/dev/null 2>&1 || { echo "duplicate_prompt: tmux not installed, skipped"; exit 0; }
 export TMPDIR=$work/tmp  # what a killed command leaves in the private folder goes with $work
 mkdir "$TMPDIR"

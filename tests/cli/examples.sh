@@ -2,7 +2,7 @@
 # Every example of `qxgroup --help`, of each subcommand's --help and of the README's command-line
 # block runs as written, next to copies of the sample files, with status 0.
 #   examples.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 shopt -s lastpipe  # the counters live on after `... | run_block`
 mkdir "$work/bin"
 ln -s "$qx" "$work/bin/qxgroup"

@@ -2,7 +2,7 @@
 # qxgroup never destroys a user's file and answers as the archive tools do: the reproductions
 # of the ways it once lost data or said the wrong thing, each with what must happen instead.
 #   keeps_files.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 cp "$src"/samples/* .
 same() { cmp -s "$1" "$2" || fail "$3: $1 changed"; }
 

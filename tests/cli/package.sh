@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # qxgroup package, register and call --set, as a person or a script runs them.
 #   package.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 samples=$src/samples
 export QXGROUPMGR_REGISTRY=$work/reg/registry.reg
 

@@ -3,7 +3,7 @@
 # killed at any moment leaves the old group or the new one and no stray file, and a group the
 # user may not write is refused untouched.
 #   writers.sh QXGROUP SOURCE_DIR [KILLS]
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 shopt -s nullglob
 kills=${3:-50}  # per layout
 exec {pause}<> <(:)  # read -t on it sleeps without starting a process

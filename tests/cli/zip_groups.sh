@@ -2,7 +2,7 @@
 # qxgroup on zip-based groups: folders, trees, groups nested in groups, the path questions,
 # and nothing left in the temporary folder.
 #   zip_groups.sh QXGROUP SOURCE_DIR
-source "$(dirname "${BASH_SOURCE[0]}")/lib.bash"
+source "$(dirname "${BASH_SOURCE[0]}")/lib.sh"
 export TMPDIR=$work/tmp
 mkdir "$TMPDIR"
 empty_tmp=1

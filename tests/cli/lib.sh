@@ -1,4 +1,4 @@
-# Sourced by the CLI checks as `source lib.bash QXGROUP SOURCE_DIR`: sets qx and src, works in a
+# Sourced by the CLI checks as `source lib.sh QXGROUP SOURCE_DIR`: sets qx and src, works in a
 # fresh folder removed on exit, counts failures, and ends with `finish NAME`.
 set -u
 qx=$(realpath "$1")
