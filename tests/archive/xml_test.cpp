@@ -197,6 +197,9 @@ TEST(XmlEncoding, TextParsedInPlaceKeepsItsBytes) {
   // Not converted on the way in, so not valid UTF-8 on the way out: handed out unchanged.
   ASSERT_TRUE(doc.LoadXml("<?xml version=\"1.0\" encoding=\"windows-1252\"?><r>caf\xE9</r>"));
   EXPECT_EQ(Content(doc), "caf\xE9");
+  // A name as long as "utf-8" is not taken for it: the tree's UTF-8 is handed out in code page 850.
+  ASSERT_TRUE(doc.LoadXml("<?xml version=\"1.0\" encoding=\"cp850\"?><r>caf\xC3\xA9</r>"));
+  EXPECT_EQ(Content(doc), "caf\x82");
   // UTF-8 documents take and give bytes as they are.
   ASSERT_TRUE(doc.LoadXml("<r>caf\xC3\xA9</r>"));
   EXPECT_TRUE(doc.FindTagWithContent(nullptr, "r", "caf\xC3\xA9"));
