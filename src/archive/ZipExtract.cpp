@@ -70,10 +70,7 @@ bool Decompress(ArchiveState& s, const Record& r, std::optional<size_t> index, c
         z.next_out = out.data();
         z.avail_out = static_cast<uInt>(out.size());
         const int rc = inflate(&z, Z_NO_FLUSH);
-        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) {
-          failed = true;
-          return false;
-        }
+        if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return false;  // logged below
         const size_t got = out.size() - z.avail_out;
         if (got > 0 && !checked(out.data(), got)) {
           failed = true;

@@ -87,6 +87,7 @@ TEST(ZipExtract, EachMemberLandsInsideTheFolderOrFailsAlone) {
     const std::string dest = dir / "out/nested", into = dir / "into";
     EXPECT_EQ(zip.Extract(dest.c_str()), row.extracted);
     EXPECT_TRUE(row.extracted || Logged(zip, "Not all files extracted successfully."));
+    EXPECT_TRUE(row.extracted || zip.Log().size() >= 2) << "no reason logged";
     std::set<std::string> expected = row.written;
     expected.insert("ok.txt");
     EXPECT_EQ(Tree(dest), expected);
