@@ -1,6 +1,8 @@
 // A fake container that records what the frame asks and answers from a script.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +11,7 @@
 #include "frame/FileManager.h"
 #include "platform/codepage.h"
 #include "platform/shell.h"
+#include "platform/ui.h"
 
 namespace qx::test {
 
@@ -23,6 +26,11 @@ struct Script {
   std::vector<std::string> calls;  // "Op(arg|arg)" in call order
   std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
   int live = 0;                             // containers not yet destroyed
+  std::string Calls() const {  // the calls, space-separated
+    std::string joined;
+    for (const std::string& call : calls) joined += (joined.empty() ? "" : " ") + call;
+    return joined;
+  }
 };
 
 class FakeContainer : public GroupContainer {
@@ -47,12 +55,10 @@ class FakeContainer : public GroupContainer {
   int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
   int32_t GetMemberCount() override { return static_cast<int32_t>(s_.members.size()); }
   int32_t ListMembers(StringList& names) override {
-    names.insert(names.end(), s_.members.begin(), s_.members.end());
-    return Record("ListMembers()");
+    return names.insert(names.end(), s_.members.begin(), s_.members.end()), Record("ListMembers()");
   }
   int32_t WriteContentsXml(std::string& xml, int32_t meta, std::string pattern) override {
-    xml = s_.xml;
-    return Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
+    return xml = s_.xml, Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
   }
   int32_t IsValid() override { return 1; }
 
@@ -90,29 +96,39 @@ class ScriptedFileManager : public FileManager {
   Script& s_;
 };
 
-// Collects shell notifications while it lives.
-class ShellRecorder {
- public:
-  ShellRecorder()
-      : token_(shell::AddObserver([this](const shell::ChangeEvent& e) { events.push_back(e); })) {}
-  ~ShellRecorder() { shell::RemoveObserver(token_); }
-  ShellRecorder(const ShellRecorder&) = delete;
-  ShellRecorder& operator=(const ShellRecorder&) = delete;
+struct ShellRecorder {  // collects shell notifications while it lives
   std::vector<shell::ChangeEvent> events;
-
- private:
-  shell::ObserverToken token_;
+  shell::ObserverToken token = shell::AddObserver([this](const shell::ChangeEvent& e) { events.push_back(e); });
+  ShellRecorder() = default;
+  ShellRecorder(const ShellRecorder&) = delete;
+  ~ShellRecorder() { shell::RemoveObserver(token); }
 };
 
-// Holds one reference to a new object for the test's lifetime.
 template <class T>
-struct Held {
+struct Held {  // one reference to a new object for the test's lifetime
   T* p;
   explicit Held(T* object) : p(object) { p->AddRef(); }
   ~Held() { p->Release(); }
   Held(const Held&) = delete;
-  Held& operator=(const Held&) = delete;
   T* operator->() const { return p; }
+};
+
+struct ScriptedTest : ::testing::Test {
+  Script script;
+  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+};
+
+// A window whose host gives every question one answer, bound as fm's owner while it lives.
+struct OwnerWindow {
+  std::shared_ptr<ui::FixedAnswerHost> host;
+  HWND hwnd;
+  IGroupManager2* fm;
+  OwnerWindow(IGroupManager2* object, int answer)
+      : host(std::make_shared<ui::FixedAnswerHost>(answer)), hwnd(ui::BindOwnerWindow(host)), fm(object) {
+    EXPECT_EQ(fm->put_ShowUI(hwnd), S_OK);
+  }
+  OwnerWindow(const OwnerWindow&) = delete;
+  ~OwnerWindow() { fm->put_ShowUI(nullptr), ui::ReleaseOwnerWindow(hwnd); }
 };
 
 // Calls a member by name with the arguments in their natural order (reversed here, as callers must).
