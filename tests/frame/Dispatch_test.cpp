@@ -15,30 +15,23 @@ VARIANT Str(BSTR s) { VARIANT v = Var(VT_BSTR); v.bstrVal = s; return v; }
 VARIANT I4(LONG n) { VARIANT v = Var(VT_I4); v.lVal = n; return v; }
 VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; return v; }
 
-class DispatchTest : public ::testing::Test {
- protected:
-  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr, WORD flags = DISPATCH_METHOD,
-               UINT* argErr = nullptr) {
+struct DispatchTest : ScriptedTest {
+  HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
+               WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
     return InvokeByName(static_cast<IGroupManager2*>(fm.p), name, std::move(args), result, flags, argErr);
   }
-
-  Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
   Bstr group{u"g"};
 };
 
 TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
-  struct Case { std::vector<const char16_t*> names; HRESULT expected; std::vector<DISPID> ids; };
-  const std::vector<Case> cases = {
-      {{u"readcontents"}, S_OK, {5}},
-      {{u"doesPathExist"}, S_OK, {56}},
+  const DISPID kNo = DISPID_UNKNOWN;
+  const struct { std::vector<const char16_t*> names; HRESULT expected; std::vector<DISPID> ids; } cases[] = {
+      {{u"readcontents"}, S_OK, {5}}, {{u"doesPathExist"}, S_OK, {56}},
       {{u"ReadContentsXml", u"SINCLUDESUBGRPSPATT", u"pxmlDir"}, S_OK, {52, 2, 3}},
-      {{u"AddFiles", u"bdestfolder", u"nope"}, DISP_E_UNKNOWNNAME, {4, 2, DISPID_UNKNOWN}},
-      {{u"NoSuchMember", u"grpfile"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN, DISPID_UNKNOWN}},
-      {{u"ReadContent"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN}},
-      {{u"ReadContents\u00e9"}, DISP_E_UNKNOWNNAME, {DISPID_UNKNOWN}},
-  };
-  for (const Case& c : cases) {
+      {{u"AddFiles", u"bdestfolder", u"nope"}, DISP_E_UNKNOWNNAME, {4, 2, kNo}},
+      {{u"NoSuchMember", u"grpfile"}, DISP_E_UNKNOWNNAME, {kNo, kNo}},
+      {{u"ReadContent"}, DISP_E_UNKNOWNNAME, {kNo}}, {{u"ReadContents\u00e9"}, DISP_E_UNKNOWNNAME, {kNo}}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(codepage::WideToUtf8(c.names[0]));
     std::vector<LPOLESTR> names;
     for (const char16_t* n : c.names) names.push_back(const_cast<LPOLESTR>(n));
@@ -51,23 +44,20 @@ TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
 TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
   Bstr other(u"x");
   BSTR out = nullptr;
-  const VARIANT dbl = Var(VT_R8);
   // argErr is checked when not ~0u. More of each kind in python/tests/test_dispatch.py.
-  struct Case { const char* name; const char16_t* member; std::vector<VARIANT> args; WORD flags; HRESULT expected; UINT argErr; };
   const VARIANT g = Str(group.get()), x = Str(other.get());
-  const std::vector<Case> cases = {
-      {"too few", u"GetFile", {g, x}, DISPATCH_METHOD, DISP_E_BADPARAMCOUNT, ~0u},
-      {"retval passed as argument", u"IsGroup", {g, I4(0)}, DISPATCH_PROPERTYGET, DISP_E_BADPARAMCOUNT, ~0u},
-      {"integer for a string", u"DeleteFiles", {g, I4(3)}, DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 0},
-      {"double for an integer", u"ReadContentsXml", {g, dbl, Str(nullptr)}, DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 1},
-      {"out string by value", u"ReadContents", {g, Str(out)}, DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 0},
-      {"in-out string by value", u"SplitPath", {g, StrRef(&out)}, DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 1},
-      {"first argument bad", u"ExtractFile", {I4(1), x, x}, DISPATCH_METHOD, DISP_E_TYPEMISMATCH, 2},
-      {"put called as method", u"ShowUI", {I4(0)}, DISPATCH_METHOD, DISP_E_MEMBERNOTFOUND, ~0u},
-      {"method called as property get", u"GetFile", {g, x, x}, DISPATCH_PROPERTYGET, DISP_E_MEMBERNOTFOUND, ~0u},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
+  const WORD kMethod = DISPATCH_METHOD, kGet = DISPATCH_PROPERTYGET;
+  const HRESULT kCount = DISP_E_BADPARAMCOUNT, kType = DISP_E_TYPEMISMATCH, kNotFound = DISP_E_MEMBERNOTFOUND;
+  const struct { const char16_t* member; std::vector<VARIANT> args; WORD flags; HRESULT expected; UINT argErr; } cases[] = {
+      {u"GetFile", {g, x}, kMethod, kCount, ~0u},  // too few
+      {u"IsGroup", {g, I4(0)}, kGet, kCount, ~0u},  // retval passed as argument
+      {u"DeleteFiles", {g, I4(3)}, kMethod, kType, 0}, {u"ReadContentsXml", {g, Var(VT_R8), Str(nullptr)}, kMethod, kType, 1},
+      {u"ReadContents", {g, Str(out)}, kMethod, kType, 0},  // out string by value
+      {u"SplitPath", {g, StrRef(&out)}, kMethod, kType, 1},  // in-out string by value
+      {u"ExtractFile", {I4(1), x, x}, kMethod, kType, 2},
+      {u"ShowUI", {I4(0)}, kMethod, kNotFound, ~0u}, {u"GetFile", {g, x, x}, kGet, kNotFound, ~0u}};
+  for (const auto& c : cases) {
+    SCOPED_TRACE(codepage::WideToUtf8(c.member) + " " + std::to_string(c.flags));
     script.calls.clear();
     UINT argErr = ~0u;
     EXPECT_EQ(Call(c.member, c.args, nullptr, c.flags, &argErr), c.expected);
@@ -94,21 +84,18 @@ TEST_F(DispatchTest, NamedArgumentsOnlyForPropertyPut) {
 
 TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
   // Strings by reference, empty and null variants, integers of other widths and in text.
-  Bstr a(u"b,a");
+  Bstr a(u"b,a"), number(u" 42 ");
   BSTR byRef = a.get();
-  VARIANT refArg = StrRef(&byRef);
   VARIANT shortInt = Var(VT_I2);
   shortInt.iVal = -3;
-  Bstr number(u" 42 ");
-
-  ASSERT_EQ(Call(u"DeleteFiles", {Str(group.get()), refArg}), S_OK);
+  ASSERT_EQ(Call(u"DeleteFiles", {Str(group.get()), StrRef(&byRef)}), S_OK);
   ASSERT_EQ(Call(u"AddFiles", {Str(group.get()), Var(VT_EMPTY), Var(VT_NULL)}), S_OK);
   for (const VARIANT& pattern : {shortInt, Str(number.get())}) {
     VARIANT result = Var(VT_EMPTY);
     ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), pattern, Str(nullptr)}, &result), S_OK);
     VariantClear(&result);
   }
-  EXPECT_EQ(script.calls, (std::vector<std::string>{"DeleteMembers([a,b])", "AddMembers([]|)", "WriteContentsXml(-3|)", "WriteContentsXml(42|)"}));
+  EXPECT_EQ(script.Calls(), "DeleteMembers([a,b]) AddMembers([]|) WriteContentsXml(-3|) WriteContentsXml(42|)");
 }
 
 // Results as scripts take them (by-reference strings, retvals, S_FALSE) are checked in

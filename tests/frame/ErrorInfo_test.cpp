@@ -6,7 +6,6 @@
 
 #include "frame/FrameFixtures.h"
 #include "platform/ErrorInfo.h"
-#include "platform/ui.h"
 #include "qxgroupmgr/ErrorCode.h"
 #include "support/ScopedRegistry.h"
 #include "support/TempDir.h"
@@ -56,9 +55,8 @@ class ErrorInfoTest : public ::testing::Test {
 // The texts of the reasons are checked through the command line (tests/cli/basics.sh); here
 // that they reach the caller, one call's reason at a time.
 TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
-  struct Row { const char16_t* member; std::vector<std::string> args; HRESULT hr; std::string description, code; };
   const std::string out = dir / "out";
-  const std::vector<Row> rows = {
+  const struct { const char16_t* member; std::vector<std::string> args; HRESULT hr; std::string description, code; } rows[] = {
       {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)", "not-a-group"},
       {u"AddFiles", {dir / "g.mag", dir / "a,b.map", ""}, E_FAIL,
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names that do not exist", "comma-in-name"},
@@ -66,17 +64,14 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
       {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},  // a success leaves nothing
       {u"NoSuchMember", {}, DISP_E_UNKNOWNNAME, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };
-  for (const Row& r : rows) {
+  for (const auto& r : rows) {
     SCOPED_TRACE(codepage::WideToUtf8(r.member));
     IErrorInfo* stale = NewErrorInfo("stale", "stale");  // never to be read as this call's
     SetErrorInfo(0, stale);
     stale->Release();
     EXPECT_EQ(Call(r.member, r.args), r.hr);
     const auto [source, description, code] = TakeErrorInfo();
-    if (r.description.empty()) {
-      EXPECT_EQ(description, "");
-      continue;
-    }
+    if (r.description.empty()) { EXPECT_EQ(description, ""); continue; }
     EXPECT_EQ(source, "QXGroupMgr.FileManager");
     EXPECT_EQ(description.substr(0, r.description.size()), r.description) << description;
     EXPECT_EQ(code, r.code);
@@ -90,13 +85,9 @@ TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
 }
 
 TEST_F(ErrorInfoTest, SkippedFilesAreListedOnePerLine) {
-  auto host = std::make_shared<ui::FixedAnswerHost>(5);  // Skip
-  HWND owner = ui::BindOwnerWindow(host);
-  static_cast<IGroupManager2*>(fm)->put_ShowUI(owner);
+  OwnerWindow owner(static_cast<IGroupManager2*>(fm), 5);  // Skip
   EXPECT_EQ(Call(u"AddFiles", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map", ""}), 2);
   EXPECT_EQ(TakeErrorInfo().description, dir / "g.mag: files left out:\n" + dir / "greeting.mas\n" + dir / "prog1.map");
-  static_cast<IGroupManager2*>(fm)->put_ShowUI(nullptr);
-  ui::ReleaseOwnerWindow(owner);
 }
 
 }  // namespace

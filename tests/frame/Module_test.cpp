@@ -7,8 +7,7 @@
 namespace qx::test {
 namespace {
 
-// An outer object for aggregation: counts its references and hands out nothing but itself.
-struct Outer final : IUnknown {
+struct Outer final : IUnknown {  // for aggregation: counts its references, hands out only itself
   HRESULT QueryInterface(REFIID riid, void** ppv) override {
     return riid == IID_IUnknown ? (*ppv = this, AddRef(), S_OK) : E_NOINTERFACE;
   }
@@ -94,9 +93,10 @@ TEST(ModuleTest, AggregatedObjectDelegatesToItsOuter) {
 TEST(ModuleTest, ErrorInfoForTheDispatchInterfacesOnly) {
   ISupportErrorInfo* info = nullptr;
   ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_ISupportErrorInfo, reinterpret_cast<void**>(&info)), S_OK);
-  const std::pair<const IID*, HRESULT> rows[] = {
-      {&IID_IGroupManager2, S_OK}, {&IID_IFileManager, S_OK}, {&IID_IDispatch, S_OK}, {&IID_IUnknown, S_FALSE}, {&IID_IQXPackageInfo, S_FALSE}};
-  for (const auto& [iid, expected] : rows) EXPECT_EQ(info->InterfaceSupportsErrorInfo(*iid), expected) << GuidToString(*iid);
+  const std::pair<const IID*, HRESULT> rows[] = {{&IID_IGroupManager2, S_OK}, {&IID_IFileManager, S_OK},
+      {&IID_IDispatch, S_OK}, {&IID_IUnknown, S_FALSE}, {&IID_IQXPackageInfo, S_FALSE}};
+  for (const auto& [iid, expected] : rows)
+    EXPECT_EQ(info->InterfaceSupportsErrorInfo(*iid), expected) << GuidToString(*iid);
   EXPECT_EQ(info->Release(), 0u);
 }
 

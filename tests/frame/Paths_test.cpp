@@ -20,8 +20,7 @@ TEST(SplitListTest, CutsAndSortsBytewise) {
 }
 
 // <base>/data/grp.qxg exists, so path splitting finds where the file system ends.
-class GroupPathTest : public ::testing::Test {
- protected:
+struct GroupPathTest : ScriptedTest {
   void SetUp() override {
     std::filesystem::create_directory(root / "data");
     root.Write("data/grp.qxg", "PK");
@@ -38,19 +37,12 @@ class GroupPathTest : public ::testing::Test {
 };
 
 TEST_F(GroupPathTest, SplitGroupPathCutsWhereTheFileSystemEnds) {
-  struct Case { std::string path, group, inGroup; };
-  const std::string g = base + "/data/grp.qxg";
-  const std::vector<Case> cases = {
-      {g + "/folder/file.kdp", g, "folder\\file.kdp"},
-      {g, g, ""},
-      {g + "/", g, ""},
-      {g + "//x", g, "x"},
-      {base + "/data", base + "/data", ""},
-      {base + "/data/missing/x.kdp", base + "/data", "missing\\x.kdp"},
-      {"qx-no-such-dir/x", "", "qx-no-such-dir\\x"},
-      {"", "", ""},
-  };
-  for (const Case& c : cases) {
+  const std::string g = base + "/data/grp.qxg", data = base + "/data";
+  const struct { std::string path, group, inGroup; } cases[] = {
+      {g + "/folder/file.kdp", g, "folder\\file.kdp"}, {g, g, ""}, {g + "/", g, ""}, {g + "//x", g, "x"},
+      {data, data, ""}, {data + "/missing/x.kdp", data, "missing\\x.kdp"},
+      {"qx-no-such-dir/x", "", "qx-no-such-dir\\x"}, {"", "", ""}};
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.path);
     const GroupPathParts parts = SplitGroupPath(c.path);
     EXPECT_EQ(parts.group + "|" + parts.inGroup, c.group + "|" + c.inGroup);
@@ -58,13 +50,12 @@ TEST_F(GroupPathTest, SplitGroupPathCutsWhereTheFileSystemEnds) {
 }
 
 TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
-  Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
-  const std::string g = base + "/data/grp.qxg";
-  struct Case { const char* name; std::string path; bool makeContainer; int32_t result; HRESULT expected; LONG value; std::vector<std::string> calls; };
-  const std::string temp = GetTempGroupFolder();
+  const std::string g = base + "/data/grp.qxg", temp = GetTempGroupFolder();
   std::filesystem::remove(fs::ToNative(temp));
-  const std::vector<Case> cases = {
+  const struct {
+    const char* name; std::string path; bool makeContainer; int32_t result; HRESULT expected; LONG value;
+    std::vector<std::string> calls;
+  } cases[] = {
       {"member present", g + "/x.kdp", true, 1, S_OK, 1, {"ContainsMember(x.kdp)"}},
       {"member absent", g + "/x.kdp", true, 0, S_OK, 0, {"ContainsMember(x.kdp)"}},
       {"group itself", g, true, 1, S_OK, 1, {"ContainsMember()"}},
@@ -74,7 +65,7 @@ TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
       {"nested member", g + "/dir/x.kdp", true, 1, S_OK, 0, {"ExtractMember(dir\\x.kdp|" + temp + "call-"}},
       {"nested, not extracted", g + "/dir/x.kdp", true, 0, S_OK, 0, {"ExtractMember(dir\\x.kdp|" + temp + "call-"}},
   };
-  for (const Case& c : cases) {
+  for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     script.calls.clear();
     script.makeContainer = c.makeContainer;
@@ -92,9 +83,7 @@ TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
 // Groups and other files: python/tests/test_dispatch.py. A member that cannot be copied out is
 // no group, and no failure.
 TEST_F(GroupPathTest, IsGroupOfAMemberThatCannotBeCopiedOut) {
-  Script script;
   script.makeContainer = false;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
   const Bstr member(codepage::AnsiToWide(base + "/data/grp.qxg/sub.qxg"));
   LONG value = 77;
   ASSERT_EQ(fm->get_IsGroup(member.get(), &value), S_OK);

@@ -29,19 +29,14 @@ TEST(RegistrationTest, RegisterReRegisterUnregister) {
   ASSERT_EQ(registry::RegSetValue(other, "", "other"), registry::kErrorSuccess);
   ASSERT_EQ(module::RegisterServer(kModule), S_OK);
   // What the module path fills in (quotes and all), and the keys both classes need to be made.
+  const std::string pkg = "{721D5BA1-17A0-418E-84CC-F7C8F403ACEF}";
   const struct { std::string key, name, value; } rows[] = {
-      {kFm + "\\InprocServer32", "", kModule},
-      {kFm + "\\InprocServer32", "ThreadingModel", "Apartment"},
-      {"CLSID\\{721D5BA1-17A0-418E-84CC-F7C8F403ACEF}\\InprocServer32", "", kModule},
+      {kFm + "\\InprocServer32", "", kModule}, {kFm + "\\InprocServer32", "ThreadingModel", "Apartment"},
+      {"CLSID\\" + pkg + "\\InprocServer32", "", kModule}, {"QXGroupMgr.QXPackageInfo.1\\CLSID", "", pkg},
       {"QXGroupMgr.FileManager\\CurVer", "", "QXGroupMgr.FileManager.1"},
-      {"QXGroupMgr.QXPackageInfo.1\\CLSID", "", "{721D5BA1-17A0-418E-84CC-F7C8F403ACEF}"},
       {kFm + "\\TypeLib", "", "{871AFE2C-13C8-49C5-AD0D-F72B18C055B1}"},
-      {kLib + "\\1.0", "", "QXGroupMgr 1.0 Type Library"},
-      {kLib + "\\1.0\\0\\linux64", "", kModule},
-      {kLib + "\\1.0\\HELPDIR", "", "/opt/qx \"lib\""},
-      {kLib + "\\1.0\\FLAGS", "", "0"},
-      {other, "", "other"},
-  };
+      {kLib + "\\1.0", "", "QXGroupMgr 1.0 Type Library"}, {kLib + "\\1.0\\0\\linux64", "", kModule},
+      {kLib + "\\1.0\\HELPDIR", "", "/opt/qx \"lib\""}, {kLib + "\\1.0\\FLAGS", "", "0"}, {other, "", "other"}};
   for (const auto& row : rows) EXPECT_EQ(Value(row.key, row.name), row.value) << row.key;
 
   // Planted keys: the class's own key is replaced whole, the ProgID keys are written over.
