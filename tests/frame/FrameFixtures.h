@@ -26,10 +26,11 @@ struct Script {
   std::vector<std::string> calls;  // "Op(arg|arg)" in call order
   std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
   int live = 0;                             // containers not yet destroyed
-  std::string Calls() const {  // the calls, space-separated
-    std::string joined;
-    for (const std::string& call : calls) joined += (joined.empty() ? "" : " ") + call;
-    return joined;
+  std::string Calls() const { return Join(calls, " "); }
+  static std::string Join(const StringList& list, const char* separator = ",") {
+    std::string text;
+    for (const std::string& item : list) text += (text.empty() ? "" : separator) + item;
+    return text;
   }
 };
 
@@ -41,15 +42,15 @@ class FakeContainer : public GroupContainer {
 
   int32_t AddMembers(const StringList& files, const std::string& dest, int32_t* state,
                      AddPromptFn prompt, void* context) override {
-    s_.calls.push_back("AddMembers(" + Join(files) + "|" + dest + ")");
+    s_.calls.push_back("AddMembers([" + Script::Join(files) + "]|" + dest + ")");
     if (state == nullptr || *state != 0) return 0;
     for (const auto& [file, reason] : s_.prompts)
       s_.answers.push_back(prompt != nullptr ? prompt(file, reason, this, context) : PromptReplace);
     return s_.result;
   }
-  int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers(" + Join(names) + ")"); }
+  int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers([" + Script::Join(names) + "])"); }
   int32_t ExtractMember(const std::string& name, const std::string& dest) override { return Record("ExtractMember(" + name + "|" + dest + ")"); }
-  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override { return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")"); }
+  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override { return Record("CreateWithMembers([" + Script::Join(files) + "]|" + dest + ")"); }
   int32_t ExtractAllMembers(const std::string& dest) override { return Record("ExtractAllMembers(" + dest + ")"); }
   int32_t ContainsMember(const std::string& name) override { return Record("ContainsMember(" + name + ")"); }
   int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
@@ -61,12 +62,6 @@ class FakeContainer : public GroupContainer {
     return xml = s_.xml, Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
   }
   int32_t IsValid() override { return 1; }
-
-  static std::string Join(const StringList& list) {
-    std::string text;
-    for (const std::string& item : list) text += (text.empty() ? "" : ",") + item;
-    return "[" + text + "]";
-  }
 
  private:
   int32_t Record(std::string call) {
@@ -97,11 +92,19 @@ class ScriptedFileManager : public FileManager {
 };
 
 struct ShellRecorder {  // collects shell notifications while it lives
-  std::vector<shell::ChangeEvent> events;
-  shell::ObserverToken token = shell::AddObserver([this](const shell::ChangeEvent& e) { events.push_back(e); });
+  using Event = std::tuple<LONG, UINT, std::string, bool>;  // id, flags, first item, second present
+  std::vector<Event> events;
+  shell::ObserverToken token = shell::AddObserver(
+      [this](const shell::ChangeEvent& e) { events.emplace_back(e.eventId, e.flags, e.item1, e.item2Present); });
   ShellRecorder() = default;
   ShellRecorder(const ShellRecorder&) = delete;
   ~ShellRecorder() { shell::RemoveObserver(token); }
+  std::vector<Event> Take() { return std::exchange(events, {}); }
+  std::vector<LONG> TakeIds() {
+    std::vector<LONG> ids;
+    for (const Event& e : Take()) ids.push_back(std::get<0>(e));
+    return ids;
+  }
 };
 
 template <class T>
@@ -120,11 +123,10 @@ struct ScriptedTest : ::testing::Test {
 
 // A window whose host gives every question one answer, bound as fm's owner while it lives.
 struct OwnerWindow {
-  std::shared_ptr<ui::FixedAnswerHost> host;
-  HWND hwnd;
   IGroupManager2* fm;
-  OwnerWindow(IGroupManager2* object, int answer)
-      : host(std::make_shared<ui::FixedAnswerHost>(answer)), hwnd(ui::BindOwnerWindow(host)), fm(object) {
+  std::shared_ptr<ui::FixedAnswerHost> host;
+  HWND hwnd = ui::BindOwnerWindow(host);
+  OwnerWindow(IGroupManager2* object, int answer) : fm(object), host(std::make_shared<ui::FixedAnswerHost>(answer)) {
     EXPECT_EQ(fm->put_ShowUI(hwnd), S_OK);
   }
   OwnerWindow(const OwnerWindow&) = delete;
@@ -151,23 +153,18 @@ inline HRESULT CallByName(IUnknown* object, const char16_t* name, const std::vec
   if (object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&d)) != S_OK) return E_NOINTERFACE;
   d->Release();  // the caller's reference keeps the object alive
   std::vector<Bstr> strings(args.size());
-  std::vector<VARIANT> variants(args.size());
+  std::vector<VARIANT> variants(args.size(), VARIANT{});
   for (size_t i = 0; i < args.size(); ++i) {
-    VariantInit(&variants[i]);
-    variants[i].vt = static_cast<VARTYPE>(args[i] == kOut ? VT_BYREF | VT_BSTR : VT_BSTR);
-    if (args[i] == kOut) variants[i].pbstrVal = strings[i].address();
-    if (args[i] != kOut && args[i] != kNull) strings[i] = Bstr(codepage::Utf8ToWide(args[i]));
-    if (args[i] != kOut) variants[i].bstrVal = strings[i].get();
+    const bool isOut = args[i] == kOut;
+    variants[i].vt = static_cast<VARTYPE>(isOut ? VT_BYREF | VT_BSTR : VT_BSTR);
+    if (!isOut && args[i] != kNull) strings[i] = Bstr(codepage::Utf8ToWide(args[i]));
+    isOut ? void(variants[i].pbstrVal = strings[i].address()) : void(variants[i].bstrVal = strings[i].get());
   }
-  VARIANT result;
-  VariantInit(&result);
+  VARIANT result{};
   const HRESULT hr = InvokeByName(d, name, variants, &result, DISPATCH_METHOD | DISPATCH_PROPERTYGET);
-  if (out != nullptr) {
-    *out = result.vt == VT_BSTR ? codepage::WideToUtf8(Bstr::Attach(result.bstrVal).view()) : "";
-    if (result.vt == VT_BSTR) result.vt = VT_EMPTY;
-    for (size_t i = 0; i < args.size(); ++i)
-      if (args[i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
-  }
+  if (out != nullptr) *out = result.vt == VT_BSTR ? codepage::WideToUtf8(result.bstrVal) : "";
+  for (size_t i = 0; out != nullptr && i < args.size(); ++i)
+    if (args[i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
   VariantClear(&result);
   return hr;
 }
