@@ -68,21 +68,20 @@ TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
 
 TEST_F(DispatchTest, NamedArgumentsOnlyForPropertyPut) {
   VARIANT handle = Var(VT_I8);
-  handle.llVal = 0x1234;
-  DISPID named = DISPID_PROPERTYPUT;
+  DISPID named = (handle.llVal = 0x1234, DISPID_PROPERTYPUT);
   DISPPARAMS put{&handle, &named, 1, 1};
   EXPECT_EQ(fm->Invoke(55, IID_NULL, 0, DISPATCH_PROPERTYPUT, &put, nullptr, nullptr, nullptr), S_OK);
   EXPECT_EQ(fm->OwnerWindow(), reinterpret_cast<HWND>(0x1234));
 
   VARIANT args[] = {Str(nullptr), Str(group.get())};
-  DISPID names[] = {0};
-  DISPPARAMS method{args, names, 2, 1};
+  DISPID name = 0;
+  DISPPARAMS method{args, &name, 2, 1};
   EXPECT_EQ(fm->Invoke(9, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_NONAMEDARGS);
   EXPECT_EQ(fm->Invoke(9, IID_IDispatch, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_UNKNOWNINTERFACE);
   EXPECT_EQ(fm->Invoke(999, IID_NULL, 0, DISPATCH_METHOD, &method, nullptr, nullptr, nullptr), DISP_E_MEMBERNOTFOUND);
 }
 
-TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
+TEST_F(DispatchTest, ArgumentsGoInConvertedAndResultsComeBack) {
   // Strings by reference, empty and null variants, integers of other widths and in text.
   Bstr a(u"b,a"), number(u" 42 ");
   BSTR byRef = a.get();
@@ -96,11 +95,9 @@ TEST_F(DispatchTest, ArgumentsReachTheMethodConverted) {
     VariantClear(&result);
   }
   EXPECT_EQ(script.Calls(), "DeleteMembers([a,b]) AddMembers([]|) WriteContentsXml(-3|) WriteContentsXml(42|)");
-}
 
-// Results as scripts take them (by-reference strings, retvals, S_FALSE) are checked in
-// python/tests/test_dispatch.py; here the cases a script does not make.
-TEST_F(DispatchTest, ResultsComeBack) {
+  // Results as scripts take them (by-reference strings, retvals, S_FALSE) are checked in
+  // python/tests/test_dispatch.py; here the cases a script does not make.
   script.members = {"A", "B"};  // [out] string through a by-reference variant holding nothing yet
   VARIANT holder = Var(VT_EMPTY);
   VARIANT refVar = Var(VT_BYREF | VT_VARIANT);
@@ -115,6 +112,15 @@ TEST_F(DispatchTest, ResultsComeBack) {
   VARIANT result = Var(VT_EMPTY);
   ASSERT_EQ(Call(u"ReadContentsXml", {Str(group.get()), I4(1), Str(nullptr)}, &result), E_FAIL);
   EXPECT_EQ(result.vt, VT_EMPTY);
+}
+
+// Each match of `pattern` in `text`: its groups, space-separated.
+std::vector<std::string> All(const std::string& text, const char* pattern) {
+  std::vector<std::string> found;
+  const std::regex re(pattern);
+  for (std::sregex_iterator m(text.begin(), text.end(), re), end; m != end; ++m)
+    found.push_back(m->size() > 2 ? (*m)[1].str() + " " + (*m)[2].str() : (*m)[1].str());
+  return found;
 }
 
 // The public header restates the table twice: dispids in comments beside the C++ methods and the
@@ -135,27 +141,19 @@ TEST(TypeLibraryTest, PublicHeaderFollowsTheTable) {
     SCOPED_TRACE(std::string(itf->name));
     const std::string base = itf->base != nullptr ? std::string(itf->base->name) : "IDispatch";
     const std::string cpp = block("struct " + std::string(itf->name) + " : " + base + " {", "};");
-    std::vector<std::string> declared;
-    const std::regex method(R"(virtual HRESULT (\w+)\([^;]*;\s*/\*\s*(\d+))");
-    for (std::sregex_iterator m(cpp.begin(), cpp.end(), method), end; m != end; ++m)
-      declared.push_back((*m)[1].str() + " " + (*m)[2].str());
     std::vector<std::string> described;
     for (const typelib::Member& m : itf->members)
       described.push_back(cppName(m) + " " + std::to_string(m.dispid));
-    EXPECT_EQ(declared, described);
+    EXPECT_EQ(All(cpp, R"(virtual HRESULT (\w+)\([^;]*;\s*/\*\s*(\d+))"), described);
 
     const std::string c = block("typedef struct " + std::string(itf->name) + "Vtbl {", "}");
     if (c.empty()) continue;  // a base interface, laid out at the front of its derived one
-    std::vector<std::string> slots;
-    const std::regex entry(R"(\(\*(\w+)\))");
-    for (std::sregex_iterator m(c.begin(), c.end(), entry), end; m != end; ++m)
-      slots.push_back((*m)[1].str());
     std::vector<std::string> expected = {"QueryInterface", "AddRef", "Release", "GetTypeInfoCount", "GetTypeInfo", "GetIDsOfNames", "Invoke"};
     for (const typelib::Member* m : typelib::AllMembers(*itf)) {
       EXPECT_EQ(m->vtableSlot, expected.size()) << m->name;
       expected.push_back(cppName(*m));
     }
-    EXPECT_EQ(slots, expected);
+    EXPECT_EQ(All(c, R"(\(\*(\w+)\))"), expected);
   }
 }
 

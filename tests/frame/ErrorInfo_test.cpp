@@ -17,31 +17,26 @@ const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 
 struct Taken { std::string source, description, code; };
 
-// Takes the thread's error information; all empty when there is none.
-Taken TakeErrorInfo() {
+Taken TakeErrorInfo() {  // the thread's error information; all empty when there is none
   IErrorInfo* info = nullptr;
   if (GetErrorInfo(0, &info) != S_OK) return {};
   Bstr source, description, code;
-  info->GetSource(source.receive());
-  info->GetDescription(description.receive());
   IQXErrorCode* coded = nullptr;
-  if (info->QueryInterface(IID_IQXErrorCode, reinterpret_cast<void**>(&coded)) == S_OK) {
-    coded->GetCode(code.receive());
-    coded->Release();
-  }
+  info->GetSource(source.receive()), info->GetDescription(description.receive());
+  if (info->QueryInterface(IID_IQXErrorCode, reinterpret_cast<void**>(&coded)) == S_OK)
+    coded->GetCode(code.receive()), coded->Release();
   info->Release();
-  return {codepage::WideToUtf8(source.view()), codepage::WideToUtf8(description.view()),
-          codepage::WideToUtf8(code.view())};
+  const auto utf8 = [](const Bstr& text) { return codepage::WideToUtf8(text.view()); };
+  return {utf8(source), utf8(description), utf8(code)};
 }
 
-class ErrorInfoTest : public ::testing::Test {
- protected:
+struct ErrorInfoTest : ::testing::Test {
   void SetUp() override {
     ASSERT_EQ(FileManager::CreateInstance(nullptr, IID_IDispatch, reinterpret_cast<void**>(&fm)), S_OK);
-    for (const char* name : {"prog1.map", "greeting.mas"})
-      std::filesystem::copy_file(kSamples + name, dir / name);
+    for (const auto& [from, to] : {std::pair("prog1.map", "prog1.map"), {"greeting.mas", "greeting.mas"},
+                                   {"prog1.map", "a,b.map"}})
+      std::filesystem::copy_file(kSamples + from, dir / to);
     std::filesystem::create_directory(dir / "out");
-    std::filesystem::copy_file(dir / "prog1.map", dir / "a,b.map");
     ASSERT_EQ(Call(u"CreateGrpFile", {dir / "g.mag", dir / "greeting.mas," + dir / "prog1.map"}), S_OK);
   }
   void TearDown() override { fm->Release(); }

@@ -28,9 +28,7 @@ struct GroupPathTest : ScriptedTest {
     if (const char* old = std::getenv("TMPDIR")) oldTmp = old;
     ::setenv("TMPDIR", base.c_str(), 1);
   }
-  void TearDown() override {
-    oldTmp.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", oldTmp.c_str(), 1);
-  }
+  void TearDown() override { oldTmp.empty() ? ::unsetenv("TMPDIR") : ::setenv("TMPDIR", oldTmp.c_str(), 1); }
   std::string oldTmp;
   TempDir root;
   const std::string base = root.path();
