@@ -98,7 +98,8 @@ TEST_F(FileManagerTest, CreateGrpFileChoosesContainerKind) {
     const Bstr group(codepage::AnsiToWide(c.group)), files(codepage::AnsiToWide(c.files));
     ASSERT_EQ(fm->CreateGrpFile(group.get(), files.get()), S_OK);
     EXPECT_EQ(script.createdKinds, std::vector<ContainerKind>{c.expected});
-    EXPECT_EQ(shellEvents.TakeIds(), std::vector<LONG>{c.group == old ? shell::SHCNE_UPDATEDIR : shell::SHCNE_CREATE});
+    const LONG event = c.group == old ? shell::SHCNE_UPDATEDIR : shell::SHCNE_CREATE;
+    EXPECT_EQ(shellEvents.Take(), (std::vector<ShellRecorder::Event>{{event, 0x2001u, c.group, false}}));
   }
 }
 

@@ -34,8 +34,7 @@ struct Script {
   }
 };
 
-class FakeContainer : public GroupContainer {
- public:
+struct FakeContainer : GroupContainer {
   FakeContainer(std::string path, ContainerFactory* factory, Script& script)
       : GroupContainer(std::move(path), factory), s_(script) { ++s_.live; }
   ~FakeContainer() override { --s_.live; }
@@ -62,32 +61,21 @@ class FakeContainer : public GroupContainer {
     return xml = s_.xml, Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
   }
   int32_t IsValid() override { return 1; }
-
- private:
   int32_t Record(std::string call) {
     const bool fails = !s_.failOnly.empty() && call.starts_with(s_.failOnly);
-    s_.calls.push_back(std::move(call));
-    return s_.failOnly.empty() ? s_.result : !fails;
+    return s_.calls.push_back(std::move(call)), s_.failOnly.empty() ? s_.result : !fails;
   }
   Script& s_;
 };
 
-class ScriptedFileManager : public FileManager {
- public:
-  explicit ScriptedFileManager(Script& script, IUnknown* outer = nullptr)
-      : FileManager(outer), s_(script) {}
-
+struct ScriptedFileManager : FileManager {
+  explicit ScriptedFileManager(Script& script) : FileManager(nullptr), s_(script) {}
   std::unique_ptr<GroupContainer> CreateContainer(const std::string& path) override {
     return s_.makeContainer ? std::make_unique<FakeContainer>(path, this, s_) : nullptr;
   }
-
- protected:
   std::unique_ptr<GroupContainer> ConstructForCreate(ContainerKind kind, const std::string& path) override {
-    s_.createdKinds.push_back(kind);
-    return CreateContainer(path);
+    return s_.createdKinds.push_back(kind), CreateContainer(path);
   }
-
- private:
   Script& s_;
 };
 
@@ -100,11 +88,6 @@ struct ShellRecorder {  // collects shell notifications while it lives
   ShellRecorder(const ShellRecorder&) = delete;
   ~ShellRecorder() { shell::RemoveObserver(token); }
   std::vector<Event> Take() { return std::exchange(events, {}); }
-  std::vector<LONG> TakeIds() {
-    std::vector<LONG> ids;
-    for (const Event& e : Take()) ids.push_back(std::get<0>(e));
-    return ids;
-  }
 };
 
 template <class T>
