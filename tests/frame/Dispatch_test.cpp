@@ -49,18 +49,18 @@ TEST_F(DispatchTest, NamesAreFoundWhateverTheirCase) {
 TEST_F(DispatchTest, MalformedCallsAreRejectedBeforeTheMethodRuns) {
   Bstr other(u"x");
   BSTR out = nullptr;
-  // argErr is checked when not ~0u. More of each kind in python/tests/test_dispatch.py.
+  // Too few, a retval passed as argument; an integer for a string, a double for an integer, out
+  // and in-out strings by value; a put or a method called as the other kind. argErr is checked
+  // when not ~0u. More of each kind in python/tests/test_dispatch.py.
   const VARIANT g = Str(group.get()), x = Str(other.get());
   const WORD kMethod = DISPATCH_METHOD, kGet = DISPATCH_PROPERTYGET;
   const HRESULT kCount = DISP_E_BADPARAMCOUNT, kType = DISP_E_TYPEMISMATCH, kNotFound = DISP_E_MEMBERNOTFOUND;
   const struct { const char16_t* member; std::vector<VARIANT> args; WORD flags; HRESULT expected; UINT argErr; } cases[] = {
-      {u"GetFile", {g, x}, kMethod, kCount, ~0u},  // too few
-      {u"IsGroup", {g, I4(0)}, kGet, kCount, ~0u},  // retval passed as argument
-      {u"DeleteFiles", {g, I4(3)}, kMethod, kType, 0}, {u"ReadContentsXml", {g, Var(VT_R8), Str(nullptr)}, kMethod, kType, 1},
-      {u"ReadContents", {g, Str(out)}, kMethod, kType, 0},  // out string by value
-      {u"SplitPath", {g, StrRef(&out)}, kMethod, kType, 1},  // in-out string by value
-      {u"ExtractFile", {I4(1), x, x}, kMethod, kType, 2},
-      {u"ShowUI", {I4(0)}, kMethod, kNotFound, ~0u}, {u"GetFile", {g, x, x}, kGet, kNotFound, ~0u}};
+      {u"GetFile", {g, x}, kMethod, kCount, ~0u}, {u"IsGroup", {g, I4(0)}, kGet, kCount, ~0u},
+      {u"DeleteFiles", {g, I4(3)}, kMethod, kType, 0}, {u"ExtractFile", {I4(1), x, x}, kMethod, kType, 2},
+      {u"ReadContentsXml", {g, Var(VT_R8), x}, kMethod, kType, 1},
+      {u"ReadContents", {g, Str(out)}, kMethod, kType, 0}, {u"ShowUI", {I4(0)}, kMethod, kNotFound, ~0u},
+      {u"SplitPath", {g, StrRef(&out)}, kMethod, kType, 1}, {u"GetFile", {g, x, x}, kGet, kNotFound, ~0u}};
   for (const auto& c : cases) {
     SCOPED_TRACE(codepage::WideToUtf8(c.member) + " " + std::to_string(c.flags));
     script.calls.clear();

@@ -24,12 +24,11 @@ TEST_F(FileManagerTest, ContainerCalls) {
   const LONG kUpdate = shell::SHCNE_UPDATEDIR;
   const struct { const char16_t* member; std::vector<std::string> args; LONG event; const char* calls; } rows[] = {
       {u"CreateGrpFile", {g, "z,y"}, shell::SHCNE_CREATE, "CreateWithMembers([y,z]|)"},
-      {u"ExpandGrpFile", {g, "out"}, 0, nullptr},
+      {u"ExpandGrpFile", {g, "out"}, 0, nullptr}, {u"ReadContents", {g, kOut}, 0, nullptr},
       {u"ExtractFile", {g, "A,B", "/out/"}, 0, "ExtractMember(A,B|/out/) DeleteMembers([A,B])"},
       {u"AddFiles", {g, "/x/c.8xp,/x/a.8xp", "sub"}, kUpdate, "AddMembers([/x/a.8xp,/x/c.8xp]|sub\\)"},
       {u"AddFiles", {g, "f", "a/b"}, kUpdate, "AddMembers([f]|a\\b\\)"},
       {u"AddFiles", {g, "f", kNull}, kUpdate, "AddMembers([f]|)"},
-      {u"ReadContents", {g, kOut}, 0, nullptr},
       {u"DeleteFile", {g, "b,a"}, kUpdate, "DeleteMembers([a,b])"},
       {u"DeleteFiles", {g, "caf\xC3\xA9"}, kUpdate, "DeleteMembers([caf\xe9])"},  // 1252 inside
       {u"GetFile", {g, "A,B", "/out"}, 0, "ExtractMember(A,B|/out/)"},
@@ -111,8 +110,7 @@ TEST_F(FileManagerTest, AddPromptWithoutOwnerWindow) {
   const Bstr group(u"g"), files(u"f");
   using Prompts = std::vector<std::pair<std::string, PromptReason>>;
   const struct { const char* name; Prompts prompts; std::vector<PromptResult> answers; HRESULT expected; } cases[] = {
-      {"nothing asked", {}, {}, S_OK},
-      {"duplicate replaced silently", {{"/x/a.kdp", PromptDuplicate}}, {PromptReplace}, S_OK},
+      {"nothing asked", {}, {}, S_OK}, {"duplicate replaced silently", {{"/x/a.kdp", PromptDuplicate}}, {PromptReplace}, S_OK},
       {"refused file cancels", {{"/x/a.kdp", PromptRefused}}, {PromptCancel}, 2},
       {"refusal after duplicate", {{"/x/a.kdp", PromptDuplicate}, {"/x/b.kdp", PromptRefused}},
        {PromptReplace, PromptCancel}, 2}};
