@@ -23,7 +23,7 @@ VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; r
 struct DispatchTest : ScriptedTest {
   HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
                WORD flags = DISPATCH_METHOD, UINT* argErr = nullptr) {
-    return InvokeByName(static_cast<IGroupManager2*>(fm.p), name, std::move(args), result, flags, argErr);
+    return InvokeByName(static_cast<IGroupManager2*>(fm), name, std::move(args), result, flags, argErr);
   }
   Bstr group{u"g"};
 };

@@ -42,7 +42,7 @@ TEST_F(FileManagerTest, ContainerCalls) {
       script.result = variant == 2 ? 1 : 0;
       script.calls.clear();
       std::string out = "unset";
-      const HRESULT hr = CallByName(static_cast<IGroupManager2*>(fm.p), row.member, row.args, &out);
+      const HRESULT hr = CallByName(static_cast<IGroupManager2*>(fm), row.member, row.args, &out);
       EXPECT_EQ(script.live, 0) << "container outlived the call";
       EXPECT_EQ(hr, variant < 2 ? E_FAIL : S_OK);
       if (variant < 2) { EXPECT_EQ(out, "") << "out-argument written on failure"; }
@@ -136,7 +136,7 @@ TEST_F(FileManagerTest, RefusedFileShowsMessageOverOwnerWindow) {
   using namespace std::string_view_literals;
   const std::string app = dir.Write("app.fla", "**QXFL**\x01" "data"sv);
   const std::string prog = dir.Write("prog.kdp", "**QXKC**\x1A\x0A\0data"sv);
-  OwnerWindow owner(fm.p, ui::IDOK);
+  OwnerWindow owner(fm, ui::IDOK);
   script.prompts = {{app, PromptRefused}, {prog, PromptRefused}};
   const Bstr group(u"g"), files(u"f");
   EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), 2);
@@ -158,7 +158,7 @@ TEST_F(FileManagerTest, DuplicateQuestionOverOwnerWindow) {
   const struct { int button; PromptResult answer; HRESULT status; } cases[] = {
       {IDC_REPLACE, PromptReplace, S_OK}, {IDC_REPLACE_ALL, PromptReplaceAll, S_OK},
       {IDC_SKIP, PromptSkip, 2}, {IDC_CANCEL, PromptCancel, 2}};
-  OwnerWindow owner(fm.p, IDC_REPLACE);
+  OwnerWindow owner(fm, IDC_REPLACE);
   const Bstr group(u"g"), files(u"f");
   script.prompts = {{"/data/50%s.kdp", PromptDuplicate}};
   for (const auto& c : cases) {

@@ -90,18 +90,11 @@ struct ShellRecorder {  // collects shell notifications while it lives
   std::vector<Event> Take() { return std::exchange(events, {}); }
 };
 
-template <class T>
-struct Held {  // one reference to a new object for the test's lifetime
-  T* p;
-  explicit Held(T* object) : p(object) { p->AddRef(); }
-  ~Held() { p->Release(); }
-  Held(const Held&) = delete;
-  T* operator->() const { return p; }
-};
-
-struct ScriptedTest : ::testing::Test {
+struct ScriptedTest : ::testing::Test {  // holds one reference to a scripted object
   Script script;
-  Held<ScriptedFileManager> fm{new ScriptedFileManager(script)};
+  ScriptedFileManager* fm = new ScriptedFileManager(script);
+  ScriptedTest() { fm->AddRef(); }
+  ~ScriptedTest() override { fm->Release(); }
 };
 
 // A window whose host gives every question one answer, bound as fm's owner while it lives.
