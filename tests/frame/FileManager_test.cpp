@@ -113,21 +113,18 @@ TEST_F(FileManagerTest, AddPromptWithoutOwnerWindow) {
       {"nothing asked", {}, {}, S_OK}, {"duplicate replaced silently", {{"/x/a.kdp", PromptDuplicate}}, {PromptReplace}, S_OK},
       {"refused file cancels", {{"/x/a.kdp", PromptRefused}}, {PromptCancel}, 2},
       {"refusal after duplicate", {{"/x/a.kdp", PromptDuplicate}, {"/x/b.kdp", PromptRefused}},
-       {PromptReplace, PromptCancel}, 2}};
+       {PromptReplace, PromptCancel}, 2},
+      {"container fails after refusal", {{"/x/a.kdp", PromptRefused}}, {PromptCancel}, E_FAIL}};
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     script.prompts = c.prompts;
     script.answers.clear();
+    script.result = c.expected == E_FAIL ? 0 : 1;
     EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), c.expected);
     EXPECT_EQ(script.answers, c.answers);
-    EXPECT_EQ(fm->FilesSkipped(), c.expected == 2 ? 1 : 0);
+    EXPECT_EQ(fm->FilesSkipped(), c.expected == S_OK ? 0 : 1);  // set even when the call fails
     EXPECT_EQ(shellEvents.Take().size(), c.expected == S_OK ? 1u : 0u);
   }
-  // A refusal the container turns into failure is E_FAIL, with FilesSkipped still set.
-  script.prompts = {{"/x/a.kdp", PromptRefused}};
-  script.result = 0;
-  EXPECT_EQ(fm->AddFiles(group.get(), files.get(), nullptr), E_FAIL);
-  EXPECT_EQ(fm->FilesSkipped(), 1);
 }
 
 // Which refusal each file gets, named without its folder.
@@ -222,7 +219,7 @@ TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
   std::filesystem::remove(fs::ToNative(temp));
   const std::string x = g + "/x.kdp", nested = g + "/dir/x.kdp";
   const std::string work = "ExtractMember(dir\\x.kdp|" + temp + "call-";
-  const struct { std::string path; bool made; int result; HRESULT hr; LONG value; std::string call; } rows[] = {
+  const struct { std::string path; bool made; int result; HRESULT hr; LONG out; std::string call; } rows[] = {
       {x, true, 1, S_OK, 1, "ContainsMember(x.kdp)"}, {x, true, 0, S_OK, 0, "ContainsMember(x.kdp)"},
       {g, true, 1, S_OK, 1, "ContainsMember()"}, {x, false, 1, S_FALSE, 0, ""},  // no container
       // In a folder: copied out into the call's own work folder in the private temporary folder
@@ -235,7 +232,7 @@ TEST_F(GroupPathTest, DoesPathExistAsksTheRightQuestion) {
     script.result = c.result;
     LONG value = 77;
     EXPECT_EQ(fm->get_DoesPathExist(Bstr(codepage::AnsiToWide(c.path)).get(), &value), c.hr);
-    EXPECT_EQ(value, c.value);
+    EXPECT_EQ(value, c.out);
     EXPECT_EQ(script.calls.size(), c.call.empty() ? 0u : 1u);
     EXPECT_TRUE(script.Calls().starts_with(c.call)) << script.Calls();
     EXPECT_FALSE(std::filesystem::exists(fs::ToNative(temp))) << "work folder left behind";

@@ -123,11 +123,8 @@ inline HRESULT InvokeByName(IDispatch* d, const char16_t* name, std::vector<VARI
 // Calls a member by name through IDispatch with string arguments, as a script does: kOut stands
 // for an [out] string, kNull for a null string. `out` receives the [out] or returned string.
 inline const std::string kOut = "<out>", kNull = "<null>";
-inline HRESULT CallByName(IUnknown* object, const char16_t* name, const std::vector<std::string>& args,
+inline HRESULT CallByName(IDispatch* d, const char16_t* name, const std::vector<std::string>& args,
                           std::string* out = nullptr) {
-  IDispatch* d = nullptr;
-  if (object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&d)) != S_OK) return E_NOINTERFACE;
-  d->Release();  // the caller's reference keeps the object alive
   std::vector<Bstr> strings(args.size());
   std::vector<VARIANT> variants(args.size(), VARIANT{});
   for (size_t i = 0; i < args.size(); ++i) {

@@ -110,8 +110,7 @@ const std::string kLib = "TypeLib\\{871AFE2C-13C8-49C5-AD0D-F72B18C055B1}";
 
 std::string Value(const std::string& key, const std::string& name = "") {
   std::string data = "<none>";
-  registry::RegQueryValue(key, name, data);
-  return data;
+  return registry::RegQueryValue(key, name, data), data;
 }
 
 TEST(RegistrationTest, RegisterReRegisterUnregister) {
