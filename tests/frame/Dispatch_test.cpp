@@ -19,6 +19,7 @@ VARIANT Var(VARTYPE vt) { VARIANT v; VariantInit(&v); v.vt = vt; return v; }
 VARIANT Str(BSTR s) { VARIANT v = Var(VT_BSTR); v.bstrVal = s; return v; }
 VARIANT I4(LONG n) { VARIANT v = Var(VT_I4); v.lVal = n; return v; }
 VARIANT StrRef(BSTR* p) { VARIANT v = Var(VT_BYREF | VT_BSTR); v.pbstrVal = p; return v; }
+VARIANT VarRef(VARIANT* p) { VARIANT v = Var(VT_BYREF | VT_VARIANT); v.pvarVal = p; return v; }
 
 struct DispatchTest : ScriptedTest {
   HRESULT Call(const char16_t* name, std::vector<VARIANT> args, VARIANT* result = nullptr,
@@ -105,9 +106,7 @@ TEST_F(DispatchTest, ArgumentsGoInConvertedAndResultsComeBack) {
   // python/tests/test_dispatch.py; here the cases a script does not make.
   script.members = {"A", "B"};  // [out] string through a by-reference variant holding nothing yet
   VARIANT holder = Var(VT_EMPTY);
-  VARIANT refVar = Var(VT_BYREF | VT_VARIANT);
-  refVar.pvarVal = &holder;
-  ASSERT_EQ(Call(u"ReadContents", {Str(group.get()), refVar}), S_OK);
+  ASSERT_EQ(Call(u"ReadContents", {Str(group.get()), VarRef(&holder)}), S_OK);
   EXPECT_EQ(holder.vt, VT_BSTR);
   EXPECT_EQ(Bstr::Attach(holder.bstrVal).view(), u"A,B");
   // A result nobody asked for is freed (ASan would see a leak).
@@ -201,12 +200,11 @@ struct ErrorInfoTest : ::testing::Test {
 // The texts of the reasons are checked through the command line (tests/cli/basics.sh); here
 // that they reach the caller, one call's reason at a time.
 TEST_F(ErrorInfoTest, FailuresNameTheFileOrMemberAndSuccessClears) {
-  const std::string out = dir / "out";
   const struct { const char16_t* member; std::vector<std::string> args; HRESULT hr; std::string description, code; } rows[] = {
       {u"DeleteFiles", {dir / "gone.mag", "x"}, E_FAIL, dir / "gone.mag: not a group file (no such file)", "not-a-group"},
       {u"AddFiles", {dir / "g.mag", dir / "a,b.map", ""}, E_FAIL,
        dir / "a,b.map: holds a comma, so the comma-separated list of files cut it into names that do not exist", "comma-in-name"},
-      {u"ExpandFlashFile", {dir / "none.kdk", out, kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file", "cannot-open"},
+      {u"ExpandFlashFile", {dir / "none.kdk", dir / "out", kOut}, QX_E_OPEN_FAILED, dir / "none.kdk: no such file", "cannot-open"},
       {u"ReadContents", {dir / "g.mag", kOut}, S_OK, "", ""},  // a success leaves nothing
       {u"NoSuchMember", {}, DISP_E_UNKNOWNNAME, "NoSuchMember: is not a member of IGroupManager2", "no-such-name"},
   };

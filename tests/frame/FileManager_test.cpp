@@ -12,9 +12,7 @@
 namespace qx::test {
 namespace {
 
-struct FileManagerTest : ScriptedTest {
-  ShellRecorder shellEvents;
-};
+struct FileManagerTest : ScriptedTest { ShellRecorder shellEvents; };
 
 // Every method that works on one group: no container or a failing operation gives E_FAIL, no
 // notification and no out-argument; success gives the method's status, exactly the notification

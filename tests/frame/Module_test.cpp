@@ -130,16 +130,16 @@ TEST(RegistrationTest, RegisterReRegisterUnregister) {
   for (const auto& row : rows) EXPECT_EQ(Value(row.key, row.name), row.value) << row.key;
 
   // Planted keys: the class's own key is replaced whole, the ProgID keys are written over.
-  for (const std::string& key : {kFm + "\\Planted", kFm + "\\Programmable\\Planted",
-                                std::string("QXGroupMgr.FileManager.1\\Planted")})
-    ASSERT_EQ(registry::RegCreateKey(key), registry::kErrorSuccess);
+  const std::string planted[] = {kFm + "\\Planted", kFm + "\\Programmable\\Planted",
+                                 "QXGroupMgr.FileManager.1\\Planted"};
+  for (const std::string& key : planted) ASSERT_EQ(registry::RegCreateKey(key), registry::kErrorSuccess);
   ASSERT_EQ(registry::RegSetValue(kFm + "\\InprocServer32", "Stale", "x"), registry::kErrorSuccess);
   ASSERT_EQ(module::RegisterServer(kModule), S_OK);
-  EXPECT_NE(registry::RegOpenKey(kFm + "\\Planted"), registry::kErrorSuccess);
-  EXPECT_NE(registry::RegOpenKey(kFm + "\\Programmable\\Planted"), registry::kErrorSuccess);
+  const std::pair<std::string, bool> after[] = {
+      {planted[0], false}, {planted[1], false}, {planted[2], true}, {kFm + "\\Programmable", true}};
+  for (const auto& [key, there] : after)
+    EXPECT_EQ(registry::RegOpenKey(key) == registry::kErrorSuccess, there) << key;
   EXPECT_EQ(Value(kFm + "\\InprocServer32", "Stale"), "<none>");
-  EXPECT_EQ(registry::RegOpenKey(kFm + "\\Programmable"), registry::kErrorSuccess);
-  EXPECT_EQ(registry::RegOpenKey("QXGroupMgr.FileManager.1\\Planted"), registry::kErrorSuccess);
 
   // Unregistration takes every key it wrote, ProgIDs with what was planted below them, and
   // leaves CLSID, TypeLib and the other class.
