@@ -1,6 +1,8 @@
 // A fake container that records what the frame asks and answers from a script.
 #pragma once
 
+#include <gtest/gtest.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -9,6 +11,7 @@
 #include "frame/FileManager.h"
 #include "platform/codepage.h"
 #include "platform/shell.h"
+#include "platform/ui.h"
 
 namespace qx::test {
 
@@ -23,96 +26,87 @@ struct Script {
   std::vector<std::string> calls;  // "Op(arg|arg)" in call order
   std::vector<ContainerKind> createdKinds;  // ConstructForCreate's kinds
   int live = 0;                             // containers not yet destroyed
+  std::string Calls() const { return Join(calls, " "); }
+  static std::string Join(const StringList& list, const char* separator = ",") {
+    std::string text;
+    for (const std::string& item : list) text += (text.empty() ? "" : separator) + item;
+    return text;
+  }
 };
 
-class FakeContainer : public GroupContainer {
- public:
+struct FakeContainer : GroupContainer {
   FakeContainer(std::string path, ContainerFactory* factory, Script& script)
       : GroupContainer(std::move(path), factory), s_(script) { ++s_.live; }
   ~FakeContainer() override { --s_.live; }
 
   int32_t AddMembers(const StringList& files, const std::string& dest, int32_t* state,
                      AddPromptFn prompt, void* context) override {
-    s_.calls.push_back("AddMembers(" + Join(files) + "|" + dest + ")");
+    s_.calls.push_back("AddMembers([" + Script::Join(files) + "]|" + dest + ")");
     if (state == nullptr || *state != 0) return 0;
     for (const auto& [file, reason] : s_.prompts)
       s_.answers.push_back(prompt != nullptr ? prompt(file, reason, this, context) : PromptReplace);
     return s_.result;
   }
-  int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers(" + Join(names) + ")"); }
+  int32_t DeleteMembers(const StringList& names) override { return Record("DeleteMembers([" + Script::Join(names) + "])"); }
   int32_t ExtractMember(const std::string& name, const std::string& dest) override { return Record("ExtractMember(" + name + "|" + dest + ")"); }
-  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override { return Record("CreateWithMembers(" + Join(files) + "|" + dest + ")"); }
+  int32_t CreateWithMembers(const StringList& files, const std::string& dest) override { return Record("CreateWithMembers([" + Script::Join(files) + "]|" + dest + ")"); }
   int32_t ExtractAllMembers(const std::string& dest) override { return Record("ExtractAllMembers(" + dest + ")"); }
   int32_t ContainsMember(const std::string& name) override { return Record("ContainsMember(" + name + ")"); }
   int32_t GetMemberName(int32_t, std::string&) override { return Record("GetMemberName()"); }
   int32_t GetMemberCount() override { return static_cast<int32_t>(s_.members.size()); }
   int32_t ListMembers(StringList& names) override {
-    names.insert(names.end(), s_.members.begin(), s_.members.end());
-    return Record("ListMembers()");
+    return names.insert(names.end(), s_.members.begin(), s_.members.end()), Record("ListMembers()");
   }
   int32_t WriteContentsXml(std::string& xml, int32_t meta, std::string pattern) override {
-    xml = s_.xml;
-    return Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
+    return xml = s_.xml, Record("WriteContentsXml(" + std::to_string(meta) + "|" + pattern + ")");
   }
   int32_t IsValid() override { return 1; }
-
-  static std::string Join(const StringList& list) {
-    std::string text;
-    for (const std::string& item : list) text += (text.empty() ? "" : ",") + item;
-    return "[" + text + "]";
-  }
-
- private:
   int32_t Record(std::string call) {
     const bool fails = !s_.failOnly.empty() && call.starts_with(s_.failOnly);
-    s_.calls.push_back(std::move(call));
-    return s_.failOnly.empty() ? s_.result : !fails;
+    return s_.calls.push_back(std::move(call)), s_.failOnly.empty() ? s_.result : !fails;
   }
   Script& s_;
 };
 
-class ScriptedFileManager : public FileManager {
- public:
-  explicit ScriptedFileManager(Script& script, IUnknown* outer = nullptr)
-      : FileManager(outer), s_(script) {}
-
+struct ScriptedFileManager : FileManager {
+  explicit ScriptedFileManager(Script& script) : FileManager(nullptr), s_(script) {}
   std::unique_ptr<GroupContainer> CreateContainer(const std::string& path) override {
     return s_.makeContainer ? std::make_unique<FakeContainer>(path, this, s_) : nullptr;
   }
-
- protected:
   std::unique_ptr<GroupContainer> ConstructForCreate(ContainerKind kind, const std::string& path) override {
-    s_.createdKinds.push_back(kind);
-    return CreateContainer(path);
+    return s_.createdKinds.push_back(kind), CreateContainer(path);
   }
-
- private:
   Script& s_;
 };
 
-// Collects shell notifications while it lives.
-class ShellRecorder {
- public:
-  ShellRecorder()
-      : token_(shell::AddObserver([this](const shell::ChangeEvent& e) { events.push_back(e); })) {}
-  ~ShellRecorder() { shell::RemoveObserver(token_); }
+struct ShellRecorder {  // collects shell notifications while it lives
+  using Event = std::tuple<LONG, UINT, std::string, bool>;  // id, flags, first item, second present
+  std::vector<Event> events;
+  shell::ObserverToken token = shell::AddObserver(
+      [this](const shell::ChangeEvent& e) { events.emplace_back(e.eventId, e.flags, e.item1, e.item2Present); });
+  ShellRecorder() = default;
   ShellRecorder(const ShellRecorder&) = delete;
-  ShellRecorder& operator=(const ShellRecorder&) = delete;
-  std::vector<shell::ChangeEvent> events;
-
- private:
-  shell::ObserverToken token_;
+  ~ShellRecorder() { shell::RemoveObserver(token); }
+  std::vector<Event> Take() { return std::exchange(events, {}); }
 };
 
-// Holds one reference to a new object for the test's lifetime.
-template <class T>
-struct Held {
-  T* p;
-  explicit Held(T* object) : p(object) { p->AddRef(); }
-  ~Held() { p->Release(); }
-  Held(const Held&) = delete;
-  Held& operator=(const Held&) = delete;
-  T* operator->() const { return p; }
+struct ScriptedTest : ::testing::Test {  // holds one reference to a scripted object
+  Script script;
+  ScriptedFileManager* fm = new ScriptedFileManager(script);
+  ScriptedTest() { fm->AddRef(); }
+  ~ScriptedTest() override { fm->Release(); }
+};
+
+// A window whose host gives every question one answer, bound as fm's owner while it lives.
+struct OwnerWindow {
+  IGroupManager2* fm;
+  std::shared_ptr<ui::FixedAnswerHost> host;
+  HWND hwnd = ui::BindOwnerWindow(host);
+  OwnerWindow(IGroupManager2* object, int answer) : fm(object), host(std::make_shared<ui::FixedAnswerHost>(answer)) {
+    EXPECT_EQ(fm->put_ShowUI(hwnd), S_OK);
+  }
+  OwnerWindow(const OwnerWindow&) = delete;
+  ~OwnerWindow() { fm->put_ShowUI(nullptr), ui::ReleaseOwnerWindow(hwnd); }
 };
 
 // Calls a member by name with the arguments in their natural order (reversed here, as callers must).
@@ -129,29 +123,21 @@ inline HRESULT InvokeByName(IDispatch* d, const char16_t* name, std::vector<VARI
 // Calls a member by name through IDispatch with string arguments, as a script does: kOut stands
 // for an [out] string, kNull for a null string. `out` receives the [out] or returned string.
 inline const std::string kOut = "<out>", kNull = "<null>";
-inline HRESULT CallByName(IUnknown* object, const char16_t* name, const std::vector<std::string>& args,
+inline HRESULT CallByName(IDispatch* d, const char16_t* name, const std::vector<std::string>& args,
                           std::string* out = nullptr) {
-  IDispatch* d = nullptr;
-  if (object->QueryInterface(IID_IDispatch, reinterpret_cast<void**>(&d)) != S_OK) return E_NOINTERFACE;
-  d->Release();  // the caller's reference keeps the object alive
   std::vector<Bstr> strings(args.size());
-  std::vector<VARIANT> variants(args.size());
+  std::vector<VARIANT> variants(args.size(), VARIANT{});
   for (size_t i = 0; i < args.size(); ++i) {
-    VariantInit(&variants[i]);
-    variants[i].vt = static_cast<VARTYPE>(args[i] == kOut ? VT_BYREF | VT_BSTR : VT_BSTR);
-    if (args[i] == kOut) variants[i].pbstrVal = strings[i].address();
-    if (args[i] != kOut && args[i] != kNull) strings[i] = Bstr(codepage::Utf8ToWide(args[i]));
-    if (args[i] != kOut) variants[i].bstrVal = strings[i].get();
+    const bool isOut = args[i] == kOut;
+    variants[i].vt = static_cast<VARTYPE>(isOut ? VT_BYREF | VT_BSTR : VT_BSTR);
+    if (!isOut && args[i] != kNull) strings[i] = Bstr(codepage::Utf8ToWide(args[i]));
+    isOut ? void(variants[i].pbstrVal = strings[i].address()) : void(variants[i].bstrVal = strings[i].get());
   }
-  VARIANT result;
-  VariantInit(&result);
+  VARIANT result{};
   const HRESULT hr = InvokeByName(d, name, variants, &result, DISPATCH_METHOD | DISPATCH_PROPERTYGET);
-  if (out != nullptr) {
-    *out = result.vt == VT_BSTR ? codepage::WideToUtf8(Bstr::Attach(result.bstrVal).view()) : "";
-    if (result.vt == VT_BSTR) result.vt = VT_EMPTY;
-    for (size_t i = 0; i < args.size(); ++i)
-      if (args[i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
-  }
+  if (out != nullptr) *out = result.vt == VT_BSTR ? codepage::WideToUtf8(result.bstrVal) : "";
+  for (size_t i = 0; out != nullptr && i < args.size(); ++i)
+    if (args[i] == kOut) *out = codepage::WideToUtf8(strings[i].view());
   VariantClear(&result);
   return hr;
 }
