@@ -46,9 +46,7 @@ bool AsNobody(const std::function<bool()>& step) {
 TEST(TempFile, KeepReplacesTheTargetAndDiscardLeavesIt) {
   // keep: Keep(), else Discard(); explicitly: else the destructor decides.
   const struct { const char* name; bool keep, explicitly; const char* expected; } rows[] = {
-      {"g.grp", true, true, "new"},
-      {"g.grp", false, true, "old"},
-      {"g.grp", false, false, "old"},
+      {"g.grp", true, true, "new"}, {"g.grp", false, true, "old"}, {"g.grp", false, false, "old"},
       {"caf\xE9.grp", true, true, "new"},  // 1252 name, UTF-8 on disk
   };
   for (const auto& r : rows) {
@@ -83,19 +81,14 @@ TEST(TempFile, TheFileStaysTheOwnersFile) {
 
   ASSERT_EQ(::symlink("real.grp", link.c_str()), 0);
   ::chmod(real.c_str(), 0640);
-  if (root) {
-    ASSERT_EQ(::chown(real.c_str(), 65534, 65534), 0);
-  }
+  if (root) { ASSERT_EQ(::chown(real.c_str(), 65534, 65534), 0); }
   ASSERT_TRUE(Replace(link, "2"));
   ASSERT_EQ(::lstat(link.c_str(), &st), 0);
   EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link stays a link";
   EXPECT_EQ(Contents(real), "2");
   ASSERT_EQ(::stat(real.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0640u);
-  if (root) {
-    EXPECT_EQ(st.st_uid, 65534u);
-    EXPECT_EQ(st.st_gid, 65534u);
-  }
+  if (root) { EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(65534u, 65534u)); }
   EXPECT_EQ(EntryCount(dir.path()), 2u);
 }
 
@@ -128,11 +121,9 @@ TEST(TempFile, OldLeftoversOfAKilledWriterGo) {
   test::TempDir dir;
   const std::string target = dir.Write("g.grp", "old");
   const struct { const char* name; long ageSeconds; bool stays; } rows[] = {
-      {".g.grp.qxtmp~Ab12Cd", 7200, false},
-      {".g.grp.qxtmp~Ef34Gh", 60, true},       // may be a writer at work
-      {".g.grp.qxtmp~Ij56K", 7200, true},      // not our pattern
-      {".g.grp.backup", 7200, true},
-      {".h.grp.qxtmp~Ab12Cd", 7200, true},     // another file's
+      // Young: may be a writer at work; 5 letters: not our pattern; .h: another file's.
+      {".g.grp.qxtmp~Ab12Cd", 7200, false}, {".g.grp.qxtmp~Ef34Gh", 60, true},
+      {".g.grp.qxtmp~Ij56K", 7200, true}, {".g.grp.backup", 7200, true}, {".h.grp.qxtmp~Ab12Cd", 7200, true},
   };
   for (const auto& r : rows) {
     dir.Write(r.name, "x");

@@ -19,11 +19,9 @@ TEST(Codepage, AnsiRoundTripsThroughWideAndUtf8ForEveryByte) {
 }
 
 TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
+  // Bytes the code page leaves undefined (0x81, 0x9D) keep their value as C1 code points.
   const struct { unsigned char ansi; char16_t wide; } rows[] = {
-      {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'},
-      // Bytes the code page leaves undefined keep their value as C1 code points.
-      {0x81, u'\u0081'}, {0x9D, u'\u009D'},
-  };
+      {0x80, u'\u20AC'}, {0x9F, u'\u0178'}, {0xE9, u'\u00E9'}, {0x81, u'\u0081'}, {0x9D, u'\u009D'}};
   for (const auto& r : rows) {
     SCOPED_TRACE(static_cast<int>(r.ansi));
     const std::string a(1, static_cast<char>(r.ansi));
@@ -34,12 +32,10 @@ TEST(Codepage, KnownCharactersAndTheUndefinedBytes) {
 
 TEST(Codepage, WhatTheCodePageCannotHoldBecomesQuestionMark) {
   const struct { const char* utf8; const char* ansi; } rows[] = {
-      {"\xCE\xB3.mag", "?.mag"},          // Greek gamma does not
-      {"\xF0\x9F\x98\x80", "?"},          // one astral character, one '?'
-      {"a\xFF" "b", "a?b"},               // invalid byte
-      {"\xC0\xAF", "??"},                 // overlong encoding: each byte rejected
-      {"\xE2\x82", "??"},                 // truncated sequence
-      {"\xED\xA0\x80", "???"},            // encoded surrogate
+      // Greek gamma; one astral character, one '?'; an invalid byte; overlong (each byte rejected);
+      // a truncated sequence; an encoded surrogate.
+      {"\xCE\xB3.mag", "?.mag"}, {"\xF0\x9F\x98\x80", "?"}, {"a\xFF" "b", "a?b"}, {"\xC0\xAF", "??"},
+      {"\xE2\x82", "??"}, {"\xED\xA0\x80", "???"},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.utf8);
@@ -58,19 +54,19 @@ TEST(Codepage, CodePage850) {
 }
 
 TEST(Codepage, NamedCharacterSets) {
-  std::string out;
   EXPECT_TRUE(IsKnownCharset("windows-1252"));
   EXPECT_FALSE(IsKnownCharset("no-such-charset"));
-
-  ASSERT_TRUE(ConvertCharset("ISO-8859-1", "UTF-8", "caf\xE9", out));
-  EXPECT_EQ(out, "caf\xC3\xA9");
-  ASSERT_TRUE(ConvertCharset("UTF-8", "ISO-8859-1", "\xCE\xB3x\xC3\xA9", out));
-  EXPECT_EQ(out, "?x\xE9");
-  ASSERT_TRUE(ConvertCharset("UTF-16LE", "UTF-8", std::string("A\0\xAC\x20", 4), out));
-  EXPECT_EQ(out, "A\xE2\x82\xAC");
-  EXPECT_FALSE(ConvertCharset("UTF-8", "ISO-8859-1", "bad\xFF", out));
-  EXPECT_TRUE(out.empty());
-  EXPECT_FALSE(ConvertCharset("nope", "UTF-8", "x", out));
+  // A failed conversion leaves nothing behind.
+  const struct { const char *from, *to; std::string in; bool ok; const char* out; } rows[] = {
+      {"ISO-8859-1", "UTF-8", "caf\xE9", true, "caf\xC3\xA9"},
+      {"UTF-8", "ISO-8859-1", "\xCE\xB3x\xC3\xA9", true, "?x\xE9"},
+      {"UTF-16LE", "UTF-8", std::string("A\0\xAC\x20", 4), true, "A\xE2\x82\xAC"},
+      {"UTF-8", "ISO-8859-1", "bad\xFF", false, ""}, {"nope", "UTF-8", "x", false, ""}};
+  for (const auto& r : rows) {
+    std::string out = "stale";
+    EXPECT_EQ(ConvertCharset(r.from, r.to, r.in, out), r.ok) << r.from << " " << r.in;
+    if (r.ok || r.from == std::string("UTF-8")) { EXPECT_EQ(out, r.out) << r.from << " " << r.in; }
+  }
 }
 
 TEST(Codepage, ConcurrentConversions) {

@@ -20,14 +20,12 @@ TEST(Fs, NamesAre1252InsideAndUtf8OnDisk) {
   ASSERT_TRUE(out.Write("abc", 3));
   ASSERT_TRUE(out.Close());
   EXPECT_TRUE(std::filesystem::exists(dir.path() + "/caf\xC3\xA9.kdp"));
-
   FindData found;
   Finder finder;
   ASSERT_TRUE(finder.First(dir.path() + "/caf*", found));
   EXPECT_EQ(found.name, "caf\xE9.kdp");
   EXPECT_EQ(found.size, 3u);
   EXPECT_FALSE(finder.Next(found));
-
   // A name 1252 cannot hold comes back with '?'.
   dir.Write("\xCE\xB3.map", "x");
   ASSERT_TRUE(finder.First(dir.path() + "/*.map", found));
@@ -75,10 +73,9 @@ TEST(Fs, Attributes) {
 
 TEST(Fs, WildcardMatching) {
   const struct { const char* name; const char* mask; bool match; } rows[] = {
-      {"abc.kdp", "a?c.*", true}, {"abc", "ab", false},     {"ab", "a?c", false},
-      {"", "*", true},            {"aaa", "*a*a*a*a", false}, {"x.QXG", "*.qxg", false},
-      {"abcbc", "*bc", true},     {"noext", "*.*", true},    {"noext", "noext.*", true},
-      {"noext", "*.kdp", false},  {"ab", "a.*", false},      {"a*b", "a*", true},
+      {"abc.kdp", "a?c.*", true}, {"abc", "ab", false}, {"ab", "a?c", false}, {"", "*", true},
+      {"aaa", "*a*a*a*a", false}, {"x.QXG", "*.qxg", false}, {"abcbc", "*bc", true}, {"noext", "*.*", true},
+      {"noext", "noext.*", true}, {"noext", "*.kdp", false}, {"ab", "a.*", false}, {"a*b", "a*", true},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(std::string(r.name) + " ~ " + r.mask);
@@ -88,8 +85,7 @@ TEST(Fs, WildcardMatching) {
 
 TEST(Fs, FinderListsMatchesAndDotEntries) {
   test::TempDir dir;
-  for (const char* n : {"a.kdp", "b.kdp", "c.map"}) dir.Write(n, "x");
-  dir.Write("noext", "x");
+  for (const char* n : {"a.kdp", "b.kdp", "c.map", "noext"}) dir.Write(n, "x");
   FindData found;
   Finder finder;
   auto names = [&](const std::string& mask) {
@@ -99,7 +95,6 @@ TEST(Fs, FinderListsMatchesAndDotEntries) {
   };
   EXPECT_EQ(names("/*.*"), (std::set<std::string>{".", "..", "a.kdp", "b.kdp", "c.map", "noext"}));
   EXPECT_EQ(names("/?.kdp"), (std::set<std::string>{"a.kdp", "b.kdp"}));
-
   EXPECT_TRUE(finder.First(dir / "c.map", found));  // a plain name finds itself
   EXPECT_FALSE(finder.Next(found));
   EXPECT_FALSE(finder.First(dir / "*.none", found));

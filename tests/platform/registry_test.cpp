@@ -63,12 +63,10 @@ TEST(RegistryTree, WritesRegFileTextAndReadsItBack) {
 
 TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
   const struct { const char* what; std::string text; bool ok; } rows[] = {
-      {"empty file", "", true},
-      {"only blank lines and comments", "\n; written by hand\r\n\n", true},
+      {"empty file", "", true}, {"only blank lines and comments", "\n; written by hand\r\n\n", true},
       {"bom, crlf, comment, spaces", "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n@ = \"x\"  \r\n", true},
       {"root in another case", "REGEDIT4\n[hkey_classes_root\\A]\n", true},
-      {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false},
-      {"value before any key", "REGEDIT4\n@=\"x\"\n", false},
+      {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false}, {"value before a key", "REGEDIT4\n@=\"x\"\n", false},
       {"other root", "REGEDIT4\n[HKEY_CURRENT_USER\\A]\n", false},
       {"unclosed key", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\n", false},
       {"dword value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\"=dword:00000001\n", false},
@@ -96,13 +94,11 @@ TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
   ASSERT_EQ(RegCreateKey("CLSID\\{B}"), kErrorSuccess);
 
   ASSERT_EQ(RegDeleteTree("clsid\\{a}"), kErrorSuccess);
-  EXPECT_EQ(RegOpenKey("CLSID\\{A}\\InprocServer32"), kErrorFileNotFound);
-  EXPECT_EQ(RegOpenKey("CLSID\\{A}"), kErrorFileNotFound);
-  EXPECT_EQ(RegOpenKey("CLSID"), kErrorSuccess);
-  EXPECT_EQ(RegOpenKey("CLSID\\{B}"), kErrorSuccess);
+  for (const auto& [key, expected] : {std::pair{"CLSID\\{A}\\InprocServer32", kErrorFileNotFound},
+           {"CLSID\\{A}", kErrorFileNotFound}, {"CLSID", kErrorSuccess}, {"CLSID\\{B}", kErrorSuccess}})
+    EXPECT_EQ(RegOpenKey(key), expected) << key;
   EXPECT_EQ(RegDeleteTree("CLSID\\{A}"), kErrorFileNotFound);
   EXPECT_EQ(RegDeleteValue("CLSID\\{B}", "none"), kErrorFileNotFound);
-
   std::string name;
   EXPECT_EQ(RegEnumKey("CLSID", 0, name), kErrorSuccess);
   EXPECT_EQ(name, "{B}");

@@ -72,17 +72,17 @@ TEST(Dialogs, Failures) {
   ReleaseOwnerWindow(owner);
 }
 
+// A pseudo-terminal that the owner window's prompts are shown on.
 struct Pty {
   Pty() {
     master = posix_openpt(O_RDWR | O_NOCTTY);
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 || ptsname(master) == nullptr) return;
     path = ptsname(master);
     slave = open(path.c_str(), O_RDWR | O_NOCTTY);
-    termios t{};
-    tcgetattr(slave, &t);
-    before = t.c_lflag;
+    before = Mode();
+    owner = BindOwnerWindow(std::make_shared<TerminalHost>(path));
   }
-  ~Pty() { close(slave), close(master); }
+  ~Pty() { ReleaseOwnerWindow(owner), close(slave), close(master); }
   // Reads what the program shows until `marker` appears or two seconds pass.
   std::string ReadUntil(const std::string& marker) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -99,11 +99,13 @@ struct Pty {
   void Type(const std::string& keys) {
     ASSERT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
-  bool Restored() const {  // the terminal is back in the mode it was in
+  tcflag_t Mode() const {
     termios t{};
-    return tcgetattr(slave, &t) == 0 && t.c_lflag == before;
+    return tcgetattr(slave, &t) == 0 ? t.c_lflag : ~tcflag_t{0};
   }
+  bool Restored() const { return Mode() == before; }  // the terminal is back in the mode it was in
 
+  HWND owner = nullptr;
   int master = -1, slave = -1;
   tcflag_t before = 0;
   std::string path, screen;
@@ -111,21 +113,17 @@ struct Pty {
 
 TEST(TerminalPrompt, Keys) {
   const struct { const char* name; std::string keys; intptr_t result; } rows[] = {
-      {"Enter is the default button", "\r", IDC_REPLACE},
-      {"Esc alone cancels", "\x1b", IDC_CANCEL},
-      {"Ctrl-C cancels", "\x03", IDC_CANCEL},
-      {"letter, upper case", "A", IDC_REPLACE_ALL},
-      {"Alt+letter", "\x1b" "s", IDC_SKIP},
-      {"unknown key beeps, then a letter", "xr", IDC_REPLACE},
+      {"Enter is the default button", "\r", IDC_REPLACE}, {"Esc alone cancels", "\x1b", IDC_CANCEL},
+      {"Ctrl-C cancels", "\x03", IDC_CANCEL}, {"letter, upper case", "A", IDC_REPLACE_ALL},
+      {"Alt+letter", "\x1b" "s", IDC_SKIP}, {"unknown key beeps, then a letter", "xr", IDC_REPLACE},
       {"cursor keys are ignored", "\x1b[A\x1bOB\r", IDC_REPLACE},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Pty pty;
     ASSERT_GE(pty.slave, 0);
-    HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>(pty.path));
     intptr_t result = 0;
-    std::thread prompt([&] { result = Ask(owner, "PROG1.kdp exists"); });
+    std::thread prompt([&] { result = Ask(pty.owner, "PROG1.kdp exists"); });
     pty.ReadUntil("Cancel");
     pty.Type(row.keys);
     prompt.join();
@@ -134,7 +132,6 @@ TEST(TerminalPrompt, Keys) {
     for (const char* shown : {"Duplicate File Found", "PROG1.kdp exists", "<[R]eplace>  Replace [A]ll  [S]kip  Cancel"})
       EXPECT_NE(screen.find(shown), std::string::npos) << screen;
     EXPECT_TRUE(pty.Restored());
-    ReleaseOwnerWindow(owner);
   }
 }
 
@@ -143,7 +140,6 @@ TEST(TerminalPrompt, Keys) {
 TEST(TerminalPrompt, MessageBoxFromDialog) {
   Pty pty;
   ASSERT_GE(pty.slave, 0);
-  HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>(pty.path));
   auto proc = [](DialogHandle dlg, unsigned msg, uintptr_t wParam, intptr_t lParam) -> intptr_t {
     if (msg == WM_INITDIALOG) SetWindowLongPtrA(dlg, DWLP_USER, lParam);
     if (msg != WM_COMMAND) return 0;
@@ -152,7 +148,8 @@ TEST(TerminalPrompt, MessageBoxFromDialog) {
     return 1;
   };
   intptr_t result = 0;
-  std::thread prompt([&] { result = DialogBoxParamA(owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(owner)); });
+  std::thread prompt(
+      [&] { result = DialogBoxParamA(pty.owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(pty.owner)); });
   pty.ReadUntil("Cancel");
   pty.Type("s");
   const std::string screen = pty.ReadUntil("<OK>");
@@ -162,7 +159,6 @@ TEST(TerminalPrompt, MessageBoxFromDialog) {
   EXPECT_NE(screen.find("Adding File"), std::string::npos) << screen;
   EXPECT_NE(screen.find("Cannot add a?[2J.kfl\r\nNo."), std::string::npos) << screen;
   EXPECT_TRUE(pty.Restored());
-  ReleaseOwnerWindow(owner);
 }
 
 TEST(TerminalPrompt, Missing) {
