@@ -5,15 +5,12 @@
 #include "qxgroupmgr/ErrorCode.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
-#define CHECK(expr, expected)                                                              \
-  do {                                                                                     \
-    HRESULT hr_ = (expr);                                                                  \
-    if (hr_ != (HRESULT)(expected)) {                                                      \
-      snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", #expr, (unsigned)hr_,     \
-               (unsigned)(expected));                                                      \
-      return 1;                                                                            \
-    }                                                                                      \
-  } while (0)
+static int Report(char* message, size_t size, const char* expr, HRESULT got, HRESULT expected) {
+  snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", expr, (unsigned)got, (unsigned)expected);
+  return 1;
+}
+#define CHECK(expr, expected) \
+  do { HRESULT hr_ = (expr); if (hr_ != (HRESULT)(expected)) return Report(message, size, #expr, hr_, expected); } while (0)
 
 int RunCCaller(char* message, size_t size);
 

@@ -124,21 +124,15 @@ TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
 
 TEST_F(RegistryStore, ProcessesWritingAtOnceKeepEachOthersKeys) {
   constexpr int kProcesses = 3, kKeysEach = 40;
-  pid_t children[kProcesses];
   for (int p = 0; p < kProcesses; ++p) {
-    children[p] = ::fork();
-    ASSERT_GE(children[p], 0);
-    if (children[p] == 0) {
-      int failures = 0;
-      for (int k = 0; k < kKeysEach; ++k) failures += RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess;
-      ::_exit(failures == 0 ? 0 : 1);
-    }
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    for (int k = 0; child == 0 && k < kKeysEach; ++k)
+      if (RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess) ::_exit(1);
+    if (child == 0) ::_exit(0);
   }
-  for (pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (int status = 0, p = 0; p < kProcesses; ++p)
+    EXPECT_TRUE(::wait(&status) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
   Tree tree;
   ASSERT_EQ(Load(tree), kErrorSuccess);
   for (int p = 0; p < kProcesses; ++p) {

@@ -14,9 +14,8 @@ TEST(Time, DosDateTimeEdges) {
   // Odd seconds lose one; years before the format's range are clamped.
   ToDosDateTime({1975, 6, 0, 15, 1, 2, 3, 0}, d, t);
   EXPECT_EQ(std::pair(d >> 9, t & 0x1F), std::pair(0, 1));
-  // A zero date (as some archives store) gives a valid calendar day, and its weekday.
+  // A zero date (as some archives store) gives a valid calendar day, and its weekday (a Tuesday).
   const SYSTEMTIME zero = FromDosDateTime(0, 0);
-  // 1 January 1980 was a Tuesday.
   EXPECT_EQ(std::tuple(zero.wYear, zero.wMonth, zero.wDay, zero.wDayOfWeek), std::tuple(1980, 1, 1, 2));
   EXPECT_EQ(FromDosDateTime(0x21, 0x1F).wSecond, 59);  // a stored 62 seconds is held to the minute
 }
