@@ -38,9 +38,7 @@ TEST(BstrTest, LengthsPrefixAndTerminator) {
   }
   EXPECT_EQ(Bstr::Attach(SysAllocStringLen(nullptr, 3)).view(), std::u16string_view(u"\0\0\0", 3));
   EXPECT_EQ(Bstr::Attach(SysAllocStringLen(text, 5)).view(), std::u16string_view(text, 5));
-}
-
-TEST(BstrTest, NullIsTheEmptyString) {
+  // Null is the empty string.
   EXPECT_EQ(SysAllocString(nullptr), nullptr);
   EXPECT_EQ(SysStringLen(nullptr), 0u);
   EXPECT_EQ(SysStringByteLen(nullptr), 0u);
