@@ -101,7 +101,6 @@ TEST_F(Activation, RegisteredModulesThatCannotServe) {
   const std::string notAModule = dir_ + "/not-a-module.so";
   std::ofstream(notAModule) << "text";
   const struct { const char* what; std::string module; const CLSID* clsid; HRESULT expected; } rows[] = {
-      {"missing file", dir_ + "/absent.so", &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"not a shared object", notAModule, &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"library without DllGetClassObject", "libz.so.1", &kProbeClsid, CO_E_ERRORINDLL},
       {"module without the class", QX_MODULE_PATH, &kUnknownClsid, CLASS_E_CLASSNOTAVAILABLE},

@@ -20,18 +20,15 @@ TEST(BstrTest, LengthsPrefixAndTerminator) {
   const char16_t text[] = u"ab\0cd";  // an embedded NUL is part of the string
   Case cases[] = {
       {"SysAllocString", SysAllocString(u"h\u00e9llo"), 5, 10}, {"empty", SysAllocString(u""), 0, 0},
-      {"SysAllocStringLen embedded NUL", SysAllocStringLen(text, 5), 5, 10},
-      {"SysAllocStringLen null text", SysAllocStringLen(nullptr, 4), 4, 8},
-      {"SysAllocStringByteLen odd", SysAllocStringByteLen("abc", 3), 1, 3},
-      {"SysAllocStringByteLen one", SysAllocStringByteLen("a", 1), 0, 1},
-      {"SysAllocStringByteLen null bytes", SysAllocStringByteLen(nullptr, 6), 3, 6},
+      {"NUL inside", SysAllocStringLen(text, 5), 5, 10}, {"no text", SysAllocStringLen(nullptr, 4), 4, 8},
+      {"odd bytes", SysAllocStringByteLen("abc", 3), 1, 3}, {"one byte", SysAllocStringByteLen("a", 1), 0, 1},
+      {"no bytes given", SysAllocStringByteLen(nullptr, 6), 3, 6},
   };
   for (Case& c : cases) {
     SCOPED_TRACE(c.name);
     ASSERT_NE(c.s, nullptr);
-    EXPECT_EQ(SysStringLen(c.s), c.chars);
-    EXPECT_EQ(SysStringByteLen(c.s), c.bytes);
-    EXPECT_EQ(PrefixOf(c.s), c.bytes);
+    EXPECT_EQ(std::tuple(SysStringLen(c.s), SysStringByteLen(c.s), PrefixOf(c.s)),
+              std::tuple(c.chars, c.bytes, c.bytes));
     const auto* bytes = reinterpret_cast<const unsigned char*>(c.s);  // terminated right after them
     EXPECT_EQ(bytes[c.bytes] | bytes[c.bytes + 1], 0);
     SysFreeString(c.s);
@@ -40,8 +37,7 @@ TEST(BstrTest, LengthsPrefixAndTerminator) {
   EXPECT_EQ(Bstr::Attach(SysAllocStringLen(text, 5)).view(), std::u16string_view(text, 5));
   // Null is the empty string.
   EXPECT_EQ(SysAllocString(nullptr), nullptr);
-  EXPECT_EQ(SysStringLen(nullptr), 0u);
-  EXPECT_EQ(SysStringByteLen(nullptr), 0u);
+  EXPECT_EQ(std::pair(SysStringLen(nullptr), SysStringByteLen(nullptr)), std::pair(0u, 0u));
   SysFreeString(nullptr);
   EXPECT_EQ(SysAllocStringLen(nullptr, std::numeric_limits<UINT>::max()), nullptr);
   EXPECT_TRUE(Bstr().view().empty());
