@@ -86,7 +86,7 @@ TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
   }
 }
 
-TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
+TEST_F(RegistryStore, ChangesPersistDeleteTreeKeepsTheParentAndOthersChangesAreRead) {
   std::string data;
   EXPECT_EQ(RegQueryValue("CLSID\\{A}", "", data), kErrorFileNotFound);  // no file yet
   ASSERT_EQ(RegSetValue("CLSID\\{A}", "", "A Class"), kErrorSuccess);
@@ -107,11 +107,9 @@ TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
   std::set<std::string> leaves;  // no temporary files beside the store and its lock
   for (const auto& entry : stdfs::directory_iterator(dir_ + "/conf")) leaves.insert(entry.path().filename().string());
   EXPECT_EQ(leaves, (std::set<std::string>{"registry.reg", "registry.reg.lock"}));
-}
 
-TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
+  // Someone else changes the file: it is read again.
   ASSERT_EQ(RegSetValue("K", "v", "mine"), kErrorSuccess);
-  std::string data;
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
   std::ofstream(file_, std::ios::binary | std::ios::trunc) << "REGEDIT4\n\n[HKEY_CLASSES_ROOT\\K]\n\"v\"=\"theirs, longer\"\n";
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
