@@ -22,14 +22,13 @@ int RunCCaller(char* message, size_t size) {
   cf->lpVtbl->Release(cf);
 
   BSTR group = SysAllocString(u"/nonexistent-qx-module-dir/c.grp");
-  BSTR list = NULL;
+  BSTR list = NULL, code = NULL;
   LONG value = 3;
   CHECK(fm->lpVtbl->UseQXAscii(fm, 0), E_NOTIMPL);
   CHECK(fm->lpVtbl->ReadContents(fm, group, &list), E_FAIL);
   /* The failure's code, through the error object's second interface. */
   IErrorInfo* info = NULL;
   IQXErrorCode* coded = NULL;
-  BSTR code = NULL;
   CHECK(GetErrorInfo(0, &info), S_OK);
   CHECK(info->lpVtbl->QueryInterface(info, &IID_IQXErrorCode, (void**)&coded), S_OK);
   CHECK(coded->lpVtbl->GetCode(coded, &code), S_OK);

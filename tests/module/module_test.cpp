@@ -16,8 +16,7 @@ IClassFactory* ClassObject() {
 
 TEST(ModuleTest, ClassObjectIsCachedAndItAndInstancesHoldTheModule) {
   EXPECT_EQ(DllCanUnloadNow(), S_OK);
-  IClassFactory* a = ClassObject();
-  IClassFactory* b = ClassObject();
+  IClassFactory *a = ClassObject(), *b = ClassObject();
   ASSERT_NE(a, nullptr);
   EXPECT_EQ(a, b);
   EXPECT_EQ(DllCanUnloadNow(), S_FALSE);

@@ -62,6 +62,7 @@ TEST(RegistryTree, WritesRegFileTextAndReadsItBack) {
 }
 
 TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
+  const std::string key = "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n";
   const struct { const char* what; std::string text; bool ok; } rows[] = {
       {"empty file", "", true}, {"only blank lines and comments", "\n; written by hand\r\n\n", true},
       {"bom, crlf, comment, spaces", "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n@ = \"x\"  \r\n", true},
@@ -69,10 +70,8 @@ TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
       {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false}, {"value before a key", "REGEDIT4\n@=\"x\"\n", false},
       {"other root", "REGEDIT4\n[HKEY_CURRENT_USER\\A]\n", false},
       {"unclosed key", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\n", false},
-      {"dword value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\"=dword:00000001\n", false},
-      {"unterminated string", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"abc\n", false},
-      {"unknown escape", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\\tb\"\n", false},
-      {"text after value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\" x\n", false},
+      {"dword value", key + "\"n\"=dword:00000001\n", false}, {"unterminated string", key + "@=\"abc\n", false},
+      {"unknown escape", key + "@=\"a\\tb\"\n", false}, {"text after value", key + "@=\"a\" x\n", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
