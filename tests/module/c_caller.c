@@ -5,12 +5,12 @@
 #include "qxgroupmgr/ErrorCode.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
-static int Report(char* message, size_t size, const char* expr, HRESULT got, HRESULT expected) {
+static int Failed(char* message, size_t size, const char* expr, HRESULT got, HRESULT expected) {
+  if (got == expected) return 0;
   snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", expr, (unsigned)got, (unsigned)expected);
   return 1;
 }
-#define CHECK(expr, expected) \
-  do { HRESULT hr_ = (expr); if (hr_ != (HRESULT)(expected)) return Report(message, size, #expr, hr_, expected); } while (0)
+#define CHECK(expr, expected) do { if (Failed(message, size, #expr, (expr), (expected))) return 1; } while (0)
 
 int RunCCaller(char* message, size_t size);
 

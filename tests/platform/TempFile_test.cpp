@@ -74,7 +74,7 @@ TEST(TempFile, TheFileStaysTheOwnersFile) {
   struct stat st {};
 
   ASSERT_TRUE(Replace(real, "1"));
-  EXPECT_TRUE(::stat(real.c_str(), &st) == 0 && (st.st_mode & 0044) != 0) << "a new file: as a create makes it";
+  EXPECT_TRUE(::stat(real.c_str(), &st) == 0 && (st.st_mode & 0044) != 0) << "made as a create makes it";
 
   ASSERT_EQ(::symlink("real.grp", link.c_str()), 0);
   ::chmod(real.c_str(), 0640);

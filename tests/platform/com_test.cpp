@@ -111,7 +111,7 @@ TEST(VariantTest, ToLong) {
       {"one too big", VT_BSTR, text(u"2147483648"), over, 0},
       {"far too big", VT_BSTR, text(u"99999999999999999999999"), over, 0},
       {"empty text", VT_BSTR, text(u""), mismatch, 0}, {"sign alone", VT_BSTR, text(u"-"), mismatch, 0},
-      {"blank inside", VT_BSTR, text(u"1 2"), mismatch, 0}, {"full-width", VT_BSTR, text(u"\uff11"), mismatch, 0},
+      {"inner gap", VT_BSTR, text(u"1 2"), mismatch, 0}, {"wide 1", VT_BSTR, text(u"\uff11"), mismatch, 0},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -70,7 +70,7 @@ TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
       {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false}, {"value before a key", "REGEDIT4\n@=\"x\"\n", false},
       {"other root", "REGEDIT4\n[HKEY_CURRENT_USER\\A]\n", false},
       {"unclosed key", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\n", false},
-      {"dword value", key + "\"n\"=dword:00000001\n", false}, {"unterminated string", key + "@=\"abc\n", false},
+      {"dword value", key + "\"n\"=dword:00000001\n", false}, {"unterminated", key + "@=\"abc\n", false},
       {"unknown escape", key + "@=\"a\\tb\"\n", false}, {"text after value", key + "@=\"a\" x\n", false},
   };
   for (const auto& row : rows) {

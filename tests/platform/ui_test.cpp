@@ -141,8 +141,8 @@ TEST(TerminalPrompt, MessageBoxFromDialog) {
     return 1;
   };
   intptr_t result = 0;
-  std::thread prompt(
-      [&] { result = DialogBoxParamA(pty.owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(pty.owner)); });
+  std::thread prompt([&] {
+    result = DialogBoxParamA(pty.owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(pty.owner)); });
   pty.ReadUntil("Cancel");
   pty.Type("s");
   const std::string screen = pty.ReadUntil("<OK>");
