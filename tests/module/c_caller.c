@@ -5,15 +5,12 @@
 #include "qxgroupmgr/ErrorCode.h"
 #include "qxgroupmgr/QXGroupMgr.h"
 
-#define CHECK(expr, expected)                                                              \
-  do {                                                                                     \
-    HRESULT hr_ = (expr);                                                                  \
-    if (hr_ != (HRESULT)(expected)) {                                                      \
-      snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", #expr, (unsigned)hr_,     \
-               (unsigned)(expected));                                                      \
-      return 1;                                                                            \
-    }                                                                                      \
-  } while (0)
+static int Failed(char* message, size_t size, const char* expr, HRESULT got, HRESULT expected) {
+  if (got == expected) return 0;
+  snprintf(message, size, "%s gave 0x%08X, expected 0x%08X", expr, (unsigned)got, (unsigned)expected);
+  return 1;
+}
+#define CHECK(expr, expected) do { if (Failed(message, size, #expr, (expr), (expected))) return 1; } while (0)
 
 int RunCCaller(char* message, size_t size);
 
@@ -25,14 +22,13 @@ int RunCCaller(char* message, size_t size) {
   cf->lpVtbl->Release(cf);
 
   BSTR group = SysAllocString(u"/nonexistent-qx-module-dir/c.grp");
-  BSTR list = NULL;
+  BSTR list = NULL, code = NULL;
   LONG value = 3;
   CHECK(fm->lpVtbl->UseQXAscii(fm, 0), E_NOTIMPL);
   CHECK(fm->lpVtbl->ReadContents(fm, group, &list), E_FAIL);
   /* The failure's code, through the error object's second interface. */
   IErrorInfo* info = NULL;
   IQXErrorCode* coded = NULL;
-  BSTR code = NULL;
   CHECK(GetErrorInfo(0, &info), S_OK);
   CHECK(info->lpVtbl->QueryInterface(info, &IID_IQXErrorCode, (void**)&coded), S_OK);
   CHECK(coded->lpVtbl->GetCode(coded, &code), S_OK);

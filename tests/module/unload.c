@@ -15,38 +15,33 @@
 
 static void* module;
 static void* Symbol(const char* name) { return dlsym(module, name); }
-/* Functions through dlsym the way POSIX allows under ISO C: the pointer's bytes are copied. */
-#define LOAD(fn, name) memcpy(&(fn), &(void*){Symbol(name)}, sizeof(fn))
+/* Functions through dlsym the way POSIX allows under ISO C: the pointer's bytes are copied.
+ * True when the module has the function. */
+#define LOAD(fn, name) (memcpy(&(fn), &(void*){Symbol(name)}, sizeof(fn)), (fn) != NULL)
 static BSTR (*allocString)(const OLECHAR*);
 
-/* An ASCII path as an automation string. */
-static BSTR Wide(const char* text) {
-  OLECHAR buffer[4096];
-  size_t n = 0;
-  for (; text[n] != 0 && n + 1 < sizeof buffer / sizeof buffer[0]; ++n) buffer[n] = (OLECHAR)(unsigned char)text[n];
-  buffer[n] = 0;
-  return allocString(buffer);
-}
-
 static const char* samples;
+
+/* The sample group's (ASCII) path as an automation string. */
+static BSTR GroupPath(void) {
+  char text[4096];
+  OLECHAR wide[4096] = {0};
+  snprintf(text, sizeof text, "%s/school.mag", samples);
+  for (size_t n = 0; text[n] != 0; ++n) wide[n] = (OLECHAR)(unsigned char)text[n];
+  return allocString(wide);
+}
 
 static int Work(void) {
   HRESULT (*getClassObject)(REFCLSID, REFIID, void**), (*registerServer)(void), (*unregisterServer)(void);
   void (*freeString)(BSTR);
-  LOAD(getClassObject, "DllGetClassObject");
-  LOAD(registerServer, "DllRegisterServer");
-  LOAD(unregisterServer, "DllUnregisterServer");
-  LOAD(freeString, "SysFreeString");
-  LOAD(allocString, "SysAllocString");
   const IID* iidFactory = Symbol("IID_IClassFactory");
-  if (getClassObject == NULL || registerServer == NULL || unregisterServer == NULL ||
-      freeString == NULL || allocString == NULL || iidFactory == NULL)
+  if (!LOAD(getClassObject, "DllGetClassObject") || !LOAD(registerServer, "DllRegisterServer") ||
+      !LOAD(unregisterServer, "DllUnregisterServer") || !LOAD(freeString, "SysFreeString") ||
+      !LOAD(allocString, "SysAllocString") || iidFactory == NULL)
     FAIL("the module lacks its entry points");
   if (registerServer() != S_OK || unregisterServer() != S_OK) FAIL("registration failed");
 
-  char group[4096];
-  snprintf(group, sizeof group, "%s/school.mag", samples);
-  BSTR path = Wide(group), xml = NULL, title = NULL;
+  BSTR path = GroupPath(), xml = NULL, title = NULL;
 
   IClassFactory* cf = NULL;
   if (getClassObject(Symbol("CLSID_FileManager"), iidFactory, (void**)&cf) != S_OK)
@@ -82,8 +77,7 @@ int main(int argc, char** argv) {
   module = dlopen(argv[1], RTLD_NOW | RTLD_LOCAL);
   if (module == NULL) FAIL("cannot load %s: %s", argv[1], dlerror());
   HRESULT (*canUnloadNow)(void);
-  LOAD(canUnloadNow, "DllCanUnloadNow");
-  if (canUnloadNow == NULL) FAIL("the module lacks DllCanUnloadNow");
+  if (!LOAD(canUnloadNow, "DllCanUnloadNow")) FAIL("the module lacks DllCanUnloadNow");
   pthread_t worker;
   int failed = 1;
   if (pthread_create(&worker, NULL, Run, &failed) != 0 || pthread_join(worker, NULL) != 0)

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <fcntl.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -46,9 +45,7 @@ bool AsNobody(const std::function<bool()>& step) {
 TEST(TempFile, KeepReplacesTheTargetAndDiscardLeavesIt) {
   // keep: Keep(), else Discard(); explicitly: else the destructor decides.
   const struct { const char* name; bool keep, explicitly; const char* expected; } rows[] = {
-      {"g.grp", true, true, "new"},
-      {"g.grp", false, true, "old"},
-      {"g.grp", false, false, "old"},
+      {"g.grp", true, true, "new"}, {"g.grp", false, true, "old"}, {"g.grp", false, false, "old"},
       {"caf\xE9.grp", true, true, "new"},  // 1252 name, UTF-8 on disk
   };
   for (const auto& r : rows) {
@@ -58,8 +55,7 @@ TEST(TempFile, KeepReplacesTheTargetAndDiscardLeavesIt) {
     dir.Write(r.name == std::string("g.grp") ? "g.grp" : "caf\xC3\xA9.grp", "old");
     {
       TempFile tmp(target);
-      ASSERT_TRUE(tmp.IsOpen());
-      ASSERT_TRUE(tmp.file().Write("new", 3));
+      ASSERT_TRUE(tmp.IsOpen() && tmp.file().Write("new", 3));
       EXPECT_EQ(Contents(target), "old");  // nothing visible before Keep
       EXPECT_EQ(EntryCount(dir.path()), 1u) << "the new file has no name while it is written";
       if (r.explicitly && r.keep) { EXPECT_TRUE(tmp.Keep()); }
@@ -78,24 +74,17 @@ TEST(TempFile, TheFileStaysTheOwnersFile) {
   struct stat st {};
 
   ASSERT_TRUE(Replace(real, "1"));
-  ASSERT_EQ(::stat(real.c_str(), &st), 0);
-  EXPECT_NE(st.st_mode & 0044, 0u) << "a new file gets what an ordinary create gives";
+  EXPECT_TRUE(::stat(real.c_str(), &st) == 0 && (st.st_mode & 0044) != 0) << "made as a create makes it";
 
   ASSERT_EQ(::symlink("real.grp", link.c_str()), 0);
   ::chmod(real.c_str(), 0640);
-  if (root) {
-    ASSERT_EQ(::chown(real.c_str(), 65534, 65534), 0);
-  }
+  if (root) { ASSERT_EQ(::chown(real.c_str(), 65534, 65534), 0); }
   ASSERT_TRUE(Replace(link, "2"));
-  ASSERT_EQ(::lstat(link.c_str(), &st), 0);
-  EXPECT_TRUE(S_ISLNK(st.st_mode)) << "the link stays a link";
+  EXPECT_TRUE(::lstat(link.c_str(), &st) == 0 && S_ISLNK(st.st_mode)) << "the link stays a link";
   EXPECT_EQ(Contents(real), "2");
   ASSERT_EQ(::stat(real.c_str(), &st), 0);
   EXPECT_EQ(st.st_mode & 07777, 0640u);
-  if (root) {
-    EXPECT_EQ(st.st_uid, 65534u);
-    EXPECT_EQ(st.st_gid, 65534u);
-  }
+  if (root) { EXPECT_EQ(std::pair(st.st_uid, st.st_gid), std::pair(65534u, 65534u)); }
   EXPECT_EQ(EntryCount(dir.path()), 2u);
 }
 
@@ -128,11 +117,9 @@ TEST(TempFile, OldLeftoversOfAKilledWriterGo) {
   test::TempDir dir;
   const std::string target = dir.Write("g.grp", "old");
   const struct { const char* name; long ageSeconds; bool stays; } rows[] = {
-      {".g.grp.qxtmp~Ab12Cd", 7200, false},
-      {".g.grp.qxtmp~Ef34Gh", 60, true},       // may be a writer at work
-      {".g.grp.qxtmp~Ij56K", 7200, true},      // not our pattern
-      {".g.grp.backup", 7200, true},
-      {".h.grp.qxtmp~Ab12Cd", 7200, true},     // another file's
+      // Young: may be a writer at work; 5 letters: not our pattern; .h: another file's.
+      {".g.grp.qxtmp~Ab12Cd", 7200, false}, {".g.grp.qxtmp~Ef34Gh", 60, true},
+      {".g.grp.qxtmp~Ij56K", 7200, true}, {".g.grp.backup", 7200, true}, {".h.grp.qxtmp~Ab12Cd", 7200, true},
   };
   for (const auto& r : rows) {
     dir.Write(r.name, "x");

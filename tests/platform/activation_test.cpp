@@ -34,8 +34,7 @@ struct Probe final : IUnknown {
   }
   ULONG AddRef() override { return ++refs; }
   ULONG Release() override { return --refs == 0 ? (delete this, 0) : refs; }
-  Probe() { ++live; }
-  ~Probe() { --live; }
+  Probe() { ++live; } ~Probe() { --live; }
   ULONG refs = 1;
 };
 
@@ -48,6 +47,16 @@ class Activation : public ::testing::Test {
   test::ScopedRegistry registry_;
   const std::string dir_ = registry_.dir().path();
 };
+
+// Creates an object and lets it go; there must be one exactly when the call succeeds.
+HRESULT Create(const CLSID& clsid, DWORD context = CLSCTX_INPROC_SERVER, const IID& iid = IID_IUnknown,
+               IUnknown* outer = nullptr) {
+  void* object = reinterpret_cast<void*>(1);
+  const HRESULT hr = CoCreateInstance(clsid, outer, context, iid, &object);
+  EXPECT_EQ(object != nullptr, hr == S_OK);
+  if (object != nullptr) static_cast<IUnknown*>(object)->Release();
+  return hr;
+}
 
 #define REQUIRE_MODULE()                                                        \
   if (!std::filesystem::exists(QX_MODULE_PATH)) GTEST_SKIP() << "build target qxgroupmgr first"
@@ -65,21 +74,18 @@ TEST_F(Activation, BuiltinClassesAndTheFailuresAroundThem) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
-    void* object = reinterpret_cast<void*>(1);
-    EXPECT_EQ(CoCreateInstance(*row.clsid, row.outer, row.context, *row.iid, &object), row.expected);
-    EXPECT_EQ(object != nullptr, row.expected == S_OK);
-    if (object != nullptr) static_cast<IUnknown*>(object)->Release();
+    EXPECT_EQ(Create(*row.clsid, row.context, *row.iid, row.outer), row.expected);
     EXPECT_EQ(Probe::live.load(), 0);  // nothing leaks on any path
   }
   EXPECT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_ALL, IID_IUnknown, nullptr), E_POINTER);
 }
 
-TEST_F(Activation, RegisteredModuleReplacesTheBuiltinClass) {
+TEST_F(Activation, RegisteredModulesReplaceTheBuiltinClassOrFail) {
   REQUIRE_MODULE();
   // A built-in stand-in that has no IDispatch; the real class in the module has.
   RegisterBuiltinClass(kFileManagerClsid, &Probe::Create);
+  EXPECT_EQ(Create(kFileManagerClsid, CLSCTX_INPROC_SERVER, IID_IDispatch), E_NOINTERFACE);
   IDispatch* fm = nullptr;
-  EXPECT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, reinterpret_cast<void**>(&fm)), E_NOINTERFACE);
   Register(kFileManagerClsid, QX_MODULE_PATH);
   ASSERT_EQ(CoCreateInstance(kFileManagerClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IDispatch, reinterpret_cast<void**>(&fm)), S_OK);
   LPOLESTR names[] = {const_cast<LPOLESTR>(u"ReadContents")};
@@ -87,14 +93,10 @@ TEST_F(Activation, RegisteredModuleReplacesTheBuiltinClass) {
   EXPECT_EQ(fm->GetIDsOfNames(IID_NULL, names, 1, 0, &id), S_OK);
   EXPECT_EQ(fm->Release(), 0u);
   EXPECT_EQ(Probe::live.load(), 0);
-}
 
-TEST_F(Activation, RegisteredModulesThatCannotServe) {
-  REQUIRE_MODULE();
   const std::string notAModule = dir_ + "/not-a-module.so";
   std::ofstream(notAModule) << "text";
   const struct { const char* what; std::string module; const CLSID* clsid; HRESULT expected; } rows[] = {
-      {"missing file", dir_ + "/absent.so", &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"not a shared object", notAModule, &kProbeClsid, QX_E_MOD_NOT_FOUND},
       {"library without DllGetClassObject", "libz.so.1", &kProbeClsid, CO_E_ERRORINDLL},
       {"module without the class", QX_MODULE_PATH, &kUnknownClsid, CLASS_E_CLASSNOTAVAILABLE},
@@ -103,17 +105,12 @@ TEST_F(Activation, RegisteredModulesThatCannotServe) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
     Register(*row.clsid, row.module);
-    IUnknown* object = nullptr;
-    EXPECT_EQ(CoCreateInstance(*row.clsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&object)), row.expected);
-    EXPECT_EQ(object != nullptr, row.expected == S_OK);
-    if (object != nullptr) object->Release();
+    EXPECT_EQ(Create(*row.clsid), row.expected);
     registry::RegDeleteTree("CLSID\\" + GuidToString(*row.clsid));
   }
   // A damaged store holds no registration: built-in classes still work.
   std::ofstream(dir_ + "/registry.reg") << "not a registry file\n";
-  IUnknown* object = nullptr;
-  ASSERT_EQ(CoCreateInstance(kProbeClsid, nullptr, CLSCTX_INPROC_SERVER, IID_IUnknown, reinterpret_cast<void**>(&object)), S_OK);
-  object->Release();
+  EXPECT_EQ(Create(kProbeClsid), S_OK);
 }
 
 TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
@@ -122,16 +119,12 @@ TEST_F(Activation, ProgIdsFromTheRegistryThenTheBuiltins) {
            {"QX.Named.1\\CLSID", "{41035c38-1441-4016-b34a-dbe6374accf2}"}, {"QX.Broken\\CLSID", "41035C38-1441"},
            {"QX.Named\\CurVer", "QX.Named.1"}, {"QX.LoopA\\CurVer", "QX.LoopB"}, {"QX.LoopB\\CurVer", "QX.LoopA"}})
     ASSERT_EQ(registry::RegSetValue(key, "", value), registry::kErrorSuccess);
+  const HRESULT bad = CO_E_CLASSSTRING;
   const struct { const char16_t* progId; HRESULT expected; const CLSID* clsid; } rows[] = {
-      {u"QX.Named.1", S_OK, &kFileManagerClsid},
-      {u"qx.named.1", S_OK, &kFileManagerClsid},
-      {u"QX.Named", S_OK, &kFileManagerClsid},
-      {u"QX.LoopA", CO_E_CLASSSTRING, nullptr},
-      {u"QX.Probe", S_OK, &kProbeClsid},
-      {u"QX.Broken", CO_E_CLASSSTRING, nullptr},
-      {u"QX.NoClsid", CO_E_CLASSSTRING, nullptr},
-      {u"QX.Absent", CO_E_CLASSSTRING, nullptr},
-      {u"QX.Named.1\\CLSID", CO_E_CLASSSTRING, nullptr},
+      {u"QX.Named.1", S_OK, &kFileManagerClsid}, {u"qx.named.1", S_OK, &kFileManagerClsid},
+      {u"QX.Named", S_OK, &kFileManagerClsid}, {u"QX.Probe", S_OK, &kProbeClsid}, {u"QX.LoopA", bad, nullptr},
+      {u"QX.Broken", bad, nullptr}, {u"QX.NoClsid", bad, nullptr}, {u"QX.Absent", bad, nullptr},
+      {u"QX.Named.1\\CLSID", bad, nullptr},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(codepage::WideToAnsi(row.progId));

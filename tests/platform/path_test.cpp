@@ -7,12 +7,9 @@ namespace {
 
 TEST(Path, SplitsAndJoins) {
   const struct { const char* in; const char* parent; const char* name; const char* stem; const char* ext; } rows[] = {
-      {"dir/a.b.c", "dir/", "a.b.c", "a.b", ".c"},
-      {"a.", "", "a.", "a", "."},
-      {"/a", "/", "a", "a", ""},
-      {"dir.x/a", "dir.x/", "a", "a", ""},  // a dot in a folder is no extension
-      {".rc", "", ".rc", "", ".rc"},
-      {"dir/", "dir/", "", "", ""},
+      // A dot in a folder is no extension.
+      {"dir/a.b.c", "dir/", "a.b.c", "a.b", ".c"}, {"a.", "", "a.", "a", "."}, {"/a", "/", "a", "a", ""},
+      {"dir.x/a", "dir.x/", "a", "a", ""}, {".rc", "", ".rc", "", ".rc"}, {"dir/", "dir/", "", "", ""},
   };
   for (const auto& r : rows) {
     SCOPED_TRACE(r.in);
@@ -21,10 +18,9 @@ TEST(Path, SplitsAndJoins) {
     EXPECT_EQ(Stem(r.in), r.stem);
     EXPECT_EQ(Extension(r.in), r.ext);
   }
-  EXPECT_EQ(Join("dir", "a"), "dir/a");
-  EXPECT_EQ(Join("dir/", "a"), "dir/a");
-  EXPECT_EQ(Join("", "a"), "a");
-  EXPECT_EQ(Join("dir", ""), "dir/");
+  for (const auto& [a, b, joined] : {std::tuple{"dir", "a", "dir/a"}, {"dir/", "a", "dir/a"}, {"", "a", "a"},
+                                      {"dir", "", "dir/"}})
+    EXPECT_EQ(Join(a, b), joined) << a << "+" << b;
 }
 
 }  // namespace

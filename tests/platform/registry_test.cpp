@@ -62,19 +62,16 @@ TEST(RegistryTree, WritesRegFileTextAndReadsItBack) {
 }
 
 TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
+  const std::string key = "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n";
   const struct { const char* what; std::string text; bool ok; } rows[] = {
-      {"empty file", "", true},
-      {"only blank lines and comments", "\n; written by hand\r\n\n", true},
+      {"empty file", "", true}, {"only blank lines and comments", "\n; written by hand\r\n\n", true},
       {"bom, crlf, comment, spaces", "\xEF\xBB\xBFWindows Registry Editor Version 5.00\r\n\r\n; note\r\n[HKEY_CLASSES_ROOT\\A]\r\n@ = \"x\"  \r\n", true},
       {"root in another case", "REGEDIT4\n[hkey_classes_root\\A]\n", true},
-      {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false},
-      {"value before any key", "REGEDIT4\n@=\"x\"\n", false},
+      {"no header", "[HKEY_CLASSES_ROOT\\A]\n", false}, {"value before a key", "REGEDIT4\n@=\"x\"\n", false},
       {"other root", "REGEDIT4\n[HKEY_CURRENT_USER\\A]\n", false},
       {"unclosed key", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A\n", false},
-      {"dword value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n\"n\"=dword:00000001\n", false},
-      {"unterminated string", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"abc\n", false},
-      {"unknown escape", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\\tb\"\n", false},
-      {"text after value", "REGEDIT4\n[HKEY_CLASSES_ROOT\\A]\n@=\"a\" x\n", false},
+      {"dword value", key + "\"n\"=dword:00000001\n", false}, {"unterminated", key + "@=\"abc\n", false},
+      {"unknown escape", key + "@=\"a\\tb\"\n", false}, {"text after value", key + "@=\"a\" x\n", false},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.what);
@@ -88,7 +85,7 @@ TEST(RegistryTree, ParseAcceptsExportsAndRejectsDamage) {
   }
 }
 
-TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
+TEST_F(RegistryStore, ChangesPersistDeleteTreeKeepsTheParentAndOthersChangesAreRead) {
   std::string data;
   EXPECT_EQ(RegQueryValue("CLSID\\{A}", "", data), kErrorFileNotFound);  // no file yet
   ASSERT_EQ(RegSetValue("CLSID\\{A}", "", "A Class"), kErrorSuccess);
@@ -96,13 +93,11 @@ TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
   ASSERT_EQ(RegCreateKey("CLSID\\{B}"), kErrorSuccess);
 
   ASSERT_EQ(RegDeleteTree("clsid\\{a}"), kErrorSuccess);
-  EXPECT_EQ(RegOpenKey("CLSID\\{A}\\InprocServer32"), kErrorFileNotFound);
-  EXPECT_EQ(RegOpenKey("CLSID\\{A}"), kErrorFileNotFound);
-  EXPECT_EQ(RegOpenKey("CLSID"), kErrorSuccess);
-  EXPECT_EQ(RegOpenKey("CLSID\\{B}"), kErrorSuccess);
+  for (const auto& [key, expected] : {std::pair{"CLSID\\{A}\\InprocServer32", kErrorFileNotFound},
+           {"CLSID\\{A}", kErrorFileNotFound}, {"CLSID", kErrorSuccess}, {"CLSID\\{B}", kErrorSuccess}})
+    EXPECT_EQ(RegOpenKey(key), expected) << key;
   EXPECT_EQ(RegDeleteTree("CLSID\\{A}"), kErrorFileNotFound);
   EXPECT_EQ(RegDeleteValue("CLSID\\{B}", "none"), kErrorFileNotFound);
-
   std::string name;
   EXPECT_EQ(RegEnumKey("CLSID", 0, name), kErrorSuccess);
   EXPECT_EQ(name, "{B}");
@@ -111,11 +106,9 @@ TEST_F(RegistryStore, ChangesPersistAndDeleteTreeKeepsTheParent) {
   std::set<std::string> leaves;  // no temporary files beside the store and its lock
   for (const auto& entry : stdfs::directory_iterator(dir_ + "/conf")) leaves.insert(entry.path().filename().string());
   EXPECT_EQ(leaves, (std::set<std::string>{"registry.reg", "registry.reg.lock"}));
-}
 
-TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
+  // Someone else changes the file: it is read again.
   ASSERT_EQ(RegSetValue("K", "v", "mine"), kErrorSuccess);
-  std::string data;
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
   std::ofstream(file_, std::ios::binary | std::ios::trunc) << "REGEDIT4\n\n[HKEY_CLASSES_ROOT\\K]\n\"v\"=\"theirs, longer\"\n";
   ASSERT_EQ(RegQueryValue("K", "v", data), kErrorSuccess);
@@ -128,21 +121,15 @@ TEST_F(RegistryStore, ReReadsTheFileWhenSomeoneElseChangedIt) {
 
 TEST_F(RegistryStore, ProcessesWritingAtOnceKeepEachOthersKeys) {
   constexpr int kProcesses = 3, kKeysEach = 40;
-  pid_t children[kProcesses];
   for (int p = 0; p < kProcesses; ++p) {
-    children[p] = ::fork();
-    ASSERT_GE(children[p], 0);
-    if (children[p] == 0) {
-      int failures = 0;
-      for (int k = 0; k < kKeysEach; ++k) failures += RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess;
-      ::_exit(failures == 0 ? 0 : 1);
-    }
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    for (int k = 0; child == 0 && k < kKeysEach; ++k)
+      if (RegCreateKey("P" + std::to_string(p) + "\\K" + std::to_string(k)) != kErrorSuccess) ::_exit(1);
+    if (child == 0) ::_exit(0);
   }
-  for (pid_t child : children) {
-    int status = 0;
-    ASSERT_EQ(::waitpid(child, &status, 0), child);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-  }
+  for (int status = 0, p = 0; p < kProcesses; ++p)
+    EXPECT_TRUE(::wait(&status) > 0 && WIFEXITED(status) && WEXITSTATUS(status) == 0);
   Tree tree;
   ASSERT_EQ(Load(tree), kErrorSuccess);
   for (int p = 0; p < kProcesses; ++p) {

@@ -45,10 +45,7 @@ TEST(ShellNotify, ObserverMayRemoveObserversWhileCalled) {
     RemoveObserver(self);
     RemoveObserver(later);
   });
-  ScopedObserver thrower([&](const ChangeEvent&) {
-    calls.push_back(2);
-    throw std::runtime_error("observer failure");
-  });
+  ScopedObserver throws([&](const ChangeEvent&) { calls.push_back(2); throw std::runtime_error("x"); });
   later = AddObserver([&](const ChangeEvent&) { calls.push_back(3); });
   ScopedObserver last([&](const ChangeEvent&) { calls.push_back(4); });
 

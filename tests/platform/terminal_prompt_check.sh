@@ -14,18 +14,14 @@ fail() { echo "FAIL $1: $2"; [ -f "$3" ] && sed 's/^/    | /' "$3"; failures=$((
 # run_case NAME FILE MARKER KEYS STATUS: adds FILE to a group holding prog1.map, waits for
 # MARKER, then sends KEYS (tmux send-keys arguments) or SIGTERM for "killed".
 run_case() {
-  name=$1 file=$2 marker=$3 keys=$4 want=$5
-  before=$failures dir="$work/$name"
-  mkdir -p "$dir"
-  "$qx" create "$dir/g.mag" "$src/samples/prog1.map" || exit 1
+  name=$1 file=$2 marker=$3 keys=$4 want=$5 before=$failures dir="$work/$1"
+  mkdir -p "$dir" && "$qx" create "$dir/g.mag" "$src/samples/prog1.map" || exit 1
   cp "$dir/g.mag" "$dir/before.mag"
   tmux -L "$sock" new-session -d -s "$name" -x 100 -y 30 \
     "sh -c 'echo \$\$ >\"$dir/pid\"; exec \"$qx\" add \"$dir/g.mag\" \"$file\" --on-duplicate=ask' \
      2>'$dir/err'; echo \$? >'$dir/status'; stty -a >'$dir/stty'; sleep 60"
-  if ! wait_until screen_shows "$name" "$marker"; then
-    tmux -L "$sock" capture-pane -p -t "$name" >"$dir/screen" 2>/dev/null
-    fail "$name" "prompt did not appear" "$dir/screen"; return
-  fi
+  wait_until screen_shows "$name" "$marker" || { tmux -L "$sock" capture-pane -p -t "$name" >"$dir/screen"
+    fail "$name" "prompt did not appear" "$dir/screen"; return; }
   # shellcheck disable=SC2086
   if [ "$keys" = killed ]; then kill -TERM "$(cat "$dir/pid")"; else tmux -L "$sock" send-keys -t "$name" $keys; fi
   wait_until [ -s "$dir/status" ] || { fail "$name" "no answer after the keys" "$dir/err"; return; }

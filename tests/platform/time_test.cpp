@@ -7,25 +7,17 @@ namespace qx::timeutil {
 namespace {
 
 // Ordinary stamps both ways are pinned by the zip tests (tests/archive); here the edges.
-TEST(Time, DosDateTimeEdges) {
+TEST(Time, DosEdgesLocalTimeAndFileTimes) {
   uint16_t d = 0, t = 0;
   ToDosDateTime({2107, 12, 0, 31, 23, 59, 58, 0}, d, t);
-  EXPECT_EQ(d, 0xFF9F);
-  EXPECT_EQ(t, 0xBF7D);
+  EXPECT_EQ(std::pair(d, t), (std::pair<uint16_t, uint16_t>(0xFF9F, 0xBF7D)));
   // Odd seconds lose one; years before the format's range are clamped.
   ToDosDateTime({1975, 6, 0, 15, 1, 2, 3, 0}, d, t);
-  EXPECT_EQ(d >> 9, 0);
-  EXPECT_EQ(t & 0x1F, 1);
-  // A zero date (as some archives store) gives a valid calendar day, and its weekday.
+  EXPECT_EQ(std::pair(d >> 9, t & 0x1F), std::pair(0, 1));
+  // A zero date (as some archives store) gives a valid calendar day, and its weekday (a Tuesday).
   const SYSTEMTIME zero = FromDosDateTime(0, 0);
-  EXPECT_EQ(zero.wYear, 1980);
-  EXPECT_EQ(zero.wMonth, 1);
-  EXPECT_EQ(zero.wDay, 1);
-  EXPECT_EQ(zero.wDayOfWeek, 2);  // 1 January 1980 was a Tuesday
+  EXPECT_EQ(std::tuple(zero.wYear, zero.wMonth, zero.wDay, zero.wDayOfWeek), std::tuple(1980, 1, 1, 2));
   EXPECT_EQ(FromDosDateTime(0x21, 0x1F).wSecond, 59);  // a stored 62 seconds is held to the minute
-}
-
-TEST(Time, LocalTimeAndFileTimes) {
   SYSTEMTIME st{};
   ASSERT_TRUE(ToLocal(1'000'000'000, st));
   EXPECT_EQ(FromLocal(st), 1'000'000'000);

