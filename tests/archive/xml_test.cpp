@@ -30,6 +30,8 @@ TEST(XmlText, ParsedDocumentsSerialiseExactly) {
       {"nested closes", "<a><b><c/></b><d/></a>", "\r\n<a>\r\n<b>\r\n<c></c>\r\n</b>\r\n<d></d>\r\n</a>\r\n"},
       {"declaration", "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<a/>",
        "<?xml version=\"1.0\" encoding=\"UTF-8\" ?>\r\n\r\n<a></a>\r\n"},
+      {"stray > in the declaration", "<?xml version=\"1.0\" > encoding=\"latin1\"?><a/>",
+       "<?xml version=\"1.0\" encoding=\"latin1\" ?>\r\n\r\n<a></a>\r\n"},
       {"declaration quotes", "<?xml version='1.0' standalone=no ?><a/>",
        "<?xml version=\"1.0\" standalone=\"no\" ?>\r\n\r\n<a></a>\r\n"},
       {"preamble keeps PI and DOCTYPE",
