@@ -75,6 +75,8 @@ std::vector<OpenRow> OpenRows() {
            std::to_string(Payload(differs).size()) + ")"},
       {"name length past the end of the file", hugeName, -1, ""},
       {"local extra field past the end of the file", longExtra, -1, "Zip file is truncated in a local header"},
+      {"more directory headers than members", std::string(good).replace(good.find("PK\x03\x04", 1), 4, "XXXX"), -1,
+       "Central directory does not match the local headers"},
       {"fewer directory headers than members", BuildZip({a, b}, {.dropCentral = 1}), -1, ""},
       {"ZIP64 size marker", BuildZip({a, wide}), -1, "Zip64 archives are not supported",
        "zip-unsupported: Zip64 archives are not supported (entry 1 (w.kdp) at offset " +
