@@ -6,7 +6,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <new>
 #include <string>
 
@@ -63,11 +62,6 @@ namespace {
 namespace stdfs = std::filesystem;
 const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 Bstr B(const std::string& utf8) { return Bstr(codepage::Utf8ToWide(utf8)); }
 
 // A call with its arguments made before memory starts to fail: the group and a second string
@@ -114,7 +108,7 @@ Outcome RunOnce(const Operation& op, const std::string& dir, long failAt) {
   o.live = g_live;
   o.out = codepage::WideToUtf8(names.view());
   o.fired = g_fired;
-  o.group = ReadAll(group);
+  o.group = test::ReadFileBytes(group);
   return o;
 }
 
@@ -131,7 +125,7 @@ TEST(AllocationFailure, EveryAllocationFailsOnceInTurn) {
   };
   for (const Operation& op : ops) {
     SCOPED_TRACE(op.name);
-    const std::string original = ReadAll(kSamples + op.group);
+    const std::string original = test::ReadFileBytes(kSamples + op.group);
     const Outcome whole = RunOnce(op, dir, -1);
     ASSERT_EQ(whole.hr, S_OK) << whole.why;
     long n = 0;

@@ -15,8 +15,6 @@ namespace {
 
 using namespace test;
 
-std::string Read(const std::string& path) { return ReadFileBytes(path); }
-
 class KCGroupTest : public ::testing::Test {
  protected:
   // A group of three programs A, B, C named g.kcg.
@@ -34,13 +32,13 @@ TEST_F(KCGroupTest, CreateWithOneFileThenExtractIt) {
   const std::string group = dir_ / "new.kcg";
   OldGroupContainerKC c(group, nullptr);
   ASSERT_EQ(c.CreateWithMembers({single}, ""), 1);
-  EXPECT_EQ(Read(group).size(), 77u);
+  EXPECT_EQ(ReadFileBytes(group).size(), 77u);
   StringList names;
   EXPECT_EQ(c.ListMembers(names), 1);
   EXPECT_EQ(names, StringList{"PROG.kcp"});
   std::filesystem::create_directory(dir_ / "out");
   ASSERT_EQ(c.ExtractMember("PROG.kcp", dir_ / "out/"), 1);
-  EXPECT_EQ(Read(dir_ / "out/PROG.kcp"), Read(single));  // what went in
+  EXPECT_EQ(ReadFileBytes(dir_ / "out/PROG.kcp"), ReadFileBytes(single));  // what went in
 }
 
 TEST_F(KCGroupTest, CreateWithoutFilesNeedsAKnownFamily) {
@@ -49,7 +47,7 @@ TEST_F(KCGroupTest, CreateWithoutFilesNeedsAKnownFamily) {
   const std::string group = ThreeMemberGroup();
   OldGroupContainerKC c(group, nullptr);
   ASSERT_EQ(c.CreateWithMembers({}, ""), 1);
-  const std::string bytes = Read(group);
+  const std::string bytes = ReadFileBytes(group);
   ASSERT_EQ(bytes.size(), 57u);
   EXPECT_EQ(bytes.substr(53), std::string(4, '\0'));
 }
@@ -64,7 +62,7 @@ TEST_F(KCGroupTest, AddingAGroupFileAddsAllItsVariablesInOneWrite) {
   ASSERT_EQ(c.AddMembers({other, one}, "", &state, nullptr, nullptr), 1);
   const std::string section = KCEntry(5, "A", "aa") + KCEntry(5, "Z", "z") + KCEntry(5, "X", "1") +
                               KCEntry(5, "Y", "22") + KCEntry(5, "W", "333") + KCEntry(5, "V", "4");
-  EXPECT_EQ(Read(group), KCFile(kKC, "keep", section));
+  EXPECT_EQ(ReadFileBytes(group), KCFile(kKC, "keep", section));
   EXPECT_EQ(c.GetMemberCount(), 6);
 }
 
@@ -104,7 +102,7 @@ TEST_F(KCGroupTest, AddingFamiliesAndDuplicates) {
     EXPECT_EQ(container.AddMembers(files, "", &state, row.answer == kNoPrompt ? nullptr : &RecordingPrompt::Ask,
                                    &prompt), row.result);
     EXPECT_EQ(prompt.asked, row.asked);
-    EXPECT_EQ(Read(group), KCFile(kKC, "c", row.section));
+    EXPECT_EQ(ReadFileBytes(group), KCFile(kKC, "c", row.section));
     EXPECT_EQ(state, row.state);
   }
 }
@@ -126,7 +124,7 @@ TEST_F(KCGroupTest, ReplacingWritesWhatDeletingWould) {
     const std::string dup = dir_.Write("b.kcp", KCFile(kKC, "", bNew));
     OldGroupContainerKC container(group, nullptr);
     EXPECT_EQ(container.AddMembers({dup}, "", nullptr, nullptr, nullptr), 1);
-    EXPECT_EQ(Read(group), KCFile(kKC, "c", a + c + bNew));
+    EXPECT_EQ(ReadFileBytes(group), KCFile(kKC, "c", a + c + bNew));
   }
 }
 
@@ -140,10 +138,10 @@ TEST_F(KCGroupTest, Deleting) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = ThreeMemberGroup();
-    const std::string before = Read(group);
+    const std::string before = ReadFileBytes(group);
     OldGroupContainerKC c(group, nullptr);
     EXPECT_EQ(c.DeleteMembers(row.names), row.result);
-    EXPECT_EQ(Read(group), row.section.empty() ? before : KCFile(kKC, "c", row.section));
+    EXPECT_EQ(ReadFileBytes(group), row.section.empty() ? before : KCFile(kKC, "c", row.section));
   }
 }
 
@@ -154,7 +152,7 @@ TEST_F(KCGroupTest, LargeSectionStoresZeroLengthAndReadsBack) {
   OldGroupContainerKC c(group, nullptr);
   int32_t state = 0;
   ASSERT_EQ(c.AddMembers({file}, "", &state, nullptr, nullptr), 1);
-  EXPECT_EQ(Read(group).size(), 57u + 2 * 15 + 65000 + 1000);
+  EXPECT_EQ(ReadFileBytes(group).size(), 57u + 2 * 15 + 65000 + 1000);
   StringList names;
   EXPECT_EQ(c.ListMembers(names), 1);
   EXPECT_EQ(names, (StringList{"A.kcp", "B.kcp"}));
@@ -187,11 +185,11 @@ TEST_F(KCGroupTest, ExtractWritesASingleVariableFile) {
   OldGroupContainerKC c(group, nullptr);
   const std::string out = dir_.path() + "/";
   ASSERT_EQ(c.ExtractMember("b.kcp", out), 1);
-  EXPECT_EQ(Read(out + "B.kcp"), KCFile(kKC, "", KCEntry(5, "B", "bbb")));
+  EXPECT_EQ(ReadFileBytes(out + "B.kcp"), KCFile(kKC, "", KCEntry(5, "B", "bbb")));
   EXPECT_EQ(c.ExtractMember("nothere.kcp", out), 0);
   EXPECT_EQ(c.ExtractMember("b.kcp", out + "missing/"), 0);
   ASSERT_EQ(c.ExtractAllMembers(out), 1);
-  EXPECT_EQ(Read(out + "C.kcp"), KCFile(kKC, "", KCEntry(5, "C", "c")));
+  EXPECT_EQ(ReadFileBytes(out + "C.kcp"), KCFile(kKC, "", KCEntry(5, "C", "c")));
 
   // A member whose name would climb out of the folder is not written anywhere.
   const std::string evil = dir_.Write("evil.kcg", KCFile(kKC, "", KCEntry(5, "A", "a") + KCEntry(5, "../EVIL", "e")));

@@ -20,8 +20,6 @@ using namespace test;
 
 const std::string kNBX = "**QXNBX*\x01";
 
-std::string Read(const std::string& path) { return ReadFileBytes(path); }
-
 class MAGroupTest : public ::testing::Test {
  protected:
   std::string Group(const std::vector<Folder>& folders, const std::string& tail = "") {
@@ -48,7 +46,7 @@ TEST_F(MAGroupTest, NewEmptyGroupHasNoMembers) {
   const std::string group = Group({{"main", {kA}}});
   OldGroupContainerMA c(group, nullptr);
   ASSERT_EQ(c.CreateWithMembers({}, ""), 1);
-  EXPECT_EQ(Read(group).substr(58), MAGroupFile({{"main", {}}}).substr(58));  // the comment is the time
+  EXPECT_EQ(ReadFileBytes(group).substr(58), MAGroupFile({{"main", {}}}).substr(58));  // the comment is the time
   EXPECT_EQ(c.GetMemberCount(), -1);
   EXPECT_EQ(c.IsValid(), 1);
 }
@@ -67,7 +65,7 @@ TEST_F(MAGroupTest, CreateFromFiles) {
     const std::string group = dir_ / (row.names.front() + ".mag");
     OldGroupContainerMA c(group, nullptr);
     ASSERT_EQ(c.CreateWithMembers(files, ""), 1);
-    EXPECT_EQ(Read(group).substr(58), MAGroupFile({{"main", row.expected}}).substr(58));
+    EXPECT_EQ(ReadFileBytes(group).substr(58), MAGroupFile({{"main", row.expected}}).substr(58));
     StringList names;
     ASSERT_EQ(c.ListMembers(names), 1);
     EXPECT_EQ(names, row.names);
@@ -90,7 +88,7 @@ TEST_F(MAGroupTest, AddingPlacesTheMemberAndRewritesOffsets) {
     OldGroupContainerMA c(group, nullptr);
     int32_t state = 0;
     ASSERT_EQ(c.AddMembers({dir_.Write("c.mas", row.file)}, "", &state, nullptr, nullptr), 1);
-    EXPECT_EQ(Read(group), MAGroupFile(row.expected, "c") + row.tail);
+    EXPECT_EQ(ReadFileBytes(group), MAGroupFile(row.expected, "c") + row.tail);
   }
 }
 
@@ -109,11 +107,11 @@ TEST_F(MAGroupTest, Deleting) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = Group(start);
-    const std::string before = Read(group);
+    const std::string before = ReadFileBytes(group);
     const size_t files = FilesInDir();
     OldGroupContainerMA c(group, nullptr);
     EXPECT_EQ(c.DeleteMembers(row.names), row.result);
-    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
+    EXPECT_EQ(ReadFileBytes(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
     EXPECT_EQ(FilesInDir(), files);  // no temporary file left behind
   }
 }
@@ -133,7 +131,7 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     const std::string group = Group({{"main", {kA, kB}}});
-    const std::string before = Read(group);
+    const std::string before = ReadFileBytes(group);
     OldGroupContainerMA c(group, nullptr);
     RecordingPrompt p;
     p.answer = row.answer;
@@ -141,7 +139,7 @@ TEST_F(MAGroupTest, FamiliesAndDuplicates) {
     const std::string file = Single("f.nbp", "main", row.var, row.fileSig);
     EXPECT_EQ(c.AddMembers({file}, "", &state, &RecordingPrompt::Ask, &p), row.result);
     EXPECT_EQ(p.asked, row.asked);
-    EXPECT_EQ(Read(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
+    EXPECT_EQ(ReadFileBytes(group), row.expected.empty() ? before : MAGroupFile(row.expected, "c"));
   }
 }
 
@@ -172,7 +170,7 @@ TEST_F(MAGroupTest, ReplacingDuplicatesWritesWhatDeletingWould) {
     OldGroupContainerMA container(group, nullptr);
     int32_t state = PromptReplaceAll;
     ASSERT_EQ(container.AddMembers(files, "", &state, nullptr, nullptr), 1);
-    EXPECT_EQ(Read(group), MAGroupFile(row.expected, "c"));
+    EXPECT_EQ(ReadFileBytes(group), MAGroupFile(row.expected, "c"));
   }
 }
 
@@ -185,7 +183,7 @@ TEST_F(MAGroupTest, ContentsListingAndExtraction) {
                  "<file Size=\"3\">x.C.mas</file>\r\n</group>\r\n");
   const std::string out = dir_.path() + "/";
   ASSERT_EQ(c.ExtractMember("X.C.MAS", out), 1);
-  EXPECT_EQ(Read(out + "x.C.mas"), MAVarFile("x", kC));
+  EXPECT_EQ(ReadFileBytes(out + "x.C.mas"), MAVarFile("x", kC));
   EXPECT_EQ(c.ContainsMember("main.p.MAP"), 1);
   EXPECT_EQ(c.ContainsMember("main.p"), 0);
   std::string name;
@@ -215,7 +213,7 @@ TEST_F(MAGroupTest, MembersPastTheEndFailCleanly) {
       EXPECT_EQ(diag::Current()->code, "damaged");
       EXPECT_FALSE(std::filesystem::exists(out + row.member));
     }
-    EXPECT_EQ(Read(group), row.bytes);
+    EXPECT_EQ(ReadFileBytes(group), row.bytes);
   }
 }
 
@@ -263,12 +261,12 @@ TEST_F(MAGroupTest, ReusedListingFollowsChanges) {
   ASSERT_EQ(container.AddMembers({Single("c.mas", "main", kC)}, "", nullptr, nullptr, nullptr), 1);
   EXPECT_EQ(container.ContainsMember("main.C.mas"), 1);
   EXPECT_EQ(container.ExtractMember("main.c.MAS", dir_.path() + "/"), 1);
-  EXPECT_EQ(Read(dir_ / "main.C.mas"), MAVarFile("main", kC));
+  EXPECT_EQ(ReadFileBytes(dir_ / "main.C.mas"), MAVarFile("main", kC));
 }
 
 TEST_F(MAGroupTest, TypeWithoutLetterListsBareAndRefusesChanges) {
   const std::string group = Group({{"main", {{"Z", 0x05, "z"}, kA}}});
-  const std::string before = Read(group);
+  const std::string before = ReadFileBytes(group);
   OldGroupContainerMA c(group, nullptr);
   StringList names;
   EXPECT_EQ(c.ListMembers(names), 1);
@@ -276,7 +274,7 @@ TEST_F(MAGroupTest, TypeWithoutLetterListsBareAndRefusesChanges) {
   EXPECT_EQ(c.DeleteMembers({"main.a.map"}), 0);
   int32_t state = 0;
   EXPECT_EQ(c.AddMembers({Single("b.map", "main", kB)}, "", &state, nullptr, nullptr), 0);
-  EXPECT_EQ(Read(group), before);
+  EXPECT_EQ(ReadFileBytes(group), before);
 }
 
 TEST_F(MAGroupTest, Validity) {

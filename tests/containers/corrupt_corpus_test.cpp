@@ -22,11 +22,6 @@ namespace {
 const std::string kCorrupt = QX_TEST_DATA_DIR "/corrupt/";
 const std::string kSamples = QX_TEST_DATA_DIR "/../../samples/";
 
-std::string ReadAll(const std::string& path) {
-  std::ifstream in(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(in), {}};
-}
-
 std::string Recorded() {
   const diag::Diagnostic* d = diag::Current();
   return d == nullptr ? "(nothing recorded)" : d->code + " " + diag::Describe();
@@ -92,11 +87,11 @@ TEST(CorruptFiles, EachReaderFailsNamingTheProblem) {
     const std::string path = dir / file;
     std::filesystem::copy_file(kCorrupt + file, path);
     std::filesystem::create_directory(dir / "out");
-    const std::string before = ReadAll(path);
+    const std::string before = test::ReadFileBytes(path);
     ASSERT_FALSE(before.empty() && reader != "xml");
     const std::string report = Read(reader, path, dir / "out/");
     EXPECT_NE(report.find(expected), std::string::npos) << report;
-    EXPECT_EQ(ReadAll(path), before) << "the reader changed the file";
+    EXPECT_EQ(test::ReadFileBytes(path), before) << "the reader changed the file";
   }
   EXPECT_GT(rows, 0);
 }
