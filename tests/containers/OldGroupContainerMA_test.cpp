@@ -294,6 +294,7 @@ TEST_F(MAGroupTest, Validity) {
   OldGroupContainerMA gone(dir_.Write("gone.mag", MAGroupFile({{"main", {kA}}})), nullptr);
   std::filesystem::remove(dir_ / "gone.mag");
   EXPECT_EQ(gone.IsValid(), 0);
+  EXPECT_EQ(gone.ExtractMember("main.A.map", dir_.path() + "/"), 0);
   // Pointed at another file, it answers for that one.
   EXPECT_EQ(gone.SetPath(dir_.Write("back.mag", MAGroupFile({{"main", {kA}}}))), 1);
   EXPECT_EQ(gone.IsValid(), 1);
