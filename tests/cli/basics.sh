@@ -27,7 +27,9 @@ expect "bad --ui" 2 '' '' -- "$qx" call --ui=maybe UseQXAscii 1
 expect "UTF-8 out of 1252 refused" 2 '' 'Windows-1252' -- "$qx" call ReadContents 'γ.mag'
 
 # info: what files are.
-expect "info on samples" 0 'school.mag: MA family' '^$' -- "$qx" info school.mag prog1.map
+expect "info on samples" 0 '' '^$' -- "$qx" info school.mag prog1.map math.kdg PROG.kdp
+[ "$(cut -d, -f3 out.txt | tr '\n' ,)" = " group of 3 variables, single variable, group of 3 variables, single variable," ] ||
+  fail "info tells groups from single variables: $(cat out.txt)"
 expect "info names flash files" 0 'Hello.kdk: flash file' '' -- "$qx" info Hello.kdk
 expect "info on text" 0 'notes.txt: not a calculator file' '' -- "$qx" info notes.txt
 expect "info on a missing file" 1 '' 'qxgroup: nothere: no such file' -- "$qx" info nothere
