@@ -276,8 +276,20 @@ TEST_F(ZipGroupTest, NestedGroupsThreeDeep) {
       << xml;
 }
 
-// A member claiming 4 GiB: the listing names it as a file, a change through it fails cleanly.
+// A chain of 20 archives each holding the next, and a member claiming 4 GiB: the listing
+// stops at the depth limit or the byte budget, changes through them fail cleanly.
 TEST_F(ZipGroupTest, NestingIsBounded) {
+  std::string chain = ziptest::BuildZip({{"leaf.txt", "x", 0}});
+  for (int i = 0; i < 20; ++i) chain = ziptest::BuildZip({{"c.qxg", chain, 0}});
+  auto c = factory.CreateContainer(dir.Write("c.qxg", chain));
+  ASSERT_NE(c, nullptr);
+  std::string deep;
+  for (int i = 0; i < 20; ++i) deep += "c.qxg\\";
+  diag::Clear();
+  EXPECT_EQ(c->DeleteMembers({deep + "leaf.txt"}), 0);
+  ASSERT_NE(diag::Current(), nullptr);
+  EXPECT_EQ(diag::Current()->code, "nesting-too-deep");
+
   // Sizes claimed in both headers: 0xF0000000 bytes.
   ziptest::Member huge{"huge.qxg", "small", 0};
   huge.uncompressedSize = 0xF0000000;
