@@ -30,9 +30,8 @@ class MAGroupTest : public ::testing::Test {
     return dir_.Write(file, MAVarFile(folder, v, sig));
   }
   size_t FilesInDir() const {
-    size_t n = 0;
-    for ([[maybe_unused]] const auto& e : std::filesystem::directory_iterator(dir_.path())) ++n;
-    return n;
+    const std::filesystem::directory_iterator files(dir_.path());
+    return static_cast<size_t>(std::distance(begin(files), end(files)));
   }
   ScopedRegistry registry_;
   const TempDir& dir_ = registry_.dir();
