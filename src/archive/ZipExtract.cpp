@@ -62,7 +62,7 @@ bool Decompress(ArchiveState& s, const Record& r, std::optional<size_t> index, c
     z_stream z{};
     if (inflateInit2(&z, -MAX_WBITS) != Z_OK) return false;
     std::vector<unsigned char> out(kChunk);
-    bool ended = false, failed = false;
+    bool ended = false, reported = false;  // reported: the size check or the sink has said why
     const auto feed = [&](const unsigned char* p, size_t n) {
       z.next_in = const_cast<unsigned char*>(p);
       z.avail_in = static_cast<uInt>(n);
@@ -73,7 +73,7 @@ bool Decompress(ArchiveState& s, const Record& r, std::optional<size_t> index, c
         if (rc != Z_OK && rc != Z_STREAM_END && rc != Z_BUF_ERROR) return false;  // logged below
         const size_t got = out.size() - z.avail_out;
         if (got > 0 && !checked(out.data(), got)) {
-          failed = true;
+          reported = true;
           return false;
         }
         if (rc == Z_STREAM_END) ended = true;
@@ -83,8 +83,8 @@ bool Decompress(ArchiveState& s, const Record& r, std::optional<size_t> index, c
     };
     const bool copied = CopyStoredBytes(s, r, feed);
     inflateEnd(&z);
-    if (!copied || failed || !ended) {
-      if (!failed) s.Log("Member data is damaged");
+    if (!copied || reported || !ended) {
+      if (!reported) s.Log("Member data is damaged");
       diag::Record("zip-damaged", s.path, "Member data is damaged (" + DataAt(r, index) + ")");
       return false;
     }
